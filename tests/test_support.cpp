@@ -1,0 +1,149 @@
+#include "tests/test_support.h"
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "tools/zvkfilereader.h"
+
+namespace zorvek {
+namespace testing_support {
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/zorvek-test-XXXXXX";
+  const char* made = mkdtemp(pattern);
+  EXPECT_NE(made, nullptr);
+  m_path = made != nullptr ? made : "/tmp";
+}
+
+TempDir::~TempDir() {
+  const std::string command = "rm -rf '" + m_path + "'";
+  if (m_path.rfind("/tmp/zorvek-test-", 0) == 0) EXPECT_EQ(0, system(command.c_str()));
+}
+
+std::vector<std::string> TempDir::list() const {
+  std::vector<std::string> names;
+  DIR* dir = opendir(m_path.c_str());
+  if (dir == nullptr) return names;
+  while (dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+ScopedEnv::ScopedEnv(const std::string& name, const char* value) : m_name(name) {
+  const char* old = getenv(name.c_str());
+  m_had_value = old != nullptr;
+  if (m_had_value) m_old = old;
+  if (value == nullptr) {
+    unsetenv(name.c_str());
+  } else {
+    setenv(name.c_str(), value, 1);
+  }
+}
+
+ScopedEnv::~ScopedEnv() {
+  if (m_had_value) {
+    setenv(m_name.c_str(), m_old.c_str(), 1);
+  } else {
+    unsetenv(m_name.c_str());
+  }
+}
+
+int run_in_child(const std::function<void()>& body, bool exit_normally) {
+  fflush(stdout);
+  fflush(stderr);
+  const pid_t child = fork();
+  if (child == 0) {
+    body();
+    const int code = ::testing::Test::HasFailure() ? 1 : 0;
+    fflush(stdout);
+    if (exit_normally) std::exit(code);
+    _exit(code);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+std::vector<std::string> log_messages(const std::string& captured) {
+  std::vector<std::string> messages;
+  std::istringstream lines(captured);
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (line.rfind("LOG(", 0) != 0) continue;
+    const size_t name_end = line.find(')');
+    const size_t bar = line.find("| ");
+    if (name_end == std::string::npos || bar == std::string::npos) continue;
+    messages.push_back(line.substr(4, name_end - 4) + "| " + line.substr(bar + 2));
+  }
+  return messages;
+}
+
+std::vector<DecodedRecord> walk_records(const char* data, uint32_t size) {
+  std::vector<DecodedRecord> records;
+  for (uint32_t offset = 0; offset < size;) {
+    ZVKRecordReader record(data + offset);
+    DecodedRecord decoded{record.timestamp(), record.hardware_type(), record.device_id(),
+                          record.event_type(), record.pid(), record.tid(),
+                          record.num_callchains(), record.payload_size(),
+                          std::string(static_cast<const char*>(record.payload()),
+                                      record.payload_size())};
+    records.push_back(decoded);
+    offset += record.size();
+  }
+  return records;
+}
+
+DecodedFile read_capture(const std::string& path) {
+  DecodedFile decoded;
+  ZVKFileReader file;
+  Status opened = file.open(path);
+  EXPECT_TRUE(opened.ok()) << path << ": " << opened.msg_;
+  if (!opened.ok()) return decoded;
+  decoded.file_size = file.file_size();
+  const size_t header_size = kZVKFileHeaderSize + get_header_payload_size(file.header());
+  decoded.header_bytes.assign(reinterpret_cast<const char*>(file.header()),
+                              reinterpret_cast<const char*>(file.header()) + header_size);
+  std::unique_ptr<ZVKBucketReader> bucket;
+  for (;;) {
+    Status next = file.next_bucket(&bucket);
+    if (next.code_ == error::END_OF_DATA) break;
+    if (!next.ok()) {
+      decoded.torn = file.torn();
+      EXPECT_TRUE(file.torn()) << next.msg_;
+      break;
+    }
+    DecodedBucket out{bucket->get_bucket_start_time(), bucket->get_bucket_end_time(),
+                      bucket->get_number_of_records_in_bucket(), bucket->get_compressed_size(),
+                      bucket->get_uncompressed_size(), {}};
+    ZVKRecordReader record;
+    Status walked;
+    while ((walked = bucket->get_next_record(record)).ok()) {
+      out.records.push_back(walk_records(record.bytes(), record.size())[0]);
+    }
+    EXPECT_EQ(walked.code_, error::END_OF_DATA) << walked.msg_;
+    decoded.buckets.push_back(std::move(out));
+  }
+  return decoded;
+}
+
+std::string read_text_file(const std::string& path) {
+  std::ifstream in(path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+}  // namespace testing_support
+}  // namespace zorvek

@@ -1,0 +1,120 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "zorv/io/zvkbuffer.h"
+#include "zorv/io/zvkqueue.h"
+#include "zorv/utils/status.h"
+#include "zorv/utils/zvkmetadata.h"
+
+namespace zorvek {
+
+class ZVKAnnotator;
+class ZVKDataCollectorBase;
+class ZVKFileWriter;
+
+using ZVKConfigSection = std::map<std::string, std::string>;
+
+// The three string maps a script fills: sections "ZORV", "CUDA" and "PERF".
+struct ZVKConfig {
+  ZVKConfig() = default;
+  ZVKConfig(const ZVKConfig&) = default;
+  ~ZVKConfig() = default;
+
+  // GPU tracing with the annotator, no CPU sampling.
+  static ZVKConfig default_config();
+
+  ZVKConfigSection self_config;
+  ZVKConfigSection cuda_config;
+  ZVKConfigSection perf_config;
+};
+
+// True while a fork is in progress; keeps a suspended capture marked active.
+extern "C" bool fork_suspend;
+
+// The one controller of the process. Owns the queues, the writer, the collectors
+// and the annotator, and alone decides the order in which they start and stop.
+// Callers serialise themselves (the Python module holds the interpreter lock).
+class Zorv {
+ public:
+  static Zorv& instance();
+
+  Zorv(const Zorv&) = delete;
+  Zorv(Zorv&&) = delete;
+  Zorv& operator=(const Zorv&) = delete;
+  Zorv& operator=(Zorv&&) = delete;
+
+  Status configure(std::map<std::string, ZVKConfigSection> config);
+  bool is_configured() const { return m_writer != nullptr; }
+
+  Status start_profiling();
+  Status stop_profiling();
+  Status suspend_profiling();
+  Status resume_profiling();
+  // For the fork handlers only.
+  Status resume(bool is_children);
+
+  uint64_t annotate_begin(const std::string& msg);
+  uint64_t annotate_begin(const char* msg, uint64_t len);
+  void annotate_end(uint64_t token);
+  void annotate_marker(const std::string& msg);
+  void annotate_marker(const char* msg, uint64_t len);
+
+  bool is_active() const { return m_active; }
+  const std::string& file_pattern() const { return m_filename; }
+  const JobMetadata& metadata() const { return m_metadata; }
+
+ private:
+  friend struct ZorvTestPeer;
+
+  Zorv();
+  ~Zorv();
+
+  Status enable_hooks();
+  Status disable_hooks();
+
+  // Collectors are reached only through ZVKDataCollectorBase; the concrete GPU and
+  // CPU collectors arrive with those subsystems.
+  ZVKDataCollectorBase* m_cuda_collector = nullptr;
+  ZVKDataCollectorBase* m_perf_collector = nullptr;
+  ZVKAnnotator* m_annotator = nullptr;
+  ZVKFileWriter* m_writer = nullptr;
+  ZVKQueue<ZVKBuffer>* m_to_fill = nullptr;
+  ZVKQueue<ZVKBuffer>* m_to_write = nullptr;
+  std::string m_filename;
+  JobMetadata m_metadata;
+  uint32_t m_bucket_count;
+  uint32_t m_bucket_size;
+  uint32_t m_compression;
+  bool m_active;
+  bool m_activate_in_children;
+};
+
+// The table handed to foreign libraries that carry annotation hooks.
+typedef uint64_t ZVKI_AnnotationToken_t;
+typedef ZVKI_AnnotationToken_t (*zvki_annotation_start_fptr_t)(const char* msg, uint64_t msg_len);
+typedef void (*zvki_annotation_end_fptr_t)(ZVKI_AnnotationToken_t token);
+typedef void (*zvki_marker_fptr_t)(const char* msg, uint64_t msg_len);
+typedef void (*ZVKINonCallable_fptr)();
+
+struct ZVKIFuncTable_t {
+  uint64_t tableVersion;
+  zvki_annotation_start_fptr_t annotation_start_fptr;
+  zvki_annotation_end_fptr_t annotation_end_fptr;
+  zvki_marker_fptr_t annotation_marker_fptr;
+  ZVKINonCallable_fptr* ann_table[5];
+};
+static_assert(offsetof(ZVKIFuncTable_t, tableVersion) == 0, "tableVersion at 0");
+static_assert(offsetof(ZVKIFuncTable_t, annotation_start_fptr) == 8, "start at 8");
+static_assert(offsetof(ZVKIFuncTable_t, annotation_end_fptr) == 16, "end at 16");
+static_assert(offsetof(ZVKIFuncTable_t, annotation_marker_fptr) == 24, "marker at 24");
+static_assert(offsetof(ZVKIFuncTable_t, ann_table) == 32, "ann_table at 32");
+static_assert(sizeof(ZVKIFuncTable_t) == 72, "the hook table is 72 bytes");
+
+extern "C" ZVKIFuncTable_t instrumentation_funcs;
+
+Status update_tables(ZVKIFuncTable_t* table);
+
+}  // namespace zorvek

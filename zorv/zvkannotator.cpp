@@ -1,0 +1,78 @@
+#include "zorv/zvkannotator.h"
+
+#include <algorithm>
+
+namespace zorvek {
+
+std::atomic<uint64_t>& counter() {
+  static std::atomic<uint64_t> correlation_counter{0};
+  return correlation_counter;
+}
+
+ZVKAnnotator::ZVKAnnotator(const std::string& name, ZVKQueue<ZVKBuffer>* to_fill,
+                           ZVKQueue<ZVKBuffer>* to_write)
+    : m_name(name),
+      m_to_fill(to_fill),
+      m_to_write(to_write),
+      m_helper(std::make_shared<ZVKBufferRecordHelper>(to_fill, to_write)) {
+  generate_offset_record();
+}
+
+ZVKAnnotator::ZVKAnnotator(const std::string& name, std::shared_ptr<ZVKBufferRecordHelper> helper)
+    : m_name(name), m_helper(std::move(helper)) {
+  generate_offset_record();
+}
+
+void ZVKAnnotator::write_wrapped(char* payload, uint16_t payload_size, uint64_t correlation,
+                                 const char* msg) {
+  const size_t correlation_bytes = std::min<size_t>(payload_size, sizeof(correlation));
+  std::memcpy(payload, &correlation, correlation_bytes);
+  if (payload_size > sizeof(correlation)) {
+    std::memcpy(payload + sizeof(correlation), msg, payload_size - sizeof(correlation));
+  }
+}
+
+namespace {
+
+uint64_t to_ns(const timespec& ts) {
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+}  // namespace
+
+void ZVKAnnotator::generate_offset_record() {
+  using annotations::kClockPairs;
+  timespec mono[kClockPairs] = {};
+  timespec real[kClockPairs] = {};
+  timespec t0;
+  clock_gettime(CLOCK_REALTIME, &t0);
+
+  // The order of readings is part of the record: slot 1 is taken twice on purpose,
+  // slots 2-10 are interleaved pairs, 11-15 two back-to-back bursts.
+  clock_gettime(CLOCK_MONOTONIC_RAW, &mono[0]);
+  clock_gettime(CLOCK_REALTIME, &real[0]);
+  clock_gettime(CLOCK_MONOTONIC_RAW, &mono[1]);
+  clock_gettime(CLOCK_REALTIME, &real[1]);
+  clock_gettime(CLOCK_MONOTONIC_RAW, &mono[1]);
+  clock_gettime(CLOCK_REALTIME, &real[1]);
+  for (int i = 2; i <= 10; ++i) {
+    clock_gettime(CLOCK_MONOTONIC_RAW, &mono[i]);
+    clock_gettime(CLOCK_REALTIME, &real[i]);
+  }
+  for (int i = 11; i < kClockPairs; ++i) clock_gettime(CLOCK_MONOTONIC_RAW, &mono[i]);
+  for (int i = 11; i < kClockPairs; ++i) clock_gettime(CLOCK_REALTIME, &real[i]);
+
+  const ProcessIdentity& identity = current_identity();
+  const int cpu = sched_getcpu();
+  auto writer = m_helper->new_record(to_ns(t0), event_word(annotations::TIME_MARKER, cpu),
+                                     identity.pid, identity.tid, 0,
+                                     sizeof(annotations::time_marker));
+  annotations::time_marker marker;
+  for (int i = 0; i < kClockPairs; ++i) {
+    marker.monotic[i] = to_ns(mono[i]);
+    marker.realtime[i] = to_ns(real[i]);
+  }
+  std::memcpy(writer.get_payload_store(), &marker, sizeof(marker));
+}
+
+}  // namespace zorvek

@@ -1,0 +1,149 @@
+#pragma once
+
+#include <sched.h>
+#include <time.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "zorv/io/zvkbufferrecordhelper.h"
+#include "zorv/io/zvkqueue.h"
+#include "zorv/io/zvkrecord.h"
+#include "zorv/utils/status.h"
+#include "zorv/utils/utils.h"
+
+namespace zorvek {
+namespace annotations {
+
+enum Types : uint32_t {
+  BEGIN = 0,
+  END = 1,
+  TIME_MARKER = 2,
+  MARKER = 3,
+  NUM_ANNOTATION_TYPES = 4,
+};
+
+struct msg_begin {
+  uint64_t correlation;  // 0 in a MARKER
+  char msg[];            // the message and its terminator, padded to a multiple of 8
+};
+static_assert(offsetof(msg_begin, correlation) == 0, "correlation at 0");
+static_assert(offsetof(msg_begin, msg) == 8, "message at 8");
+
+struct msg_end {
+  uint64_t correlation;
+};
+static_assert(sizeof(msg_end) == 8, "END payload is 8 bytes");
+
+constexpr int kClockPairs = 16;
+struct time_marker {
+  uint64_t monotic[kClockPairs];  // CLOCK_MONOTONIC_RAW, spelled so in the format
+  uint64_t realtime[kClockPairs];
+};
+static_assert(offsetof(time_marker, monotic) == 0, "monotic at 0");
+static_assert(offsetof(time_marker, realtime) == 128, "realtime at 128");
+static_assert(sizeof(time_marker) == 256, "TIME_MARKER payload is 256 bytes");
+
+// Payload of a BEGIN or MARKER: correlation plus the text padded to a multiple of 8
+// with room for at least the terminator. 16-bit, as the record header stores it.
+constexpr uint16_t message_payload_size(size_t len) {
+  return static_cast<uint16_t>(((len + 8) & ~static_cast<size_t>(7)) + 8);
+}
+
+}  // namespace annotations
+
+// The process-wide correlation counter; the first token is 0.
+std::atomic<uint64_t>& counter();
+
+// Producer of annotation records: begin, end and marker from user code and foreign
+// libraries, and the one time marker that ties the capture's clocks together.
+class ZVKAnnotator {
+ public:
+  ZVKAnnotator(const std::string& name, ZVKQueue<ZVKBuffer>* to_fill,
+               ZVKQueue<ZVKBuffer>* to_write);
+  ZVKAnnotator(const std::string& name, std::shared_ptr<ZVKBufferRecordHelper> helper);
+  ZVKAnnotator(const ZVKAnnotator&) = delete;
+  ZVKAnnotator& operator=(const ZVKAnnotator&) = delete;
+
+  uint64_t annotate_begin(const char* msg, size_t len) {
+    const Stamp stamp = take_stamp();
+    const uint64_t token = counter().fetch_add(1, std::memory_order_relaxed);
+    write_message(stamp, annotations::BEGIN, token, msg, len);
+    return token;
+  }
+  uint64_t annotate_begin(const std::string& msg) { return annotate_begin(msg.data(), msg.size()); }
+
+  void annotate_end(uint64_t token) {
+    const Stamp stamp = take_stamp();
+    auto writer = m_helper->new_record(stamp.timestamp, event_word(annotations::END, stamp.cpu),
+                                       stamp.pid, stamp.tid, 0, sizeof(annotations::msg_end));
+    std::memcpy(writer.get_payload_store(), &token, sizeof(token));
+  }
+
+  // Returns 0, the correlation a marker carries.
+  uint64_t annotate_marker(const char* msg, size_t len) {
+    write_message(take_stamp(), annotations::MARKER, 0, msg, len);
+    return 0;
+  }
+  uint64_t annotate_marker(const std::string& msg) {
+    return annotate_marker(msg.data(), msg.size());
+  }
+
+  Status flush() { return m_helper->flush(); }
+
+  void generate_offset_record();
+
+  const std::string& name() const { return m_name; }
+
+ private:
+  struct Stamp {
+    uint64_t timestamp;
+    int32_t pid;
+    int32_t tid;
+    int cpu;
+  };
+
+  static Stamp take_stamp() {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    const ProcessIdentity& identity = current_identity();
+    return Stamp{static_cast<uint64_t>(now.tv_sec) * 1000000000ULL +
+                     static_cast<uint64_t>(now.tv_nsec),
+                 identity.pid, identity.tid, sched_getcpu()};
+  }
+
+  static uint32_t event_word(annotations::Types type, int cpu) {
+    return make_event_word(ANNOTATION, static_cast<uint32_t>(cpu), type);
+  }
+
+  void write_message(const Stamp& stamp, annotations::Types type, uint64_t correlation,
+                     const char* msg, size_t len) {
+    const uint16_t payload_size = annotations::message_payload_size(len);
+    auto writer = m_helper->new_record(stamp.timestamp, event_word(type, stamp.cpu), stamp.pid,
+                                       stamp.tid, 0, payload_size);
+    char* payload = static_cast<char*>(writer.get_payload_store());
+    if (__builtin_expect(len + 1 + sizeof(correlation) > payload_size, 0)) {
+      // The 16-bit size wrapped: keep to the reserved space, so the record can't
+      // spill into its neighbours. The message is cut to fit.
+      write_wrapped(payload, payload_size, correlation, msg);
+      return;
+    }
+    std::memcpy(payload, &correlation, sizeof(correlation));
+    // len + 1: the terminator the caller's text carries comes along.
+    std::memcpy(payload + sizeof(correlation), msg, len + 1);
+  }
+
+  static void write_wrapped(char* payload, uint16_t payload_size, uint64_t correlation,
+                            const char* msg);
+
+  std::string m_name;
+  ZVKQueue<ZVKBuffer>* m_to_fill = nullptr;
+  ZVKQueue<ZVKBuffer>* m_to_write = nullptr;
+  std::shared_ptr<ZVKBufferRecordHelper> m_helper;
+};
+
+}  // namespace zorvek
