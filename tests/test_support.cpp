@@ -5,6 +5,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+extern char** environ;
+
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
@@ -24,7 +26,9 @@ TempDir::TempDir() {
 
 TempDir::~TempDir() {
   const std::string command = "rm -rf '" + m_path + "'";
-  if (m_path.rfind("/tmp/zorvek-test-", 0) == 0) EXPECT_EQ(0, system(command.c_str()));
+  if (m_path.rfind("/tmp/zorvek-test-", 0) == 0) {
+    EXPECT_EQ(0, system(command.c_str()));
+  }
 }
 
 std::vector<std::string> TempDir::list() const {
@@ -74,6 +78,31 @@ int run_in_child(const std::function<void()>& body, bool exit_normally) {
   waitpid(child, &status, 0);
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   return 128 + (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+}
+
+bool in_fresh_process() { return getenv("ZORV_TEST_FRESH_PROCESS") != nullptr; }
+
+int rerun_in_fresh_process(const std::vector<std::string>& env) {
+  const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+  const std::string filter =
+      std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
+  fflush(stdout);
+  fflush(stderr);
+  const pid_t child = fork();
+  if (child == 0) {
+    std::vector<std::string> storage(env);
+    storage.push_back("ZORV_TEST_FRESH_PROCESS=1");
+    for (char** entry = environ; *entry != nullptr; ++entry) storage.push_back(*entry);
+    std::vector<char*> envp;
+    for (auto& entry : storage) envp.push_back(entry.data());
+    envp.push_back(nullptr);
+    char* argv[] = {const_cast<char*>("test"), const_cast<char*>(filter.c_str()), nullptr};
+    execve("/proc/self/exe", argv, envp.data());
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128;
 }
 
 std::vector<std::string> log_messages(const std::string& captured) {

@@ -42,6 +42,13 @@ class ScopedEnv {
 // runs static destructors in the child (std::exit) instead of _exit.
 int run_in_child(const std::function<void()>& body, bool exit_normally = false);
 
+// Runs the current test again in a new process started from this binary, with
+// `env` ("NAME=value") added to the environment; returns its exit status. Inside
+// that process in_fresh_process() is true. For state that a fork would inherit:
+// values read once per process, like the log levels.
+int rerun_in_fresh_process(const std::vector<std::string>& env);
+bool in_fresh_process();
+
 // The lines of captured stderr that are log lines, with the time stamp taken out:
 // "LOG(INFO) [ 12:00:00.000 ] @ f.cpp:1| text" becomes "INFO| text".
 std::vector<std::string> log_messages(const std::string& captured);

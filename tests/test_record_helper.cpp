@@ -1,0 +1,256 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "tests/test_support.h"
+#include "zorv/io/zvkbufferrecordhelper.h"
+
+namespace zorvek {
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+using testing_support::walk_records;
+
+using Helper = ZVKBufferRecordHelper;
+
+// A record with `payload` bytes of payload and its size filled in.
+Helper::RecordWriter append(Helper& helper, uint64_t timestamp, uint16_t payload) {
+  auto writer = helper.new_record(timestamp, make_event_word(ANNOTATION, 0, 3), 1, 2, 0, payload);
+  std::memset(writer.get_payload_store(), 0xab, payload);
+  return writer;
+}
+
+ZVKBuffer* pop(ZVKQueue<ZVKBuffer>& queue) {
+  ZVKBuffer* buffer = nullptr;
+  queue.pop(&buffer);
+  return buffer;
+}
+
+TEST(RecordHelper, HeaderIsStampedAndAddressesFollowTheLayout) {
+  ZVKQueue<ZVKBuffer> fill(2, 1024), to_write;
+  auto helper = std::make_unique<Helper>(&fill, &to_write);
+  {
+    auto writer = helper->new_record(42, make_event_word(CPU, 7, 1), -1, 9, 2, 8);
+    const ZVKRecord* rec = writer.get_record();
+    EXPECT_EQ(rec->timestamp, 42u);
+    EXPECT_EQ(rec->event_type, make_event_word(CPU, 7, 1));
+    EXPECT_EQ(rec->pid, 0xffffffffu);
+    EXPECT_EQ(rec->tid, 9u);
+    EXPECT_EQ(rec->call_chain_size, 2);
+    EXPECT_EQ(rec->payload_size, 8);
+    EXPECT_EQ(reinterpret_cast<const char*>(writer.get_callchain_array()),
+              reinterpret_cast<const char*>(rec) + 24);
+    EXPECT_EQ(static_cast<char*>(writer.get_payload_store()),
+              reinterpret_cast<const char*>(rec) + 24 + 32);
+    ZVKRecordEventType parts{};
+    parts.hw_type = GPU;
+    parts.device_id = 1;
+    parts.event_type = 5;
+    auto second = helper->new_record(43, parts, 1, 2, 0, 0);
+    EXPECT_EQ(second.get_record()->event_type, make_event_word(GPU, 1, 5));
+  }
+  CaptureStderr();
+  helper.reset();
+  GetCapturedStderr();
+}
+
+TEST(RecordHelper, RecordMustLeaveOneByteFree) {
+  ZVKQueue<ZVKBuffer> fill(3, 1024), to_write;
+  CaptureStderr();
+  {
+    Helper helper(&fill, &to_write);
+    append(helper, 1, 992 - 24);  // num_bytes 992
+    append(helper, 2, 31 - 24);   // 992 + 31 < 1024: stays
+    EXPECT_EQ(to_write.size(), 0u);
+    append(helper, 3, 0);  // 1023 + 24 doesn't fit
+    EXPECT_EQ(to_write.size(), 1u);
+  }
+  GetCapturedStderr();
+  ZVKBuffer* full = pop(to_write);
+  EXPECT_EQ(full->num_bytes, 1023u);
+
+  ZVKQueue<ZVKBuffer> fill2(3, 1024), to_write2;
+  CaptureStderr();
+  {
+    Helper helper(&fill2, &to_write2);
+    append(helper, 1, 992 - 24);
+    append(helper, 2, 32 - 24);  // 992 + 32 == 1024: next buffer
+    EXPECT_EQ(to_write2.size(), 1u);
+    EXPECT_EQ(pop(to_write2)->num_bytes, 992u);
+  }
+  GetCapturedStderr();
+}
+
+TEST(RecordHelper, FlushOnEmptyBufferIsEndOfDataAndTouchesNothing) {
+  ZVKQueue<ZVKBuffer> fill(2, 256), to_write;
+  CaptureStderr();
+  {
+    Helper helper(&fill, &to_write);
+    const size_t free_before = fill.size();
+    Status status = helper.flush();
+    EXPECT_EQ(status.code_, error::END_OF_DATA);
+    EXPECT_EQ(status.msg_, "Buffer is Empty");
+    EXPECT_EQ(fill.size(), free_before);
+    append(helper, 1, 8);
+    EXPECT_TRUE(helper.flush().ok());
+    EXPECT_EQ(to_write.size(), 1u);
+    EXPECT_EQ(helper.flush().code_, error::END_OF_DATA);
+  }
+  GetCapturedStderr();
+}
+
+TEST(RecordHelper, BufferLeavesOnlyAfterBothWritersGoInEitherOrder) {
+  for (bool first_ends_first : {true, false}) {
+    ZVKQueue<ZVKBuffer> fill(2, 256), to_write;
+    CaptureStderr();
+    {
+      Helper helper(&fill, &to_write);
+      auto first = std::make_unique<Helper::RecordWriter>(append(helper, 1, 8));
+      auto second = std::make_unique<Helper::RecordWriter>(append(helper, 2, 8));
+      EXPECT_EQ(reinterpret_cast<const char*>(second->get_record()),
+                reinterpret_cast<const char*>(first->get_record()) + 32);
+      helper.flush();
+      EXPECT_EQ(to_write.size(), 0u);
+      (first_ends_first ? first : second).reset();
+      EXPECT_EQ(to_write.size(), 0u);
+      (first_ends_first ? second : first).reset();
+      EXPECT_EQ(to_write.size(), 1u);
+    }
+    GetCapturedStderr();
+  }
+}
+
+TEST(RecordHelper, ConcurrentProducersGetDisjointRecordsAndLoseNone) {
+  constexpr int kThreads = 4;
+  constexpr int kPerThread = 20000;
+  ZVKQueue<ZVKBuffer> fill(8, 4096), to_write;
+  std::atomic<bool> stop{false};
+  std::atomic<uint64_t> buffers_seen{0};
+  std::vector<testing_support::DecodedRecord> collected;
+  // Plays the writer: walks each full buffer and hands it back.
+  std::thread drain([&] {
+    auto take = [&] {
+      ZVKBuffer* buffer = pop(to_write);
+      if (buffer == nullptr) return false;
+      auto records = walk_records(buffer->record_buffer, buffer->num_bytes);
+      collected.insert(collected.end(), records.begin(), records.end());
+      buffer->num_bytes = 0;
+      fill.push(buffer);
+      ++buffers_seen;
+      return true;
+    };
+    while (!stop) {
+      if (!take()) std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    while (take()) {
+    }
+  });
+  CaptureStderr();
+  {
+    auto helper = std::make_shared<Helper>(&fill, &to_write);
+    std::vector<std::thread> producers;
+    for (int t = 0; t < kThreads; ++t) {
+      producers.emplace_back([&, t] {
+        for (int i = 0; i < kPerThread; ++i) {
+          auto writer = helper->new_record(static_cast<uint64_t>(i), make_event_word(ANNOTATION, 0, 0),
+                                           1, t, 0, 8);
+          uint64_t value = (static_cast<uint64_t>(t) << 32) | static_cast<uint32_t>(i);
+          std::memcpy(writer.get_payload_store(), &value, sizeof(value));
+        }
+      });
+    }
+    for (auto& producer : producers) producer.join();
+    helper->flush();
+  }
+  GetCapturedStderr();
+  stop = true;
+  drain.join();
+
+  ASSERT_EQ(collected.size(), static_cast<size_t>(kThreads * kPerThread));
+  std::set<uint64_t> values;
+  for (const auto& record : collected) {
+    uint64_t value;
+    std::memcpy(&value, record.payload.data(), sizeof(value));
+    ASSERT_EQ(value >> 32, record.tid);
+    ASSERT_EQ(static_cast<uint32_t>(value), record.timestamp);
+    values.insert(value);
+  }
+  EXPECT_EQ(values.size(), static_cast<size_t>(kThreads * kPerThread));
+  EXPECT_GT(buffers_seen.load(), 1u);
+  EXPECT_EQ(fill.size(), 8u);  // the population is constant
+}
+
+TEST(RecordHelper, ProducersStallWhenDryAndTheStallIsCounted) {
+  ZVKQueue<ZVKBuffer> fill(2, 128), to_write;
+  CaptureStderr();
+  auto helper = std::make_unique<Helper>(&fill, &to_write);
+  append(helper.operator*(), 1, 8);
+  EXPECT_EQ(helper->stall_time_us(), 0u);  // a pop that succeeds at once adds nothing
+  EXPECT_TRUE(helper->flush().ok());       // takes the second, last buffer
+  EXPECT_EQ(helper->stall_time_us(), 0u);
+  append(*helper, 2, 8);
+
+  std::atomic<int> done{0};
+  std::vector<std::thread> producers;
+  for (int t = 0; t < 2; ++t) {
+    producers.emplace_back([&] {
+      append(*helper, 3, 100);  // doesn't fit: waits for a buffer
+      ++done;
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(done.load(), 0);  // stalled, not dropped
+  // Play the writer: hand back the full buffers one at a time.
+  while (done.load() < 2) {
+    ZVKBuffer* buffer = pop(to_write);
+    if (buffer != nullptr) {
+      buffer->num_bytes = 0;
+      fill.push(buffer);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  for (auto& producer : producers) producer.join();
+  EXPECT_GE(helper->stall_time_us(), 25000u);
+  helper.reset();
+  const std::string text = GetCapturedStderr();
+  EXPECT_NE(text.find("Stalled 0.0"), std::string::npos) << text;
+  EXPECT_NE(text.find("s while waiting for a buffer\n"), std::string::npos);
+}
+
+TEST(RecordHelper, HelperThatNeverWaitedSaysStalled0s) {
+  ZVKQueue<ZVKBuffer> fill(1, 64), to_write;
+  auto helper = std::make_unique<Helper>(&fill, &to_write);
+  CaptureStderr();
+  helper.reset();
+  EXPECT_EQ(GetCapturedStderr(), "Stalled 0s while waiting for a buffer\n");
+  EXPECT_EQ(to_write.size(), 1u);  // the current buffer is delivered, empty or not
+}
+
+TEST(RecordHelper, RecordLargerThanAnyBufferIsDroppedNotOverrun) {
+  ZVKQueue<ZVKBuffer> fill(3, 23), to_write;  // 24-byte buffers
+  CaptureStderr();
+  {
+    Helper helper(&fill, &to_write);
+    append(helper, 1, 16);  // 40 bytes
+    append(helper, 2, 0);   // 24 bytes: fits an empty buffer exactly
+  }
+  const auto lines = testing_support::log_messages(GetCapturedStderr());
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back(), "ERROR| A record of 40 bytes doesn't fit in a buffer of 24 bytes; such "
+                          "records are dropped");
+  size_t records = 0;
+  for (ZVKBuffer* buffer = pop(to_write); buffer != nullptr; buffer = pop(to_write)) {
+    records += walk_records(buffer->record_buffer, buffer->num_bytes).size();
+    EXPECT_LE(buffer->num_bytes, buffer->len_buffer);
+  }
+  EXPECT_EQ(records, 1u);
+}
+
+}  // namespace
+}  // namespace zorvek
