@@ -1,0 +1,70 @@
+# make test: the whole suite. make demo: train a small model under the profiler and
+# show what was captured. Both install what they need first.
+
+SHELL := /bin/bash
+PYTHON ?= python3
+JOBS ?= $(shell nproc)
+APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev
+PIP_PACKAGES := scikit-build-core pybind11 pytest
+CMAKE_CONFIGURE = cmake -G Ninja -S . -DZORV_BUILD_PYTHON=OFF
+
+.PHONY: deps build test test-cpp test-asan test-tsan test-python install demo bench clean
+
+# Installs only what is missing, so a set-up machine hears nothing.
+deps:
+	@missing=$$(for p in $(APT_PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing Debian packages: $$missing"; \
+	  apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null; \
+	fi
+	@missing=$$(for p in $(PIP_PACKAGES); do $(PYTHON) -m pip show -q $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing Python packages: $$missing"; \
+	  $(PYTHON) -m pip install -q --disable-pip-version-check $$missing; \
+	fi
+
+build: deps
+	@$(CMAKE_CONFIGURE) -B build/dev >/dev/null
+	@ninja -C build/dev -j $(JOBS)
+
+test-cpp: build
+	cd build/dev && ctest --output-on-failure -j $(JOBS)
+
+test-asan: deps
+	@$(CMAKE_CONFIGURE) -B build/asan -DZORV_SANITIZE=address -DZORV_BUILD_BENCH=OFF >/dev/null
+	@ninja -C build/asan -j $(JOBS)
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j $(JOBS)
+
+# The record pipeline's threaded tests; setarch -R keeps TSan's memory layout valid
+# on kernels with high mmap randomisation.
+test-tsan: deps
+	@$(CMAKE_CONFIGURE) -B build/tsan -DZORV_SANITIZE=thread -DZORV_BUILD_BENCH=OFF -DZORV_BUILD_TOOLS=OFF >/dev/null
+	@ninja -C build/tsan -j $(JOBS)
+	cd build/tsan && TSAN_OPTIONS=halt_on_error=1 setarch $$(uname -m) -R ctest --output-on-failure -j $(JOBS)
+
+install: deps
+	$(PYTHON) -m pip install -q --disable-pip-version-check --no-build-isolation .
+
+test-python: install
+	$(PYTHON) -m pytest -q tests/python
+
+test: test-cpp test-asan test-tsan test-python
+
+demo: install
+	@$(PYTHON) -c "import torch" 2>/dev/null || { echo "Installing torch 2.13.0 (CPU)"; \
+	  $(PYTHON) -m pip install -q --disable-pip-version-check torch==2.13.0; }
+	@rm -rf build/demo && mkdir -p build/demo
+	ZVK_OUTPUT_FILE_NAME=build/demo/train_%p $(PYTHON) examples/train_demo.py
+	@for f in build/demo/*.zvkraw; do \
+	  echo; echo "== Captured: $$f ($$(stat -c %s $$f) bytes)"; \
+	  zvkdump --summary $$f; \
+	done
+
+bench: build
+	./build/dev/bench/bench_annotate
+	./build/dev/bench/bench_writer
+	PYTHONPATH=build/dev/bench $(PYTHON) bench/bench_python_annotate.py
+
+clean:
+	rm -rf build
