@@ -1,0 +1,305 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/test_support.h"
+#include "zorv/io/zvkfilewriter.h"
+#include "zorv/zorv.h"
+#include "zorv/zvkannotator.h"
+#include "zorv/zvkregistry.h"
+
+namespace zorvek {
+
+struct ZorvTestPeer {
+  static ZVKDataCollectorBase*& cuda(Zorv& zorv) { return zorv.m_cuda_collector; }
+  static ZVKDataCollectorBase*& perf(Zorv& zorv) { return zorv.m_perf_collector; }
+  static ZVKAnnotator* annotator(Zorv& zorv) { return zorv.m_annotator; }
+  static uint32_t bucket_size(Zorv& zorv) { return zorv.m_bucket_size; }
+  static uint32_t bucket_count(Zorv& zorv) { return zorv.m_bucket_count; }
+  static bool follows_forks(Zorv& zorv) { return zorv.m_activate_in_children; }
+};
+
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+using testing_support::log_messages;
+using testing_support::read_capture;
+using testing_support::run_in_child;
+using testing_support::TempDir;
+using Strings = std::vector<std::string>;
+using Sections = std::map<std::string, ZVKConfigSection>;
+
+// A collector that records its calls and fails where told to.
+class FakeCollector : public ZVKDataCollectorBase {
+ public:
+  explicit FakeCollector(Strings* calls) : ZVKDataCollectorBase("Fake", nullptr, nullptr), m_calls(calls) {}
+  Status start_profiling() override { return answer("start", m_fail_start); }
+  Status stop_profiling() override { return answer("stop", false); }
+  Status suspend_profiling() override { return answer("suspend", false); }
+  Status resume_profiling() override { return answer("resume", false); }
+  Status configure(const std::map<std::string, std::string>& config) override {
+    return answer("configure " + std::to_string(config.size()), m_fail_configure);
+  }
+  bool m_fail_start = false;
+  bool m_fail_configure = false;
+
+ private:
+  Status answer(const std::string& call, bool fail) {
+    m_calls->push_back(call);
+    return fail ? Status(error::FAILURE, call + " failed") : Status::OK();
+  }
+  Strings* m_calls;
+};
+
+Sections small(const std::string& pattern) {
+  return {{"ZORV", {{"BucketCount", "4"}, {"BucketSizeMB", "1"}, {"RecordFile", pattern}}}};
+}
+
+void clear_environment() {
+  for (const char* name : {"ZV_CURRENT_HOST", "ZVK_OUTPUT_FILE_NAME", "ZVK_BUCKET_COUNT",
+                           "ZVK_BUCKET_SIZE_MB", "ZVK_ENABLE_FORK_FOLLOW", "ZVK_BUCKET_COMPRESSION"}) {
+    unsetenv(name);
+  }
+}
+
+TEST(Controller, UnconfiguredAnswersByTheStateTable) {
+  EXPECT_EQ(0, run_in_child([] {
+    Zorv& zorv = Zorv::instance();
+    EXPECT_FALSE(zorv.is_configured());
+    Status start = zorv.start_profiling();
+    EXPECT_EQ(start.code_, error::FAILURE);
+    EXPECT_EQ(start.msg_, "Profiler is not configured. Call configure(...) first");
+    Status stop = zorv.stop_profiling();
+    EXPECT_EQ(stop.code_, error::FAILED_PRECONDITION);
+    EXPECT_EQ(stop.msg_, "Profiling not running");
+    EXPECT_TRUE(zorv.suspend_profiling().ok());
+    EXPECT_TRUE(zorv.resume(false).ok());
+    EXPECT_FALSE(zorv.is_active());
+    // Resume with nothing to resume marks the profiler active...
+    EXPECT_TRUE(zorv.resume_profiling().ok());
+    EXPECT_TRUE(zorv.is_active());
+    Status again = zorv.resume_profiling();
+    EXPECT_EQ(again.msg_, "Profiling is already active!");
+    // ...and the stop that follows goes through its steps to the missing writer.
+    CaptureStderr();
+    Status missing = zorv.stop_profiling();
+    EXPECT_EQ(missing.code_, error::FAILED_PRECONDITION);
+    EXPECT_EQ(missing.msg_, "There is no recording ongoing to stop!");
+    EXPECT_EQ(log_messages(GetCapturedStderr()),
+              Strings{"INFO| Status check failed Can't find libraries with annotations status= "
+                      "Failed to find hook functions"});
+    EXPECT_TRUE(zorv.is_active());
+  }, /*exit_normally=*/true));
+}
+
+TEST(Controller, LifecycleWritesFilesAndTheMarkerOnce) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(small(dir.file("cap_%t"))).ok());
+    EXPECT_EQ(zorv.configure({}).msg_, "Already configured!");
+    EXPECT_EQ(ZorvTestPeer::annotator(zorv)->name(), "SharedAnnotator");
+    EXPECT_EQ(ZorvTestPeer::cuda(zorv), nullptr);
+    EXPECT_EQ(ZorvTestPeer::perf(zorv), nullptr);
+    EXPECT_EQ(zorv.stop_profiling().msg_, "Profiling not running");
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    EXPECT_EQ(zorv.start_profiling().msg_, "Profiling is still running");
+    zorv.annotate_end(zorv.annotate_begin(std::string("first")));
+    zorv.annotate_marker(std::string("mark"));
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_EQ(lines.front(), "INFO| Status check failed Couldn't find any library with annotations "
+                             "status= Failed to find hook functions");
+
+    // Suspend leaves the capture Idle: stop then answers "not running".
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    CaptureStderr();
+    ASSERT_TRUE(zorv.suspend_profiling().ok());
+    EXPECT_FALSE(zorv.is_active());
+    EXPECT_EQ(zorv.stop_profiling().msg_, "Profiling not running");
+    ASSERT_TRUE(zorv.resume_profiling().ok());
+    // A stop with nothing annotated: the annotator's buffer is empty.
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    lines = log_messages(GetCapturedStderr());
+    EXPECT_NE(std::find(lines.begin(), lines.end(),
+                        "INFO| Status check failed Annotator flush failed! status= Buffer is Empty"),
+              lines.end());
+  }, true));
+  const Strings files = dir.list();
+  ASSERT_EQ(files.size(), 1u);  // the second capture had no bucket and left no file
+  auto file = read_capture(dir.file(files[0]));
+  ASSERT_EQ(file.buckets.size(), 1u);
+  const auto& records = file.buckets[0].records;
+  ASSERT_EQ(records.size(), 4u);
+  EXPECT_EQ(records[0].event_type, annotations::TIME_MARKER);
+  EXPECT_EQ(records[1].event_type, annotations::BEGIN);
+  EXPECT_EQ(records[2].event_type, annotations::END);
+  EXPECT_EQ(records[3].event_type, annotations::MARKER);
+}
+
+TEST(Controller, ProcessExitStopsTheCaptureFromTheDestructor) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small(dir.file("exit"))).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    zorv.annotate_begin(std::string("unfinished"));
+  }, /*exit_normally=*/true));
+  auto file = read_capture(dir.file("exit_0.zvkraw"));
+  EXPECT_EQ(file.header()->num_buckets, 1u);
+  ASSERT_EQ(file.buckets.size(), 1u);
+  ASSERT_EQ(file.buckets[0].records.size(), 2u);
+  EXPECT_STREQ(file.buckets[0].records[1].payload.data() + 8, "unfinished");
+}
+
+TEST(Controller, ResumeOfANeverStartedCaptureAsksTheWriter) {
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    Strings calls;
+    ZorvTestPeer::cuda(zorv) = new FakeCollector(&calls);
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(small("never")).ok());
+    // The writer has no file name yet: its resume tries to open "" and fails.
+    Status status = zorv.resume_profiling();
+    GetCapturedStderr();
+    EXPECT_EQ(status.msg_, "Failed to open file No such file or directory");
+    EXPECT_EQ(calls, Strings{"configure 0"});
+    EXPECT_FALSE(zorv.is_active());
+  }));
+}
+
+TEST(Controller, FailingCollectorStartUndoesNothing) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    Strings calls;
+    auto* fake = new FakeCollector(&calls);
+    fake->m_fail_configure = true;
+    fake->m_fail_start = true;
+    ZorvTestPeer::cuda(zorv) = fake;
+    Sections config = small(dir.file("fail"));
+    config["CUDA"] = {{"k", "v"}};
+    CaptureStderr();
+    EXPECT_EQ(zorv.configure(config).msg_, "configure 1 failed");
+    EXPECT_TRUE(zorv.is_configured());  // the writer exists: start proceeds
+    EXPECT_EQ(zorv.start_profiling().msg_, "start failed");
+    EXPECT_FALSE(zorv.is_active());
+    // The writer started and stays started: a second start restarts it.
+    EXPECT_EQ(zorv.start_profiling().msg_, "start failed");
+    Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "ERROR| [DEPRECATED][TODO] Should never be called!"),
+              lines.end());
+    fake->m_fail_start = false;
+    CaptureStderr();
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    ASSERT_TRUE(zorv.suspend_profiling().ok());
+    ASSERT_TRUE(zorv.resume_profiling().ok());
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(calls, (Strings{"configure 1", "start", "start", "start", "suspend", "resume", "stop"}));
+  }));
+}
+
+TEST(Configure, EmptyConfigBuildsOnlyAnnotatorAndWriter) {
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZVK_BUCKET_COUNT", "2", 1);
+    setenv("ZVK_BUCKET_SIZE_MB", "1", 1);
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure({{"CUDA", {{"a", "b"}}}, {"PERF", {{"c", "d"}}}}).ok());
+    EXPECT_TRUE(log_messages(GetCapturedStderr()).empty());
+    EXPECT_EQ(ZorvTestPeer::cuda(zorv), nullptr);
+    EXPECT_EQ(ZorvTestPeer::perf(zorv), nullptr);
+    EXPECT_EQ(ZorvTestPeer::annotator(zorv)->name(), "SharedAnnotator");
+    EXPECT_EQ(zorv.file_pattern(), "zorvek_%h_%p_%t");
+    EXPECT_EQ(ZorvTestPeer::bucket_count(zorv), 2u);
+    EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 1u << 20);
+  }));
+}
+
+TEST(Configure, CollectorsAreAnnouncedAndUnsharedAnnotatorNamed) {
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure({{"ZORV",
+                                 {{"BucketCount", "3"}, {"BucketSizeMB", "1"}, {"EnableCuda", "1"},
+                                  {"EnablePerf", "1"}, {"SharedBuffers", "0"},
+                                  {"SharedAnnotations", "0"}, {"EnableForkFollow", "1"}}}})
+                    .ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0], "INFO| CPU capture enabled ");
+    EXPECT_EQ(lines[2], "INFO| CUDA capture enabled ");
+    EXPECT_EQ(ZorvTestPeer::annotator(zorv)->name(), "Annotator");
+    EXPECT_TRUE(ZorvTestPeer::follows_forks(zorv));
+  }));
+}
+
+TEST(Configure, BucketSizeOf4096MiBWrapsToZeroBytes) {
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure({{"ZORV", {{"BucketCount", "2"}, {"BucketSizeMB", "4096"}}}}).ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 0u);
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0], "ERROR| WARNING queue buffer size is less than a single record size! This "
+                        "will not end well!");
+  }));
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZVK_BUCKET_SIZE_MB", "4097", 1);
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure({{"ZORV", {{"BucketCount", "2"}}}}).ok());
+    GetCapturedStderr();
+    EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 1u << 20);
+  }));
+}
+
+TEST(Configure, KelvaneFixesTheFileNameUnlessTheEnvironmentSaysOtherwise) {
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZV_CURRENT_HOST", "algo-1", 1);
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(small("mine")).ok());
+    EXPECT_EQ(log_messages(GetCapturedStderr()),
+              Strings{"WARNING| Setting output file in Kelvane environment is not allowed!"});
+    EXPECT_EQ(zorv.file_pattern(), "/opt/kv/output/profiler/framework/zorvek_%h_%p_%t");
+  }));
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZV_CURRENT_HOST", "algo-1", 1);
+    setenv("ZVK_OUTPUT_FILE_NAME", "env_%p", 1);
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(small("mine")).ok());
+    EXPECT_EQ(log_messages(GetCapturedStderr()),
+              Strings{"WARNING| Setting output file in Kelvane environment is not allowed!"});
+    EXPECT_EQ(zorv.file_pattern(), "env_%p");
+  }));
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZV_CURRENT_HOST", "algo-1", 1);
+    setenv("ZVK_BUCKET_COUNT", "2", 1);
+    setenv("ZVK_BUCKET_SIZE_MB", "1", 1);
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure({}).ok());
+    EXPECT_TRUE(log_messages(GetCapturedStderr()).empty());
+    EXPECT_EQ(zorv.file_pattern(), "zorvek_%h_%p_%t");
+  }));
+}
+
+}  // namespace
+}  // namespace zorvek

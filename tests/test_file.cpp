@@ -1,0 +1,301 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <sstream>
+#include <vector>
+
+#include "tests/test_support.h"
+#include "tools/zvkfilereader.h"
+#include "zorv/io/zvkfile.h"
+
+namespace zorvek {
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+using testing_support::log_messages;
+using testing_support::TempDir;
+
+// A header block with the given strings, as the writer lays it out.
+std::vector<uint64_t> make_header(const std::string& cpu, const std::string& job,
+                                  const std::string& host, const std::string& instance) {
+  std::vector<uint64_t> block((kZVKFileHeaderSize + cpu.size() + job.size() + host.size() +
+                               instance.size() + 7) / 8, 0);
+  auto* hdr = reinterpret_cast<ZVKFileHeader*>(block.data());
+  std::memcpy(hdr->key, kZVKFileKey, 8);
+  hdr->ZVKVersion = 3;
+  hdr->compression = 1000001;
+  hdr->ZVKConfig = 1;
+  hdr->clock_shift = 42;
+  hdr->pid = 1234;
+  hdr->max_bucket_size = 10;
+  hdr->max_uncompressed_size = 20;
+  hdr->num_buckets = 2;
+  hdr->cpu_model_str_len = static_cast<uint16_t>(cpu.size());
+  hdr->job_uid_size = static_cast<uint16_t>(job.size());
+  hdr->hostname_str_len = static_cast<uint16_t>(host.size());
+  hdr->instance_str_len = static_cast<uint16_t>(instance.size());
+  std::string strings = cpu + job + host + instance;
+  std::memcpy(hdr->data, strings.data(), strings.size());
+  return block;
+}
+
+std::string local(uint64_t ns) {
+  time_t seconds = static_cast<time_t>(ns / 1000000000ULL);
+  struct tm tm;
+  localtime_r(&seconds, &tm);
+  char text[64];
+  size_t used = strftime(text, sizeof(text), "%F %H:%M:%S", &tm);
+  snprintf(text + used, sizeof(text) - used, ".%06ld", static_cast<long>(ns % 1000000000ULL / 1000));
+  return text;
+}
+
+TEST(FileHeader, AccessorsFollowTheLengths) {
+  auto block = make_header("Zen", "job-1", "algo-1", "ml.p5");
+  const auto* hdr = reinterpret_cast<const ZVKFileHeader*>(block.data());
+  EXPECT_EQ(get_header_payload_size(hdr), 3u + 5 + 6 + 5);
+  EXPECT_EQ(get_cpu_model_id(hdr), "Zen");
+  EXPECT_EQ(get_jobuid(hdr), "job-1");
+  EXPECT_EQ(get_hostname(hdr), "algo-1");
+  EXPECT_EQ(get_instance_type(hdr), "ml.p5");
+}
+
+TEST(FileHeader, DumpText) {
+  auto block = make_header("Zen", "job-1", "algo-1", "ml.p5");
+  auto* hdr = reinterpret_cast<ZVKFileHeader*>(block.data());
+  hdr->start_time = 1700000000123456789ULL;
+  hdr->end_time = 1700000001000000000ULL;
+  std::ostringstream out;
+  ASSERT_TRUE(dump_zvkfile_header(hdr, out).ok());
+  const std::string expected =
+      "\tMagic= 'ZVKRAWDF'\n\tZVKVersion=          3,\n\tcompression= 1000001,\n\tConfig= 1,\n\t"
+      "start= " + local(hdr->start_time) + ",\n\tend= " + local(hdr->end_time) +
+      ",\n\tclock_offset= 42,\n\tpid= 1234,\n\tmax_bucket= 10,\n\tmax_uncompressed= 20,\n\t"
+      "num_buckets= 2,\n\tcomp_dict_size= 0,\n\tcpu_model= 0,\n\tcpu_model_name_size= 3,\n\t"
+      "job_uid_size= 5,\n\thostname_size= 6,\n\tinstance_size= 5,\n\treserved= 0,\n\t"
+      "CPU Model Name= 'Zen'\n\tJob UID= 'job-1'\n\tHostname= \"algo-1\"\n\tInstance Type= \"ml.p5\"\n";
+  EXPECT_EQ(out.str(), expected);
+}
+
+TEST(FileHeader, NoJobOrInstanceLinesWhenEmptyAndEpochEnd) {
+  auto block = make_header("Zen", "", "algo-1", "");
+  const auto* hdr = reinterpret_cast<const ZVKFileHeader*>(block.data());
+  EXPECT_EQ(get_cpu_model_id(hdr), "Zen");
+  EXPECT_EQ(get_hostname(hdr), "algo-1");
+  std::ostringstream out;
+  dump_zvkfile_header(hdr, out);
+  const std::string text = out.str();
+  EXPECT_EQ(text.find("Job UID"), std::string::npos);
+  EXPECT_EQ(text.find("Instance Type"), std::string::npos);
+  EXPECT_NE(text.find("\tend= " + local(0) + ",\n"), std::string::npos);  // the epoch
+  const std::string tail = "reserved= 0,\n\tCPU Model Name= 'Zen'\n\tHostname= \"algo-1\"\n";
+  ASSERT_GE(text.size(), tail.size());
+  EXPECT_EQ(text.substr(text.size() - tail.size()), tail);
+}
+
+TEST(FileHeader, NullHeaderIsAFailedPrecondition) {
+  std::ostringstream out;
+  Status status = dump_zvkfile_header(nullptr, out);
+  EXPECT_EQ(status.code_, error::FAILED_PRECONDITION);
+  EXPECT_EQ(status.msg_, "File header is nullptr!");
+}
+
+// A buffer in its own block, filled with records of the given payload sizes.
+class TestBuffer {
+ public:
+  explicit TestBuffer(uint32_t capacity) : m_block((capacity + 8 + 7) / 8, 0) {
+    buffer()->len_buffer = capacity;
+  }
+  ZVKBuffer* buffer() { return reinterpret_cast<ZVKBuffer*>(m_block.data()); }
+  void add(uint64_t timestamp, uint16_t payload) {
+    ZVKRecord header{};
+    header.timestamp = timestamp;
+    header.event_type = make_event_word(ANNOTATION, 0, 3);
+    header.payload_size = payload;
+    char* at = buffer()->record_buffer + buffer()->num_bytes;
+    std::memcpy(at, &header, sizeof(header));
+    std::memset(at + sizeof(header), 'p', payload);
+    buffer()->num_bytes += record_size(0, payload);
+  }
+
+ private:
+  std::vector<uint64_t> m_block;
+};
+
+class BucketWriterTest : public ::testing::Test {
+ protected:
+  BucketWriterTest() {
+    path = dir.file("buckets.zvkraw");
+    fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0664);
+  }
+  ~BucketWriterTest() override { close(fd); }
+
+  std::vector<char> contents() {
+    std::vector<char> bytes(lseek(fd, 0, SEEK_END));
+    pread(fd, bytes.data(), bytes.size(), 0);
+    return bytes;
+  }
+
+  TempDir dir;
+  std::string path;
+  int fd;
+};
+
+TEST_F(BucketWriterTest, EmptyBufferGivesNoBucketAndNoCounts) {
+  ZVKBucketWriter writer(fd, 1);
+  TestBuffer empty(256);
+  CaptureStderr();
+  EXPECT_TRUE(writer.write_bucket(empty.buffer()).ok());
+  EXPECT_EQ(log_messages(GetCapturedStderr()),
+            std::vector<std::string>{"WARNING| Received empty bucket!"});
+  EXPECT_EQ(contents().size(), 0u);
+  EXPECT_EQ(writer.get_max_bucket_size(), 0u);
+  EXPECT_EQ(writer.get_uncompressed_bytes(), 0u);
+  EXPECT_EQ(writer.get_total_records_written(), 0u);
+  EXPECT_EQ(writer.get_scratch_capacity(), 0u);
+  EXPECT_TRUE(writer.get_ip_list().empty());
+}
+
+TEST_F(BucketWriterTest, ScratchGrowsOnlyForALargerBound) {
+  ZVKBucketWriter writer(fd, 1);
+  TestBuffer a(512), b(512), c(512);
+  a.add(1, 100 - 24);
+  b.add(2, 300 - 24);
+  c.add(3, 200 - 24);
+  ASSERT_TRUE(writer.write_bucket(a.buffer()).ok());
+  EXPECT_EQ(writer.get_scratch_capacity(), compressBound(100));
+  ASSERT_TRUE(writer.write_bucket(b.buffer()).ok());
+  EXPECT_EQ(writer.get_scratch_capacity(), compressBound(300));
+  ASSERT_TRUE(writer.write_bucket(c.buffer()).ok());
+  EXPECT_EQ(writer.get_scratch_capacity(), compressBound(300));
+  EXPECT_EQ(writer.get_max_bucket_size(), 308u);
+  EXPECT_EQ(writer.get_uncompressed_bytes(), 600u + 3 * 32);
+  EXPECT_EQ(writer.get_total_records_written(), 3u);
+  EXPECT_EQ(writer.get_written_bytes(), contents().size());
+}
+
+TEST_F(BucketWriterTest, BucketHeaderAndStreamRoundTrip) {
+  ZVKBucketWriter writer(fd, 1);
+  TestBuffer records(1024);
+  records.add(50, 8);
+  records.add(20, 0);
+  records.add(90, 3);  // unaligned neighbours are fine
+  records.add(70, 0);
+  ASSERT_TRUE(writer.write_bucket(records.buffer()).ok());
+  std::vector<char> bytes = contents();
+  ZVKFileBucket bucket;
+  std::memcpy(&bucket, bytes.data(), sizeof(bucket));
+  EXPECT_EQ(bucket.tmin, 20u);
+  EXPECT_EQ(bucket.tmax, 90u);
+  EXPECT_EQ(bucket.number_of_records_in_bucket, 4u);
+  EXPECT_EQ(bucket.uncompressed_size, records.buffer()->num_bytes);
+  EXPECT_EQ(bytes.size(), 32u + bucket.compressed_size);
+  EXPECT_EQ(writer.get_max_compressed_size(), bucket.compressed_size);
+
+  std::vector<char> inflated(bucket.uncompressed_size);
+  ZVKBucketReader reader(reinterpret_cast<const ZVKFileBucket*>(bytes.data()), inflated.data(),
+                         static_cast<int32_t>(inflated.size()));
+  ASSERT_TRUE(reader.decompress().ok());
+  EXPECT_EQ(std::memcmp(inflated.data(), records.buffer()->record_buffer, inflated.size()), 0);
+  std::vector<uint64_t> stamps;
+  ZVKRecordReader record;
+  Status next;
+  while ((next = reader.get_next_record(record)).ok()) stamps.push_back(record.timestamp());
+  EXPECT_EQ(next.code_, error::END_OF_DATA);
+  EXPECT_EQ(stamps, (std::vector<uint64_t>{50, 20, 90, 70}));
+  EXPECT_EQ(reader.get_current_offset(), bucket.uncompressed_size);
+  std::unique_ptr<ZVKRecordReader> after;
+  EXPECT_EQ(reader.get_next_record(&after).code_, error::END_OF_DATA);
+}
+
+TEST_F(BucketWriterTest, OneRecordHasEqualBounds) {
+  ZVKBucketWriter writer(fd, 1);
+  TestBuffer one(64);
+  one.add(33, 0);
+  ASSERT_TRUE(writer.write_bucket(one.buffer()).ok());
+  ZVKFileBucket bucket;
+  std::memcpy(&bucket, contents().data(), sizeof(bucket));
+  EXPECT_EQ(bucket.tmin, 33u);
+  EXPECT_EQ(bucket.tmax, 33u);
+}
+
+TEST_F(BucketWriterTest, ReadOnlyDescriptorFailsWithTheSystemsText) {
+  const int read_only = open(path.c_str(), O_RDONLY);
+  ZVKBucketWriter writer(read_only, 1);
+  TestBuffer one(64);
+  one.add(1, 0);
+  CaptureStderr();
+  Status status = writer.write_bucket(one.buffer());
+  EXPECT_EQ(log_messages(GetCapturedStderr()),
+            std::vector<std::string>{"ERROR| Failed to write to file! Bad file descriptor"});
+  EXPECT_EQ(status.code_, error::FAILURE);
+  EXPECT_EQ(status.msg_, "Bad file descriptor");
+  EXPECT_EQ(writer.get_written_bytes(), 0u);
+  EXPECT_EQ(writer.get_total_records_written(), 1u);  // counted before the write
+  close(read_only);
+}
+
+TEST_F(BucketWriterTest, LevelZeroStoresAValidStream) {
+  ZVKBucketWriter writer(fd, 0);
+  TestBuffer records(256);
+  records.add(1, 100);
+  ASSERT_TRUE(writer.write_bucket(records.buffer()).ok());
+  std::vector<char> bytes = contents();
+  ZVKFileBucket bucket;
+  std::memcpy(&bucket, bytes.data(), sizeof(bucket));
+  EXPECT_GT(bucket.compressed_size, bucket.uncompressed_size);  // stored, with zlib framing
+  std::vector<char> inflated(bucket.uncompressed_size);
+  uLongf length = inflated.size();
+  EXPECT_EQ(uncompress(reinterpret_cast<Bytef*>(inflated.data()), &length,
+                       reinterpret_cast<const Bytef*>(bytes.data() + 32), bucket.compressed_size),
+            Z_OK);
+}
+
+TEST_F(BucketWriterTest, KilledWriterFileReadsBucketByBucket) {
+  auto block = make_header("Zen", "", "host", "");
+  auto* hdr = reinterpret_cast<ZVKFileHeader*>(block.data());
+  hdr->num_buckets = 0;  // never rewritten
+  const size_t header_size = kZVKFileHeaderSize + get_header_payload_size(hdr);
+  ASSERT_EQ(write(fd, hdr, header_size), static_cast<ssize_t>(header_size));
+  ZVKBucketWriter writer(fd, 1);
+  for (int i = 0; i < 3; ++i) {
+    TestBuffer records(256);
+    records.add(10 + i, 8);
+    records.add(20 + i, 8);
+    ASSERT_TRUE(writer.write_bucket(records.buffer()).ok());
+  }
+  auto file = testing_support::read_capture(path);
+  EXPECT_EQ(file.header()->num_buckets, 0u);
+  ASSERT_EQ(file.buckets.size(), 3u);
+  EXPECT_FALSE(file.torn);
+  EXPECT_EQ(file.buckets[2].records[1].timestamp, 22u);
+
+  ASSERT_EQ(ftruncate(fd, lseek(fd, 0, SEEK_END) - 5), 0);
+  auto torn = testing_support::read_capture(path);
+  EXPECT_EQ(torn.buckets.size(), 2u);
+  EXPECT_TRUE(torn.torn);
+}
+
+TEST(FileReader, RejectsWhatIsNotACaptureFile) {
+  TempDir dir;
+  const std::string path = dir.file("x");
+  std::FILE* f = std::fopen(path.c_str(), "w");
+  std::fputs("ZVK", f);
+  std::fclose(f);
+  ZVKFileReader reader;
+  Status status = reader.open(path);
+  EXPECT_FALSE(status.ok());
+  EXPECT_EQ(status.msg_, "too short to be a capture file (3 bytes, the header alone is 88)");
+  auto block = make_header("", "", "h", "");
+  reinterpret_cast<ZVKFileHeader*>(block.data())->hostname_str_len = 5000;
+  f = std::fopen(path.c_str(), "w");
+  std::fwrite(block.data(), 1, 89, f);
+  std::fclose(f);
+  ZVKFileReader second;
+  EXPECT_EQ(second.open(path).msg_, "header claims 5088 bytes but the file has 89");
+}
+
+}  // namespace
+}  // namespace zorvek

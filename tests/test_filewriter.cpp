@@ -1,0 +1,325 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "tests/test_support.h"
+#include "zorv/io/zvkfilewriter.h"
+
+namespace zorvek {
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+using testing_support::log_messages;
+using testing_support::read_capture;
+using testing_support::run_in_child;
+using testing_support::ScopedEnv;
+using testing_support::TempDir;
+using Strings = std::vector<std::string>;
+
+bool exists(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0;
+}
+
+bool contains(const Strings& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+// The writer's queues, and a way to hand it a buffer of records and wait until the
+// writer thread has given the buffer back.
+class Pipeline {
+ public:
+  Pipeline() : fill(4, 4096) {}
+
+  void send(int records, uint64_t first_timestamp = 1) {
+    ZVKBuffer* buffer = nullptr;
+    fill.pop(&buffer);
+    ASSERT_NE(buffer, nullptr);
+    for (int i = 0; i < records; ++i) {
+      ZVKRecord header{};
+      header.timestamp = first_timestamp + i;
+      header.event_type = make_event_word(ANNOTATION, 0, 3);
+      std::memcpy(buffer->record_buffer + buffer->num_bytes, &header, sizeof(header));
+      buffer->num_bytes += sizeof(header);
+    }
+    to_write.push(buffer);
+    wait_until_returned();
+  }
+
+  void wait_until_returned() {
+    for (int i = 0; i < 5000 && (fill.size() != 4 || to_write.size() != 0); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    // The buffer is back before the rotation check of the same pass.
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+
+  ZVKQueue<ZVKBuffer> fill;
+  ZVKQueue<ZVKBuffer> to_write;
+};
+
+// The writer checks its timer once per pass, and an idle pass lasts up to a second.
+bool wait_for_files(const TempDir& dir, const Strings& expected) {
+  for (int i = 0; i < 300; ++i) {
+    if (dir.list() == expected) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+const JobMetadata kMetadata{"ml.p5", "", "rid-1"};
+
+TEST(FileWriter, PatternTokensFirstOccurrenceOnly) {
+  ZVKFileWriter writer(nullptr, nullptr, JobMetadata{"", "h%p", ""}, 1000001);
+  const std::string pid = std::to_string(getpid());
+  EXPECT_EQ(writer.parse_file_pattern("a%pb%pc"), "a" + pid + "b%pc_0.zvkraw");
+  EXPECT_EQ(writer.parse_file_pattern(""), "_0.zvkraw");
+  EXPECT_EQ(writer.parse_file_pattern("%h"), "h%p_0.zvkraw");  // %p was done first
+  const std::string timed = writer.parse_file_pattern("t%t");
+  EXPECT_EQ(timed.size(), std::string("t_0.zvkraw").size() + 19);
+}
+
+TEST(FileWriter, EmptyHostNameBecomesUnknownHost) {
+  ZVKFileWriter writer(nullptr, nullptr, kMetadata, 1000001);
+  EXPECT_EQ(writer.parse_file_pattern("%h"), "Unknown_host_0.zvkraw");
+}
+
+TEST(FileWriter, RotationTimerIsNextWholeMinutePlusPeriod) {
+  const uint64_t noon_30 = (12ULL * 3600 + 30) * 1000000000ULL;  // 12:00:30 UTC
+  EXPECT_EQ(ZVKFileWriter::first_rotation_time_ns(noon_30, 60), (12ULL * 3600 + 120) * 1000000000ULL);
+  EXPECT_EQ(ZVKFileWriter::first_rotation_time_ns(noon_30, 0), (12ULL * 3600 + 60) * 1000000000ULL);
+}
+
+TEST(FileWriter, RotationPeriodFromTheEnvironment) {
+  ScopedEnv period("ZVK_FILE_ROTATION_DURATION_SECONDS", "7");
+  EXPECT_EQ(ZVKFileWriter(nullptr, nullptr, kMetadata, 1).rotation_duration_s(), 7u);
+  ScopedEnv empty("ZVK_FILE_ROTATION_DURATION_SECONDS", "");
+  EXPECT_EQ(ZVKFileWriter(nullptr, nullptr, kMetadata, 1).rotation_duration_s(), 31536000u);
+}
+
+TEST(FileWriter, StopWithoutStart) {
+  ZVKFileWriter writer(nullptr, nullptr, kMetadata, 1000001);
+  Status status = writer.stop();
+  EXPECT_EQ(status.code_, error::FAILED_PRECONDITION);
+  EXPECT_EQ(status.msg_, "There is no recording ongoing to stop!");
+}
+
+// The rotation timer is set once per process: each scenario runs in a child.
+TEST(FileWriter, HeaderOnlyWhileRunningAndNothingRecordedLeavesNoFile) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("run_%p")).ok());
+    const std::string name = writer.current_filename();
+    EXPECT_EQ(name, dir.file("run_" + std::to_string(getpid()) + "_0.zvkraw"));
+    auto file = read_capture(name);
+    EXPECT_EQ(file.file_size, kZVKFileHeaderSize + get_header_payload_size(file.header()));
+    EXPECT_EQ(get_hostname(file.header()), "Unknown_host");
+    EXPECT_EQ(get_jobuid(file.header()), "rid-1");
+    EXPECT_EQ(get_instance_type(file.header()), "ml.p5");
+    EXPECT_EQ(file.header()->compression, 1000001u);
+    EXPECT_EQ(file.header()->pid, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(file.header()->end_time, 0u);
+    CaptureStderr();
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_TRUE(writer.stop().ok());
+    // The idle loop notices the flag within its 1 ms sleep, not after its 1 s round.
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(500));
+    EXPECT_TRUE(log_messages(GetCapturedStderr()).empty());
+    EXPECT_FALSE(exists(name));
+  }));
+}
+
+TEST(FileWriter, BucketsReportAndFinalHeader) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000009);
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    pipe.send(3, 100);
+    pipe.send(5, 10);
+    CaptureStderr();
+    pipe.send(0);  // an empty buffer circulates without a bucket
+    Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_EQ(lines, Strings{"WARNING| Received empty bucket!"});
+    EXPECT_EQ(pipe.fill.size(), 4u);
+    CaptureStderr();
+    ASSERT_TRUE(writer.stop().ok());
+    lines = log_messages(GetCapturedStderr());
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("INFO| Writer thread spin duration= ", 0), 0u) << lines[0];
+    EXPECT_NE(lines[0].find("us, number of buckets= 2, number of records= 8, total time= "),
+              std::string::npos);
+    EXPECT_NE(lines[0].find(", max uncompressed bucket size =128, max compressed bucket size= "),
+              std::string::npos);
+    EXPECT_NE(lines[0].find(" MB/s,  average uncompressed bandwidth= "), std::string::npos);
+    EXPECT_NE(lines[0].find(" MB/s. Last file rotation id= 0"), std::string::npos);
+
+    auto file = read_capture(dir.file("run_0.zvkraw"));
+    EXPECT_EQ(file.header()->num_buckets, 2u);
+    EXPECT_EQ(file.header()->compression, 1000009u);
+    EXPECT_EQ(file.header()->max_uncompressed_size, 5u * 24 + 8);
+    ASSERT_EQ(file.buckets.size(), 2u);
+    EXPECT_EQ(file.header()->max_bucket_size,
+              std::max(file.buckets[0].compressed_size, file.buckets[1].compressed_size));
+    EXPECT_GE(file.header()->end_time, file.header()->start_time);
+    EXPECT_EQ(file.buckets[0].tmin, 100u);
+    EXPECT_EQ(file.buckets[0].tmax, 102u);
+    EXPECT_EQ(file.buckets[1].number_of_records, 5u);
+  }));
+}
+
+TEST(FileWriter, SuspendAndResumeAppendToTheSameFile) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    pipe.send(2, 1);
+    CaptureStderr();
+    ASSERT_TRUE(writer.suspend().ok());
+    EXPECT_FALSE(writer.is_running());
+    ASSERT_TRUE(writer.resume().ok());
+    pipe.send(3, 50);
+    ASSERT_TRUE(writer.suspend().ok());
+    ASSERT_TRUE(writer.resume().ok());
+    pipe.send(1, 90);
+    ASSERT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(dir.list(), Strings{"run_0.zvkraw"});
+    auto file = read_capture(dir.file("run_0.zvkraw"));
+    EXPECT_EQ(file.header()->num_buckets, 3u);
+    ASSERT_EQ(file.buckets.size(), 3u);
+    EXPECT_EQ(file.buckets[1].tmin, 50u);
+    EXPECT_EQ(file.buckets[2].tmin, 90u);
+  }));
+}
+
+TEST(FileWriter, ResumeAfterAnEmptySuspendStartsTheFileAnew) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    CaptureStderr();
+    ASSERT_TRUE(writer.suspend().ok());
+    EXPECT_FALSE(exists(dir.file("run_0.zvkraw")));  // unlinked: no buckets
+    ASSERT_TRUE(writer.resume().ok());
+    pipe.send(1, 5);
+    ASSERT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(read_capture(dir.file("run_0.zvkraw")).header()->num_buckets, 1u);
+  }));
+}
+
+TEST(FileWriter, StartWhileRunningStopsTheThreadAndTruncates) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    pipe.send(2);
+    CaptureStderr();
+    EXPECT_TRUE(writer.start(dir.file("run")).ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines[0], "ERROR| [DEPRECATED][TODO] Should never be called!");
+    EXPECT_TRUE(writer.is_running());
+    auto file = read_capture(dir.file("run_0.zvkraw"));  // O_TRUNC: header only again
+    EXPECT_TRUE(file.buckets.empty());
+    CaptureStderr();
+    writer.stop();
+    GetCapturedStderr();
+  }));
+}
+
+TEST(FileWriter, OpenFailureIsReported) {
+  EXPECT_EQ(0, run_in_child([] {
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    CaptureStderr();
+    Status status = writer.start("/nonexistent-dir/run");
+    EXPECT_EQ(log_messages(GetCapturedStderr()),
+              Strings{"ERROR| Failed to open file /nonexistent-dir/run_0.zvkraw error was No such "
+                      "file or directory"});
+    EXPECT_EQ(status.code_, error::FAILURE);
+    EXPECT_EQ(status.msg_, "Failed to open file No such file or directory");
+  }));
+}
+
+// A second writer in the process finds the timer already set and starts from 0:
+// with a period of 0 it is due at every check, and rotates after every pass with
+// a bucket.
+TEST(FileWriter, RotationOnKelvaneRenamesFinishedFiles) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    setenv("ZV_CURRENT_HOST", "algo-1", 1);
+    setenv("ZVK_FILE_ROTATION_DURATION_SECONDS", "0", 1);
+    Pipeline pipe;
+    CaptureStderr();
+    {
+      ZVKFileWriter first(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+      ASSERT_TRUE(first.start(dir.file("first")).ok());
+      first.stop();
+    }
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    EXPECT_TRUE(exists(dir.file("run_0.zvkraw.tmp")));
+    pipe.send(2, 1);
+    ASSERT_TRUE(wait_for_files(dir, {"run_0.zvkraw", "run_1.zvkraw.tmp"}));
+    // A whole idle pass with no buckets: the timer moves on, no file is made.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    EXPECT_EQ(dir.list(), (Strings{"run_0.zvkraw", "run_1.zvkraw.tmp"}));
+    pipe.send(3, 10);
+    ASSERT_TRUE(wait_for_files(dir, {"run_0.zvkraw", "run_1.zvkraw", "run_2.zvkraw.tmp"}));
+    ASSERT_TRUE(writer.stop().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_TRUE(contains(lines, "INFO| Rename " + dir.file("run_0.zvkraw.tmp") + " to " +
+                                    dir.file("run_0.zvkraw")));
+    // The last file never got a bucket: it was unlinked, so the rename at stop fails.
+    EXPECT_TRUE(contains(lines, "ERROR| Can't rename " + dir.file("run_2.zvkraw.tmp") + " to " +
+                                    dir.file("run_2.zvkraw")));
+    // The empty first capture was unlinked too: its rename failed the same way.
+    EXPECT_TRUE(contains(lines, "ERROR| Can't rename " + dir.file("first_0.zvkraw.tmp") + " to " +
+                                    dir.file("first_0.zvkraw")));
+    EXPECT_EQ(dir.list(), (Strings{"run_0.zvkraw", "run_1.zvkraw"}));
+    EXPECT_EQ(read_capture(dir.file("run_0.zvkraw")).header()->num_buckets, 1u);
+    auto second = read_capture(dir.file("run_1.zvkraw"));
+    EXPECT_EQ(second.header()->num_buckets, 1u);
+    EXPECT_EQ(second.buckets.at(0).tmin, 10u);
+    bool rotation_logged = false;
+    for (const auto& line : lines) {
+      rotation_logged |= line.find(" - rotation is upnum_buckets=1num_total_records2") !=
+                         std::string::npos;
+    }
+    EXPECT_TRUE(rotation_logged);
+  }));
+}
+
+TEST(FileWriter, KelvaneStopRenamesTheFinishedFile) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    setenv("ZV_CURRENT_HOST", "algo-1", 1);
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    pipe.send(1);
+    CaptureStderr();
+    ASSERT_TRUE(writer.suspend().ok());
+    EXPECT_EQ(dir.list(), Strings{"run_0.zvkraw.tmp"});  // a suspend keeps ".tmp"
+    ASSERT_TRUE(writer.resume().ok());
+    ASSERT_TRUE(writer.stop().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_TRUE(contains(lines, "INFO| Rename " + dir.file("run_0.zvkraw.tmp") + " to " +
+                                    dir.file("run_0.zvkraw")));
+    EXPECT_EQ(dir.list(), Strings{"run_0.zvkraw"});
+  }));
+}
+
+}  // namespace
+}  // namespace zorvek
