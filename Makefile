@@ -24,7 +24,7 @@ deps:
 	fi
 
 build: deps
-	@$(CMAKE_CONFIGURE) -B build/dev >/dev/null
+	@$(CMAKE_CONFIGURE) -B build/dev -DZORV_BUILD_BENCH=ON >/dev/null
 	@ninja -C build/dev -j $(JOBS)
 
 test-cpp: build

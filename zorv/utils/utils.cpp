@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <atomic>
 #include <mutex>
 
 #include "zorv/utils/logging.h"
@@ -194,14 +195,13 @@ RUsageHelper::~RUsageHelper() {
   LOG(INFO) << text.str();
 }
 
-namespace detail {
+namespace {
 
 std::atomic<uint64_t> g_fork_generation{1};
+// initial-exec: no __tls_get_addr, also when loaded as a Python extension.
 __thread ProcessIdentity t_identity __attribute__((tls_model("initial-exec"))) = {0, 0, 0};
 
-namespace {
 void bump_fork_generation() { g_fork_generation.fetch_add(1, std::memory_order_relaxed); }
-}  // namespace
 
 void refresh_identity() {
   static std::once_flag registered;
@@ -211,5 +211,14 @@ void refresh_identity() {
   t_identity.fork_generation = g_fork_generation.load(std::memory_order_relaxed);
 }
 
-}  // namespace detail
+}  // namespace
+
+const ProcessIdentity& current_identity() {
+  if (__builtin_expect(
+          t_identity.fork_generation != g_fork_generation.load(std::memory_order_relaxed), 0)) {
+    refresh_identity();
+  }
+  return t_identity;
+}
+
 }  // namespace zorvek

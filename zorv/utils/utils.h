@@ -4,7 +4,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -84,22 +83,7 @@ struct ProcessIdentity {
   pid_t tid;
 };
 
-namespace detail {
-extern std::atomic<uint64_t> g_fork_generation;
-// Plain __thread with initial-exec: no TLS wrapper call and no __tls_get_addr on the
-// hot path, also when the library is loaded as a Python extension.
-extern __thread ProcessIdentity t_identity __attribute__((tls_model("initial-exec")));
-void refresh_identity();
-}  // namespace detail
-
-inline const ProcessIdentity& current_identity() {
-  if (__builtin_expect(
-          detail::t_identity.fork_generation !=
-              detail::g_fork_generation.load(std::memory_order_relaxed),
-          0)) {
-    detail::refresh_identity();
-  }
-  return detail::t_identity;
-}
+// One TLS read and one relaxed load when nothing changed.
+const ProcessIdentity& current_identity();
 
 }  // namespace zorvek
