@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 constexpr uint32_t kBufferBytes = 8u << 20;
 constexpr int kBuffers = 16;
 constexpr int kLevel = 1;
-constexpr uint64_t kTotalBytes = 1536ull << 20;
+constexpr uint64_t kTotalBytes = 384ull << 20;
 
 double seconds_since(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
