@@ -32,14 +32,6 @@ void ZVKAnnotator::write_wrapped(char* payload, uint16_t payload_size, uint64_t 
   }
 }
 
-namespace {
-
-uint64_t to_ns(const timespec& ts) {
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
-}
-
-}  // namespace
-
 void ZVKAnnotator::generate_offset_record() {
   using annotations::kClockPairs;
   timespec mono[kClockPairs] = {};
@@ -64,13 +56,13 @@ void ZVKAnnotator::generate_offset_record() {
 
   const ProcessIdentity& identity = current_identity();
   const int cpu = sched_getcpu();
-  auto writer = m_helper->new_record(to_ns(t0), event_word(annotations::TIME_MARKER, cpu),
+  auto writer = m_helper->new_record(timespec_to_ns(t0), event_word(annotations::TIME_MARKER, cpu),
                                      identity.pid, identity.tid, 0,
                                      sizeof(annotations::time_marker));
   annotations::time_marker marker;
   for (int i = 0; i < kClockPairs; ++i) {
-    marker.monotic[i] = to_ns(mono[i]);
-    marker.realtime[i] = to_ns(real[i]);
+    marker.monotic[i] = timespec_to_ns(mono[i]);
+    marker.realtime[i] = timespec_to_ns(real[i]);
   }
   std::memcpy(writer.get_payload_store(), &marker, sizeof(marker));
 }

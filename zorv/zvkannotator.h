@@ -111,9 +111,7 @@ class ZVKAnnotator {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     const ProcessIdentity& identity = current_identity();
-    return Stamp{static_cast<uint64_t>(now.tv_sec) * 1000000000ULL +
-                     static_cast<uint64_t>(now.tv_nsec),
-                 identity.pid, identity.tid, sched_getcpu()};
+    return Stamp{timespec_to_ns(now), identity.pid, identity.tid, sched_getcpu()};
   }
 
   static uint32_t event_word(annotations::Types type, int cpu) {

@@ -12,6 +12,7 @@
 #include <ctime>
 
 #include "zorv/utils/logging.h"
+#include "zorv/utils/utils.h"
 
 namespace zorvek {
 
@@ -59,17 +60,6 @@ class TextBlock {
   size_t m_used = 0;
 };
 
-std::string local_time_us(uint64_t ns) {
-  const time_t seconds = static_cast<time_t>(ns / 1000000000ULL);
-  struct tm local;
-  localtime_r(&seconds, &local);
-  char text[64];
-  size_t used = strftime(text, sizeof(text), "%F %H:%M:%S", &local);
-  snprintf(text + used, sizeof(text) - used, ".%06ld",
-           static_cast<long>((ns % 1000000000ULL) / 1000));
-  return text;
-}
-
 }  // namespace
 
 Status dump_zvkfile_header(const ZVKFileHeader* hdr, std::ostream& out) {
@@ -81,7 +71,8 @@ Status dump_zvkfile_header(const ZVKFileHeader* hdr, std::ostream& out) {
       "'\n\tZVKVersion= %10d,\n\tcompression= %7d,\n\tConfig= %lu,\n\tstart= %s,\n\tend= "
       "%s,\n\tclock_offset= %lu,\n\tpid= %d,\n\tmax_bucket= %d,\n\tmax_uncompressed= %d,\n\t",
       hdr->ZVKVersion, hdr->compression, static_cast<unsigned long>(hdr->ZVKConfig),
-      local_time_us(hdr->start_time).c_str(), local_time_us(hdr->end_time).c_str(),
+      local_time_text(hdr->start_time, "%F %H:%M:%S").c_str(),
+      local_time_text(hdr->end_time, "%F %H:%M:%S").c_str(),
       static_cast<unsigned long>(hdr->clock_shift), hdr->pid, hdr->max_bucket_size,
       hdr->max_uncompressed_size);
   block.append(

@@ -26,18 +26,12 @@ uint64_t now_ns() {
           .count());
 }
 
-// Local time as "%H:%M:%S" with ".%06ld" microseconds.
+// Local time as "%H:%M:%S" with ".%06ld" microseconds, for the writer's log lines.
 std::string local_time_text(Clock::time_point when) {
-  const uint64_t ns = static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count());
-  const time_t seconds = static_cast<time_t>(ns / 1000000000ULL);
-  struct tm local;
-  localtime_r(&seconds, &local);
-  char text[64];
-  size_t used = strftime(text, sizeof(text), "%H:%M:%S", &local);
-  snprintf(text + used, sizeof(text) - used, ".%06ld",
-           static_cast<long>((ns % 1000000000ULL) / 1000));
-  return text;
+  return zorvek::local_time_text(
+      static_cast<uint64_t>(
+          std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count()),
+      "%H:%M:%S");
 }
 
 uint64_t elapsed_ns(Clock::time_point from, Clock::time_point to) {

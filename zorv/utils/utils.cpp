@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <atomic>
@@ -75,13 +76,16 @@ std::vector<std::string> split(const std::string& text, char delimiter) {
   return tokens;
 }
 
-namespace {
-
-uint64_t to_ns(const timespec& ts) {
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+std::string local_time_text(uint64_t ns, const char* format) {
+  const time_t seconds = static_cast<time_t>(ns / 1000000000ULL);
+  struct tm local;
+  localtime_r(&seconds, &local);
+  char text[64];
+  size_t used = strftime(text, sizeof(text), format, &local);
+  snprintf(text + used, sizeof(text) - used, ".%06ld",
+           static_cast<long>((ns % 1000000000ULL) / 1000));
+  return text;
 }
-
-}  // namespace
 
 uint64_t get_clock_offset() {
   constexpr int kRounds = 10;
@@ -92,14 +96,14 @@ uint64_t get_clock_offset() {
     clock_gettime(CLOCK_REALTIME, &tcs[i]);
   }
   uint64_t sum = 0;
-  for (int i = 0; i < kRounds; ++i) sum += to_ns(tcs[i]) - to_ns(tps[i]);
+  for (int i = 0; i < kRounds; ++i) sum += timespec_to_ns(tcs[i]) - timespec_to_ns(tps[i]);
   const uint64_t average_offset = sum / kRounds;
 
   // Five back-to-back reads measure the cost of one call.
   timespec first = {}, last = {};
   clock_gettime(CLOCK_MONOTONIC_RAW, &first);
   for (int i = 0; i < 5; ++i) clock_gettime(CLOCK_MONOTONIC_RAW, &last);
-  const uint64_t bias = (to_ns(last) - to_ns(first)) / 5;
+  const uint64_t bias = (timespec_to_ns(last) - timespec_to_ns(first)) / 5;
   return average_offset - bias;
 }
 
@@ -184,7 +188,7 @@ RUsageHelper::~RUsageHelper() {
          << "\tnsignal    :" << b.ru_nsignals - a.ru_nsignals << "\n"
          << "\tvolconsw   :" << b.ru_nvcsw - a.ru_nvcsw << "\n"
          << "\tinvolconsw :" << b.ru_nivcsw - a.ru_nivcsw << "\n"
-         << "\tproc_cpu_t :" << static_cast<double>(to_ns(cpu) / 1000000) / 1000.0 << " (s)"
+         << "\tproc_cpu_t :" << static_cast<double>(timespec_to_ns(cpu) / 1000000) / 1000.0 << " (s)"
          << "\n";
   }
   const auto wall_ns = std::chrono::duration_cast<std::chrono::nanoseconds>(m_rusage.t_end -

@@ -2,6 +2,7 @@
 
 #include <sys/resource.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -43,6 +44,13 @@ struct ZVKHex {
   }
   const T& t_;
 };
+
+inline uint64_t timespec_to_ns(const timespec& ts) {
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// Local time of `ns` since the epoch: `format` for strftime, then ".%06ld" microseconds.
+std::string local_time_text(uint64_t ns, const char* format);
 
 // Nanoseconds to add to a CLOCK_MONOTONIC_RAW time to get a system-clock time,
 // less the cost of one clock_gettime call.
