@@ -4,11 +4,6 @@
 
 namespace zorvek {
 
-std::atomic<uint64_t>& counter() {
-  static std::atomic<uint64_t> correlation_counter{0};
-  return correlation_counter;
-}
-
 ZVKAnnotator::ZVKAnnotator(const std::string& name, ZVKQueue<ZVKBuffer>* to_fill,
                            ZVKQueue<ZVKBuffer>* to_write)
     : m_name(name),
