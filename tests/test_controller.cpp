@@ -224,6 +224,9 @@ TEST(Configure, EmptyConfigBuildsOnlyAnnotatorAndWriter) {
   }));
 }
 
+// "EnablePerf" with no "PERF" section, and "EnableCuda" with no "CUDA": both are
+// announced and configure goes on. The collectors themselves are not in this
+// build, so each announcement is followed by a warning that says so.
 TEST(Configure, CollectorsAreAnnouncedAndUnsharedAnnotatorNamed) {
   EXPECT_EQ(0, run_in_child([] {
     clear_environment();
@@ -237,7 +240,11 @@ TEST(Configure, CollectorsAreAnnouncedAndUnsharedAnnotatorNamed) {
     const Strings lines = log_messages(GetCapturedStderr());
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0], "INFO| CPU capture enabled ");
+    EXPECT_EQ(lines[1],
+              "WARNING| CPU sampling is not part of this build yet; the capture runs without it");
     EXPECT_EQ(lines[2], "INFO| CUDA capture enabled ");
+    EXPECT_EQ(lines[3],
+              "WARNING| GPU tracing is not part of this build yet; the capture runs without it");
     EXPECT_EQ(ZorvTestPeer::annotator(zorv)->name(), "Annotator");
     EXPECT_TRUE(ZorvTestPeer::follows_forks(zorv));
   }));
