@@ -38,16 +38,19 @@ double seconds_since(Clock::time_point start) {
 }
 
 // Annotation-like records: what a training step's annotations look like.
-void write_record(ZVKBufferRecordHelper& helper, uint64_t i) {
+// Returns the record's size in bytes.
+uint32_t write_record(ZVKBufferRecordHelper& helper, uint64_t i) {
   static const char kNames[][16] = {"forward", "backward", "optimizer.step", "allreduce"};
   const char* name = kNames[i % 4];
   const size_t len = strlen(name);
-  auto writer = helper.new_record(1700000000000000000ull + i * 37, make_event_word(ANNOTATION, i % 8, i & 1),
-                                  4242, 4242 + static_cast<int>(i % 4), 0,
-                                  annotations::message_payload_size(len));
+  const uint16_t payload_size = annotations::message_payload_size(len);
+  auto writer = helper.new_record(1700000000000000000ull + i * 37,
+                                  make_event_word(ANNOTATION, i % 8, i & 1), 4242,
+                                  4242 + static_cast<int>(i % 4), 0, payload_size);
   char* payload = static_cast<char*>(writer.get_payload_store());
   std::memcpy(payload, &i, 8);
   std::memcpy(payload + 8, name, len + 1);
+  return record_size(0, payload_size);
 }
 
 // The same record stream, one buffer's worth after another, into `count` buffers.
@@ -64,6 +67,12 @@ std::vector<ZVKBuffer*> filled_buffers(ZVKQueue<ZVKBuffer>* fill, int count) {
   std::vector<ZVKBuffer*> buffers;
   for (ZVKBuffer* buffer = nullptr; sink.pop(&buffer), buffer != nullptr;) buffers.push_back(buffer);
   return buffers;
+}
+
+// Until the writer has handed every buffer back. Polled every millisecond, as the
+// writer polls: on a VM each wake-up costs CPU time that the writer would miss.
+void wait_for_all_buffers(ZVKQueue<ZVKBuffer>& fill, size_t count) {
+  while (fill.size() != count) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 // Each capture's files go once it is measured. Kept, they would leave every later
@@ -138,14 +147,16 @@ PipelineRun pipeline_mb_s(ZVKQueue<ZVKBuffer>* fill, ZVKQueue<ZVKBuffer>* to_wri
       uint64_t mine = 0;
       for (uint64_t i = t; record_bytes.load(std::memory_order_relaxed) < kTotalBytes;
            i += producers) {
-        write_record(*helper, i);
-        mine += 24 + 24;
-        if (i % 1024 == static_cast<uint64_t>(t)) {
+        mine += write_record(*helper, i);
+        // Every 16384 records: often enough to pace, seldom enough that waking up
+        // doesn't take CPU from the writer.
+        if (i % 16384 == static_cast<uint64_t>(t)) {
           record_bytes.fetch_add(mine);
           mine = 0;
           if (pace_mb_s > 0) {
-            const double due = record_bytes.load() / (pace_mb_s * 1048576.0);
-            while (seconds_since(start) < due) std::this_thread::sleep_for(std::chrono::microseconds(50));
+            const double ahead_s =
+                record_bytes.load() / (pace_mb_s * 1048576.0) - seconds_since(start);
+            if (ahead_s > 0) std::this_thread::sleep_for(std::chrono::duration<double>(ahead_s));
           }
         }
       }
@@ -156,9 +167,7 @@ PipelineRun pipeline_mb_s(ZVKQueue<ZVKBuffer>* fill, ZVKQueue<ZVKBuffer>* to_wri
   const double stall_s = helper->stall_time_us() / 1e6;
   std::cerr.setstate(std::ios::failbit);  // the helper's and the writer's closing lines
   helper.reset();
-  while (fill->size() != static_cast<size_t>(kBuffers)) {
-    std::this_thread::sleep_for(std::chrono::microseconds(100));
-  }
+  wait_for_all_buffers(*fill, kBuffers);
   const double elapsed = seconds_since(start);
   writer->stop();
   std::cerr.clear();
@@ -177,7 +186,7 @@ double writer_alone_mb_s(ZVKQueue<ZVKBuffer>* fill, ZVKQueue<ZVKBuffer>* to_writ
   writer->start(dir + "/bench_%t");
   const auto start = Clock::now();
   for (ZVKBuffer* buffer : buffers) to_write->push(buffer);
-  while (fill->size() != buffers.size()) std::this_thread::sleep_for(std::chrono::microseconds(100));
+  wait_for_all_buffers(*fill, buffers.size());
   const double elapsed = seconds_since(start);
   writer->stop();
   std::cerr.clear();
