@@ -5,8 +5,6 @@
 // VM's speed drifts between seconds. The writer is also timed alone with a full
 // queue, and producers paced at 0.8 of compress2's rate show whether they stall.
 
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -196,7 +194,7 @@ double median(std::vector<double> values) {
 }  // namespace zorvek
 
 int main() {
-  setenv("ZORV_MIN_LOG_LEVEL", "1", 0);  // the writer's INFO lines would time the terminal
+  setenv("ZORV_MIN_LOG_LEVEL", "1", 0);  // the writer's INFO lines aren't what is measured
   char pattern[] = "/tmp/zorvek-bench-XXXXXX";
   const std::string dir = mkdtemp(pattern);
   using namespace zorvek;

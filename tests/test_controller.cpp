@@ -26,6 +26,7 @@ using ::testing::internal::GetCapturedStderr;
 using testing_support::log_messages;
 using testing_support::read_capture;
 using testing_support::run_in_child;
+using testing_support::small_capture_config;
 using testing_support::TempDir;
 using Strings = std::vector<std::string>;
 using Sections = std::map<std::string, ZVKConfigSection>;
@@ -51,10 +52,6 @@ class FakeCollector : public ZVKDataCollectorBase {
   }
   Strings* m_calls;
 };
-
-Sections small(const std::string& pattern) {
-  return {{"ZORV", {{"BucketCount", "4"}, {"BucketSizeMB", "1"}, {"RecordFile", pattern}}}};
-}
 
 void clear_environment() {
   for (const char* name : {"ZV_CURRENT_HOST", "ZVK_OUTPUT_FILE_NAME", "ZVK_BUCKET_COUNT",
@@ -99,7 +96,7 @@ TEST(Controller, LifecycleWritesFilesAndTheMarkerOnce) {
     clear_environment();
     Zorv& zorv = Zorv::instance();
     CaptureStderr();
-    ASSERT_TRUE(zorv.configure(small(dir.file("cap_%t"))).ok());
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("cap_%t"))).ok());
     EXPECT_EQ(zorv.configure({}).msg_, "Already configured!");
     EXPECT_EQ(ZorvTestPeer::annotator(zorv)->name(), "SharedAnnotator");
     EXPECT_EQ(ZorvTestPeer::cuda(zorv), nullptr);
@@ -145,7 +142,7 @@ TEST(Controller, ProcessExitStopsTheCaptureFromTheDestructor) {
   EXPECT_EQ(0, run_in_child([&] {
     clear_environment();
     Zorv& zorv = Zorv::instance();
-    ASSERT_TRUE(zorv.configure(small(dir.file("exit"))).ok());
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("exit"))).ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
     zorv.annotate_begin(std::string("unfinished"));
   }, /*exit_normally=*/true));
@@ -163,7 +160,7 @@ TEST(Controller, ResumeOfANeverStartedCaptureAsksTheWriter) {
     Strings calls;
     ZorvTestPeer::cuda(zorv) = new FakeCollector(&calls);
     CaptureStderr();
-    ASSERT_TRUE(zorv.configure(small("never")).ok());
+    ASSERT_TRUE(zorv.configure(small_capture_config("never")).ok());
     // The writer has no file name yet: its resume tries to open "" and fails.
     Status status = zorv.resume_profiling();
     GetCapturedStderr();
@@ -183,7 +180,7 @@ TEST(Controller, FailingCollectorStartUndoesNothing) {
     fake->m_fail_configure = true;
     fake->m_fail_start = true;
     ZorvTestPeer::cuda(zorv) = fake;
-    Sections config = small(dir.file("fail"));
+    Sections config = small_capture_config(dir.file("fail"));
     config["CUDA"] = {{"k", "v"}};
     CaptureStderr();
     EXPECT_EQ(zorv.configure(config).msg_, "configure 1 failed");
@@ -279,7 +276,7 @@ TEST(Configure, KelvaneFixesTheFileNameUnlessTheEnvironmentSaysOtherwise) {
     setenv("ZV_CURRENT_HOST", "algo-1", 1);
     Zorv& zorv = Zorv::instance();
     CaptureStderr();
-    ASSERT_TRUE(zorv.configure(small("mine")).ok());
+    ASSERT_TRUE(zorv.configure(small_capture_config("mine")).ok());
     EXPECT_EQ(log_messages(GetCapturedStderr()),
               Strings{"WARNING| Setting output file in Kelvane environment is not allowed!"});
     EXPECT_EQ(zorv.file_pattern(), "/opt/kv/output/profiler/framework/zorvek_%h_%p_%t");
@@ -290,7 +287,7 @@ TEST(Configure, KelvaneFixesTheFileNameUnlessTheEnvironmentSaysOtherwise) {
     setenv("ZVK_OUTPUT_FILE_NAME", "env_%p", 1);
     Zorv& zorv = Zorv::instance();
     CaptureStderr();
-    ASSERT_TRUE(zorv.configure(small("mine")).ok());
+    ASSERT_TRUE(zorv.configure(small_capture_config("mine")).ok());
     EXPECT_EQ(log_messages(GetCapturedStderr()),
               Strings{"WARNING| Setting output file in Kelvane environment is not allowed!"});
     EXPECT_EQ(zorv.file_pattern(), "env_%p");

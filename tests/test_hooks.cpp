@@ -18,12 +18,9 @@ namespace {
 
 using testing_support::read_capture;
 using testing_support::run_in_child;
+using testing_support::small_capture_config;
 using testing_support::TempDir;
 using Strings = std::vector<std::string>;
-
-std::map<std::string, ZVKConfigSection> small(const std::string& pattern) {
-  return {{"ZORV", {{"BucketCount", "4"}, {"BucketSizeMB", "1"}, {"RecordFile", pattern}}}};
-}
 
 // The BEGIN messages of a capture file, in order.
 Strings begin_messages(const std::string& path) {
@@ -42,7 +39,7 @@ TEST(Hooks, LibraryAnnotatesIntoTheCaptureWhileItRuns) {
   EXPECT_EQ(0, run_in_child([&] {
     unsetenv("ZVK_OUTPUT_FILE_NAME");
     Zorv& zorv = Zorv::instance();
-    ASSERT_TRUE(zorv.configure(small(dir.file("hooks_%t"))).ok());
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("hooks_%t"))).ok());
     hooked_annotate("before start");  // the library's own defaults: recorded nowhere
     ASSERT_TRUE(zorv.start_profiling().ok());
     EXPECT_FALSE(hooked_has_defaults());
@@ -61,7 +58,7 @@ TEST(Hooks, AnnotationBetweenFlushAndHookRemovalMissesTheFile) {
   EXPECT_EQ(0, run_in_child([&] {
     unsetenv("ZVK_OUTPUT_FILE_NAME");
     Zorv& zorv = Zorv::instance();
-    ASSERT_TRUE(zorv.configure(small(dir.file("late_%t"))).ok());
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("late_%t"))).ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
     hooked_annotate("in time");
     // Lands after the annotator's flush, while the hooks are being taken away.

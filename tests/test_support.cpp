@@ -174,5 +174,10 @@ std::string read_text_file(const std::string& path) {
   return text.str();
 }
 
+std::map<std::string, std::map<std::string, std::string>> small_capture_config(
+    const std::string& pattern) {
+  return {{"ZORV", {{"BucketCount", "4"}, {"BucketSizeMB", "1"}, {"RecordFile", pattern}}}};
+}
+
 }  // namespace testing_support
 }  // namespace zorvek

@@ -93,5 +93,10 @@ std::vector<DecodedRecord> walk_records(const char* data, uint32_t size);
 
 std::string read_text_file(const std::string& path);
 
+// A configuration that keeps a capture small (4 buffers of 1 MiB) and names its
+// files by `pattern`: the sections of Zorv::configure.
+std::map<std::string, std::map<std::string, std::string>> small_capture_config(
+    const std::string& pattern);
+
 }  // namespace testing_support
 }  // namespace zorvek

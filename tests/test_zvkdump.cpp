@@ -17,14 +17,10 @@
 namespace zorvek {
 namespace {
 
+using testing_support::read_text_file;
 using testing_support::TempDir;
 
 constexpr DumpMode kModes[] = {DumpMode::kText, DumpMode::kJson, DumpMode::kSummary};
-
-std::string read_bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 void write_bytes(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), bytes.size());
@@ -57,7 +53,7 @@ std::string make_capture(const TempDir& dir) {
   }
   const auto files = dir.list();
   EXPECT_EQ(files.size(), 1u);
-  const std::string bytes = read_bytes(dir.file(files[0]));
+  const std::string bytes = read_text_file(dir.file(files[0]));
   std::remove(dir.file(files[0]).c_str());
   return bytes;
 }

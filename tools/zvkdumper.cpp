@@ -3,7 +3,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <iostream>
+#include <ostream>
 #include <map>
 #include <string>
 #include <unordered_map>

@@ -143,8 +143,9 @@ class ZVKBufferRecordHelper {
   // A record larger than a whole buffer would run into the next block of the slab.
   // It is written to a block of its own that is freed, not queued: the record is
   // dropped, said once per helper. Only a misconfigured buffer size gets here.
-  __attribute__((noinline, cold)) RecordWriter discarded_record(uint32_t size, uint64_t timestamp, uint32_t event_type, int32_t pid,
-                                int32_t tid, uint16_t call_chain_size, uint16_t payload_size) {
+  __attribute__((noinline, cold)) RecordWriter discarded_record(
+      uint32_t size, uint64_t timestamp, uint32_t event_type, int32_t pid, int32_t tid,
+      uint16_t call_chain_size, uint16_t payload_size) {
     if (!m_reported_oversize) {
       m_reported_oversize = true;
       LOG(ERROR) << "A record of " << size << " bytes doesn't fit in a buffer of "
