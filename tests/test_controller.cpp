@@ -86,7 +86,8 @@ TEST(Controller, UnconfiguredAnswersByTheStateTable) {
     EXPECT_EQ(log_messages(GetCapturedStderr()),
               Strings{"INFO| Status check failed Can't find libraries with annotations status= "
                       "Failed to find hook functions"});
-    EXPECT_TRUE(zorv.is_active());
+    // Whatever the writer answers, a stop ends the capture.
+    EXPECT_FALSE(zorv.is_active());
   }, /*exit_normally=*/true));
 }
 
@@ -247,27 +248,74 @@ TEST(Configure, CollectorsAreAnnouncedAndUnsharedAnnotatorNamed) {
   }));
 }
 
-TEST(Configure, BucketSizeOf4096MiBWrapsToZeroBytes) {
-  EXPECT_EQ(0, run_in_child([] {
+// Each refused setting: the status, its one log line, and a profiler left as it
+// was, so that a corrected configure then succeeds with the settings it is given.
+void expect_refused(const Sections& sections, const char* env_name, const char* env_value,
+                    const std::string& message) {
+  EXPECT_EQ(0, run_in_child([&] {
     clear_environment();
+    if (env_name != nullptr) setenv(env_name, env_value, 1);
     Zorv& zorv = Zorv::instance();
     CaptureStderr();
-    ASSERT_TRUE(zorv.configure({{"ZORV", {{"BucketCount", "2"}, {"BucketSizeMB", "4096"}}}}).ok());
-    const Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 0u);
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines[0], "ERROR| WARNING queue buffer size is less than a single record size! This "
-                        "will not end well!");
-  }));
-  EXPECT_EQ(0, run_in_child([] {
-    clear_environment();
-    setenv("ZVK_BUCKET_SIZE_MB", "4097", 1);
-    Zorv& zorv = Zorv::instance();
+    const Status refused = zorv.configure(sections);
+    EXPECT_EQ(refused.code_, error::INVALID_ARGUMENT);
+    EXPECT_EQ(refused.msg_, message);
+    EXPECT_EQ(log_messages(GetCapturedStderr()), Strings{"ERROR| Configuration refused: " + message});
+    EXPECT_FALSE(zorv.is_configured());
+    EXPECT_EQ(zorv.annotate_begin(std::string("nowhere to go")), 0u);  // and no crash
+    if (env_name != nullptr) unsetenv(env_name);
     CaptureStderr();
-    ASSERT_TRUE(zorv.configure({{"ZORV", {{"BucketCount", "2"}}}}).ok());
+    ASSERT_TRUE(zorv.configure({{"ZORV", {{"BucketCount", "3"}, {"BucketSizeMB", "2"}}}}).ok());
     GetCapturedStderr();
-    EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 1u << 20);
+    EXPECT_EQ(ZorvTestPeer::bucket_count(zorv), 3u);
+    EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 2u << 20);
   }));
+}
+
+TEST(Configure, SettingsThatCanOnlyHangOrLoseEverythingAreRefused) {
+  const std::string too_few =
+      "BucketCount must be at least 2, one buffer for each record producer and one for the "
+      "writer; got ";
+  expect_refused({{"ZORV", {{"BucketCount", "1"}}}}, nullptr, nullptr, too_few + "1");
+  expect_refused({{"ZORV", {{"BucketCount", "0"}}}}, nullptr, nullptr, too_few + "0");
+  expect_refused({}, "ZVK_BUCKET_COUNT", "abc", too_few + "0");
+  const std::string size = "BucketSizeMB must be between 1 and 4095; got ";
+  expect_refused({{"ZORV", {{"BucketSizeMB", "0"}}}}, nullptr, nullptr, size + "0");
+  expect_refused({{"ZORV", {{"BucketSizeMB", "4096"}}}}, nullptr, nullptr, size + "4096");
+  expect_refused({}, "ZVK_BUCKET_SIZE_MB", "4097", size + "4097");
+  const std::string compression =
+      "Compression must be 1000000 plus a zlib level from 0 to 9 (1000001 is level 1), or the "
+      "level alone; got ";
+  expect_refused({}, "ZVK_BUCKET_COMPRESSION", "1000042", compression + "1000042");
+  expect_refused({{"ZORV", {{"Compression", "10"}}}}, nullptr, nullptr, compression + "10");
+}
+
+TEST(Configure, AFailedAllocationLeavesTheProfilerUnconfiguredAndSound) {
+  for (const char* count : {"-1", "100000"}) {
+    EXPECT_EQ(0, run_in_child([&] {
+      clear_environment();
+      setenv("ZVK_BUCKET_COUNT", count, 1);
+      Zorv& zorv = Zorv::instance();
+      CaptureStderr();
+      const Status failed = zorv.configure({{"ZORV", {{"BucketSizeMB", "4095"}}}});
+      EXPECT_EQ(failed.code_, error::INSUFFICIENT_RESOURCES);
+      EXPECT_EQ(failed.msg_, "Couldn't allocate the buffer memory!");
+      const Strings lines = log_messages(GetCapturedStderr());
+      ASSERT_EQ(lines.size(), 1u);
+      EXPECT_EQ(lines[0].rfind("ERROR| Failed to allocate ", 0), 0u) << lines[0];
+      EXPECT_FALSE(zorv.is_configured());
+      zorv.annotate_end(zorv.annotate_begin(std::string("dropped")));
+      zorv.annotate_marker(std::string("dropped too"));
+      EXPECT_EQ(zorv.start_profiling().msg_,
+                "Profiler is not configured. Call configure(...) first");
+      // The second configure sees the settings the first one saw, not a shifted size.
+      unsetenv("ZVK_BUCKET_COUNT");
+      CaptureStderr();
+      ASSERT_TRUE(zorv.configure({{"ZORV", {{"BucketCount", "2"}, {"BucketSizeMB", "1"}}}}).ok());
+      GetCapturedStderr();
+      EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 1u << 20);
+    }));
+  }
 }
 
 TEST(Configure, KelvaneFixesTheFileNameUnlessTheEnvironmentSaysOtherwise) {

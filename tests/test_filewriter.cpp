@@ -3,12 +3,20 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <fstream>
 #include <thread>
 
 #include "tests/test_support.h"
 #include "zorv/io/zvkfilewriter.h"
 
 namespace zorvek {
+
+struct ZVKFileWriterTestPeer {
+  static std::chrono::system_clock::time_point& rotation_time(ZVKFileWriter& writer) {
+    return writer.m_rotation_time;
+  }
+};
+
 namespace {
 
 using ::testing::internal::CaptureStderr;
@@ -217,7 +225,7 @@ TEST(FileWriter, ResumeAfterAnEmptySuspendStartsTheFileAnew) {
   }));
 }
 
-TEST(FileWriter, StartWhileRunningStopsTheThreadAndTruncates) {
+TEST(FileWriter, StartWhileRunningStopsTheThreadAndKeepsTheEarlierFile) {
   EXPECT_EQ(0, run_in_child([] {
     TempDir dir;
     Pipeline pipe;
@@ -230,11 +238,67 @@ TEST(FileWriter, StartWhileRunningStopsTheThreadAndTruncates) {
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines[0], "ERROR| [DEPRECATED][TODO] Should never be called!");
     EXPECT_TRUE(writer.is_running());
-    auto file = read_capture(dir.file("run_0.zvkraw"));  // O_TRUNC: header only again
-    EXPECT_TRUE(file.buckets.empty());
+    // The same pattern names the same file: the new capture takes the next number.
+    EXPECT_EQ(writer.current_filename(), dir.file("run_1.zvkraw"));
+    EXPECT_EQ(read_capture(dir.file("run_0.zvkraw")).buckets.size(), 1u);
+    pipe.send(3);
     CaptureStderr();
     writer.stop();
     GetCapturedStderr();
+    EXPECT_EQ(read_capture(dir.file("run_1.zvkraw")).buckets.at(0).number_of_records, 3u);
+  }));
+}
+
+TEST(FileWriter, CapturesWithTheSameNameNeverOverwriteEachOther) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    CaptureStderr();
+    for (int capture = 1; capture <= 3; ++capture) {
+      ASSERT_TRUE(writer.start(dir.file("run")).ok());
+      pipe.send(capture);
+      ASSERT_TRUE(writer.stop().ok());
+    }
+    // A file that is not ours holds the next number: it is skipped, not truncated.
+    { std::ofstream(dir.file("run_3.zvkraw")) << "someone else's"; }
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    pipe.send(4);
+    ASSERT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(dir.list(), (Strings{"run_0.zvkraw", "run_1.zvkraw", "run_2.zvkraw", "run_3.zvkraw",
+                                   "run_4.zvkraw"}));
+    for (int capture = 1; capture <= 4; ++capture) {
+      const int number = capture == 4 ? 4 : capture - 1;
+      auto file = read_capture(dir.file("run_" + std::to_string(number) + ".zvkraw"));
+      EXPECT_EQ(file.buckets.at(0).number_of_records, static_cast<uint64_t>(capture));
+    }
+    EXPECT_EQ(testing_support::read_text_file(dir.file("run_3.zvkraw")), "someone else's");
+  }));
+}
+
+// A writer made after another one joins the process's timetable: it is not due
+// at once, and doesn't log a rotation for each period since the epoch.
+TEST(FileWriter, ALaterWriterKeepsTheProcesssTimetable) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    CaptureStderr();
+    {
+      ZVKFileWriter first(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+      ASSERT_TRUE(first.start(dir.file("first")).ok());
+      first.stop();
+    }
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    pipe.send(2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    pipe.send(2);
+    ASSERT_TRUE(writer.stop().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    for (const auto& line : lines) EXPECT_EQ(line.find("rotation is up"), std::string::npos) << line;
+    EXPECT_EQ(dir.list(), Strings{"run_0.zvkraw"});
+    EXPECT_EQ(read_capture(dir.file("run_0.zvkraw")).buckets.size(), 2u);
   }));
 }
 
@@ -252,9 +316,8 @@ TEST(FileWriter, OpenFailureIsReported) {
   }));
 }
 
-// A second writer in the process finds the timer already set and starts from 0:
-// with a period of 0 it is due at every check, and rotates after every pass with
-// a bucket.
+// With a period of 0 the timer is due at every check: the writer rotates after
+// every pass with a bucket. The timer is put in the past to begin with.
 TEST(FileWriter, RotationOnKelvaneRenamesFinishedFiles) {
   EXPECT_EQ(0, run_in_child([] {
     TempDir dir;
@@ -268,6 +331,7 @@ TEST(FileWriter, RotationOnKelvaneRenamesFinishedFiles) {
       first.stop();
     }
     ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
     ASSERT_TRUE(writer.start(dir.file("run")).ok());
     EXPECT_TRUE(exists(dir.file("run_0.zvkraw.tmp")));
     pipe.send(2, 1);

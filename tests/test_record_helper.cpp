@@ -130,6 +130,7 @@ TEST(RecordHelper, ConcurrentProducersGetDisjointRecordsAndLoseNone) {
   constexpr int kThreads = 4;
   constexpr int kPerThread = 20000;
   ZVKQueue<ZVKBuffer> fill(8, 4096), to_write;
+  fill.set_supplied(true);  // the drain below refills it
   std::atomic<bool> stop{false};
   std::atomic<uint64_t> buffers_seen{0};
   std::vector<testing_support::DecodedRecord> collected;
@@ -188,6 +189,7 @@ TEST(RecordHelper, ConcurrentProducersGetDisjointRecordsAndLoseNone) {
 
 TEST(RecordHelper, ProducersStallWhenDryAndTheStallIsCounted) {
   ZVKQueue<ZVKBuffer> fill(2, 128), to_write;
+  fill.set_supplied(true);  // the test plays the writer
   CaptureStderr();
   auto helper = std::make_unique<Helper>(&fill, &to_write);
   append(helper.operator*(), 1, 8);
@@ -250,6 +252,82 @@ TEST(RecordHelper, RecordLargerThanAnyBufferIsDroppedNotOverrun) {
     EXPECT_LE(buffer->num_bytes, buffer->len_buffer);
   }
   EXPECT_EQ(records, 1u);
+}
+
+TEST(RecordHelper, WithNoWriterADryQueueDropsAndCountsInsteadOfWaiting) {
+  ZVKQueue<ZVKBuffer> fill(2, 128), to_write;  // nothing marks it supplied
+  CaptureStderr();
+  {
+    Helper helper(&fill, &to_write);
+    // 128-byte buffers hold three 40-byte records; two buffers hold six.
+    for (int i = 0; i < 10; ++i) append(helper, static_cast<uint64_t>(i), 16);
+    EXPECT_EQ(fill.take_dropped_records(), 4u);
+    EXPECT_EQ(fill.take_dropped_records(), 0u);  // taken once
+    EXPECT_EQ(helper.stall_time_us(), 0u);       // nothing waited
+  }
+  GetCapturedStderr();
+  size_t records = 0;
+  for (ZVKBuffer* buffer = pop(to_write); buffer != nullptr; buffer = pop(to_write)) {
+    const auto walked = walk_records(buffer->record_buffer, buffer->num_bytes);
+    for (const auto& record : walked) EXPECT_LT(record.timestamp, 6u);  // the first six kept
+    records += walked.size();
+  }
+  EXPECT_EQ(records, 6u);
+}
+
+TEST(RecordHelper, AHelperMadeOnADryQueueWithNoWriterStillAnswers) {
+  ZVKQueue<ZVKBuffer> fill(0, 128), to_write;
+  CaptureStderr();
+  {
+    Helper helper(&fill, &to_write);
+    EXPECT_EQ(helper.flush().code_, error::END_OF_DATA);
+    append(helper, 1, 8);
+    EXPECT_EQ(fill.take_dropped_records(), 1u);
+  }
+  EXPECT_EQ(GetCapturedStderr(), "Stalled 0s while waiting for a buffer\n");
+  EXPECT_EQ(to_write.size(), 0u);  // the stand-in for a buffer goes nowhere
+}
+
+TEST(RecordHelper, AWaitingProducerLetsOthersTakeTheLock) {
+  ZVKQueue<ZVKBuffer> fill(1, 128), to_write;
+  fill.set_supplied(true);
+  CaptureStderr();
+  auto helper = std::make_unique<Helper>(&fill, &to_write);
+  append(*helper, 1, 64);
+  std::atomic<bool> done{false};
+  std::thread waiter([&] {
+    append(*helper, 2, 64);  // doesn't fit, and the only buffer is current: waits
+    done = true;
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_FALSE(done.load());
+  // With the lock held through the wait this would block until the waiter got a
+  // buffer, which only the writer below gives it.
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(helper->stall_time_us(), 0u);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(15));
+  fill.set_supplied(false);
+  waiter.join();
+  EXPECT_EQ(fill.take_dropped_records(), 1u);
+  helper.reset();
+  GetCapturedStderr();
+}
+
+TEST(RecordHelper, AWaitEndsWhenTheWriterGoes) {
+  ZVKQueue<ZVKBuffer> fill(1, 128), to_write;
+  fill.set_supplied(true);
+  CaptureStderr();
+  {
+    Helper helper(&fill, &to_write);
+    append(helper, 1, 64);
+    std::thread waiter([&] { append(helper, 2, 64); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    fill.set_supplied(false);  // the writer stopped: nothing will free a buffer
+    waiter.join();             // would hang for ever if the wait didn't notice
+    EXPECT_EQ(fill.take_dropped_records(), 1u);
+    EXPECT_GE(helper.stall_time_us(), 15000u);  // the wait is still counted
+  }
+  GetCapturedStderr();
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "zorv/io/zvkbufferrecordhelper.h"
+#include "zorv/io/zvkforklocks.h"
 #include "zorv/io/zvkfilewriter.h"
 #include "zorv/utils/logging.h"
 #include "zorv/utils/utils.h"
@@ -27,17 +28,23 @@ namespace {
 constexpr const char* kDefaultFilePattern = "zorvek_%h_%p_%t";
 constexpr const char* kKelvaneFilePattern = "/opt/kv/output/profiler/framework/zorvek_%h_%p_%t";
 
+// The pipeline's locks are held across the fork itself: one that another thread
+// held at that moment would stay held for ever in the child. They are taken after
+// the suspend, which joins the writer thread, and let go before anything resumes.
 void atfork_prep() {
   fork_suspend = true;
   ZVK_LOG_NOT_OK(ERROR, Zorv::instance().suspend_profiling(), "Suspending profiling failed!");
+  ZVKForkLocks::acquire_all();
 }
 
 void atfork_parent() {
+  ZVKForkLocks::release_all();
   ZVK_LOG_NOT_OK(ERROR, Zorv::instance().resume(false), "Resuming profiling for parent failed!");
   fork_suspend = false;
 }
 
 void atfork_children() {
+  ZVKForkLocks::release_all();
   ZVK_LOG_NOT_OK(ERROR, Zorv::instance().resume(true), "Resuming profiling for children failed!");
   fork_suspend = false;
 }
@@ -62,6 +69,9 @@ Zorv::Zorv()
       m_compression(1000001),
       m_active(false),
       m_activate_in_children(false) {
+  // Child handlers run in the order of registration: the identity cache's comes
+  // first, so that ours already sees the child's process and thread ids.
+  register_identity_fork_handler();
   const int result = pthread_atfork(atfork_prep, atfork_parent, atfork_children);
   if (result != 0) {
     LOG(WARNING) << "Registering fork handlers failed! error was " << result
@@ -83,9 +93,46 @@ Zorv::~Zorv() {
   delete m_to_fill;  // owns the buffer memory: last
 }
 
+namespace {
+
+// Settings that can only hang the job or lose every record are refused here,
+// before anything is built.
+Status check_settings(uint32_t bucket_count, uint32_t minimum_bucket_count, uint64_t bucket_size_mb,
+                      uint32_t compression) {
+  if (bucket_count < minimum_bucket_count) {
+    return Status(error::INVALID_ARGUMENT,
+                  "BucketCount must be at least " + std::to_string(minimum_bucket_count) +
+                      ", one buffer for each record producer and one for the writer; got " +
+                      std::to_string(bucket_count));
+  }
+  if (bucket_size_mb < 1 || bucket_size_mb > kMaxBucketSizeMB) {
+    return Status(error::INVALID_ARGUMENT, "BucketSizeMB must be between 1 and " +
+                                               std::to_string(kMaxBucketSizeMB) + "; got " +
+                                               std::to_string(bucket_size_mb));
+  }
+  const uint32_t level = compression % ZVKFileWriter::ZLIB;
+  if (level > 9 || (compression != level && compression != ZVKFileWriter::ZLIB + level)) {
+    return Status(error::INVALID_ARGUMENT,
+                  "Compression must be 1000000 plus a zlib level from 0 to 9 (1000001 is level "
+                  "1), or the level alone; got " +
+                      std::to_string(compression));
+  }
+  return Status::OK();
+}
+
+}  // namespace
+
 Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   if (m_writer != nullptr) return Status(error::FAILED_PRECONDITION, "Already configured!");
 
+  // Settled into locals and kept only once everything is built, so that a refused
+  // or failed configure leaves the profiler as it found it.
+  uint32_t bucket_count = m_bucket_count;
+  uint64_t bucket_size_mb = m_bucket_size;
+  uint32_t compression = m_compression;
+  uint32_t flush_interval_ms = ZVKFileWriter::kDefaultFlushIntervalMs;
+  bool activate_in_children = m_activate_in_children;
+  std::string filename = m_filename;
   bool enable_cuda = false;
   bool enable_perf = false;
   bool shared_buffers = false;
@@ -93,49 +140,62 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   auto zorv_section = config.find("ZORV");
   if (zorv_section != config.end()) {
     const ZVKConfigSection& keys = zorv_section->second;
-    m_bucket_count = key_value_as<uint32_t>(keys, "BucketCount", m_bucket_count);
-    m_bucket_size = static_cast<uint32_t>(
-        key_value_as<uint64_t>(keys, "BucketSizeMB", static_cast<uint64_t>(m_bucket_size)));
-    m_compression = key_value_as<uint32_t>(keys, "Compression", m_compression);
+    bucket_count = key_value_as<uint32_t>(keys, "BucketCount", bucket_count);
+    bucket_size_mb = key_value_as<uint64_t>(keys, "BucketSizeMB", bucket_size_mb);
+    compression = key_value_as<uint32_t>(keys, "Compression", compression);
     enable_cuda = key_value_as<bool>(keys, "EnableCuda", false);
     enable_perf = key_value_as<bool>(keys, "EnablePerf", false);
     shared_buffers = key_value_as<bool>(keys, "SharedBuffers", false);
     shared_annotations = key_value_as<bool>(keys, "SharedAnnotations", true);
-    m_activate_in_children = key_value_as<bool>(keys, "EnableForkFollow", m_activate_in_children);
+    activate_in_children = key_value_as<bool>(keys, "EnableForkFollow", activate_in_children);
+    flush_interval_ms = key_value_as<uint32_t>(keys, "FlushIntervalMs", flush_interval_ms);
     if (getenv("ZV_CURRENT_HOST") != nullptr) {
       LOG(WARNING) << "Setting output file in Kelvane environment is not allowed!";
-      m_filename = kKelvaneFilePattern;
+      filename = kKelvaneFilePattern;
     } else {
-      m_filename = key_value_as<std::string>(keys, "RecordFile", m_filename);
-      if (m_filename.empty()) {
-        m_filename = kDefaultFilePattern;
-        LOG(ERROR) << "Got empty file name! Reverting it back to default! \"" << m_filename << "\"";
+      filename = key_value_as<std::string>(keys, "RecordFile", filename);
+      if (filename.empty()) {
+        filename = kDefaultFilePattern;
+        LOG(ERROR) << "Got empty file name! Reverting it back to default! \"" << filename << "\"";
       }
     }
   }
 
-  m_bucket_count = get_env_value_as<uint32_t>("ZVK_BUCKET_COUNT", m_bucket_count);
-  m_bucket_size = static_cast<uint32_t>(
-      get_env_value_as<uint64_t>("ZVK_BUCKET_SIZE_MB", static_cast<uint64_t>(m_bucket_size)));
+  bucket_count = get_env_value_as<uint32_t>("ZVK_BUCKET_COUNT", bucket_count);
+  bucket_size_mb = get_env_value_as<uint64_t>("ZVK_BUCKET_SIZE_MB", bucket_size_mb);
   if (const char* follow = getenv("ZVK_ENABLE_FORK_FOLLOW")) {
-    m_activate_in_children = get_value_as<bool>(follow, m_activate_in_children);
+    activate_in_children = get_value_as<bool>(follow, activate_in_children);
   }
-  m_bucket_size <<= 20;  // from here on in bytes; 4096 MiB and its multiples wrap to 0
-  m_compression = get_env_value_as<uint32_t>("ZVK_BUCKET_COMPRESSION", m_compression);
+  compression = get_env_value_as<uint32_t>("ZVK_BUCKET_COMPRESSION", compression);
   if (const char* name = getenv("ZVK_OUTPUT_FILE_NAME")) {
-    m_filename = get_value_as<std::string>(name, m_filename);
+    filename = get_value_as<std::string>(name, filename);
   }
-
-  m_to_fill = new ZVKQueue<ZVKBuffer>(static_cast<int>(m_bucket_count), m_bucket_size);
-  m_to_write = new ZVKQueue<ZVKBuffer>();
-  if (m_bucket_count != 0 && m_to_fill->storage() == nullptr) {
-    delete m_to_write;
-    delete m_to_fill;
-    m_to_write = m_to_fill = nullptr;
-    return Status(error::INSUFFICIENT_RESOURCES, "Couldn't allocate the buffer memory!");
-  }
+  flush_interval_ms = get_env_value_as<uint32_t>("ZVK_FLUSH_INTERVAL_MS", flush_interval_ms);
 
   const bool shared = shared_buffers || shared_annotations;
+  // Without sharing, each producer holds a buffer of its own: so far the annotator
+  // is the only producer this build makes.
+  const uint32_t record_helpers = 1;
+  const Status settings =
+      check_settings(bucket_count, record_helpers + 1, bucket_size_mb, compression);
+  if (!settings.ok()) {
+    LOG(ERROR) << "Configuration refused: " << settings.msg_;
+    return settings;
+  }
+  const uint32_t bucket_size = static_cast<uint32_t>(bucket_size_mb << 20);
+
+  auto to_fill = std::make_unique<ZVKQueue<ZVKBuffer>>(bucket_count, bucket_size);
+  if (to_fill->storage() == nullptr) {
+    return Status(error::INSUFFICIENT_RESOURCES, "Couldn't allocate the buffer memory!");
+  }
+  m_to_fill = to_fill.release();
+  m_to_write = new ZVKQueue<ZVKBuffer>();
+  m_bucket_count = bucket_count;
+  m_bucket_size = bucket_size;
+  m_compression = compression;
+  m_activate_in_children = activate_in_children;
+  m_filename = filename;
+
   std::shared_ptr<ZVKBufferRecordHelper> helper;
   if (shared) helper = std::make_shared<ZVKBufferRecordHelper>(m_to_fill, m_to_write);
 
@@ -151,7 +211,7 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   // The annotator writes its time marker now, ahead of every later record.
   m_annotator = shared ? new ZVKAnnotator("SharedAnnotator", helper)
                        : new ZVKAnnotator("Annotator", m_to_fill, m_to_write);
-  m_writer = new ZVKFileWriter(m_to_fill, m_to_write, m_metadata, m_compression);
+  m_writer = new ZVKFileWriter(m_to_fill, m_to_write, m_metadata, m_compression, flush_interval_ms);
 
   const ZVKConfigSection no_keys;
   if (m_cuda_collector != nullptr) {
@@ -165,12 +225,23 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   return Status::OK();
 }
 
+void Zorv::report_dropped_records() {
+  if (m_to_fill == nullptr) return;
+  const uint64_t dropped = m_to_fill->take_dropped_records();
+  if (dropped != 0) {
+    LOG(WARNING) << dropped
+                 << " records were dropped: all buffers were full and no capture was running "
+                    "to write them";
+  }
+}
+
 Status Zorv::start_profiling() {
   if (m_writer == nullptr) {
     return Status(error::FAILURE, "Profiler is not configured. Call configure(...) first");
   }
   if (m_active) return Status(error::FAILED_PRECONDITION, "Profiling is still running");
   ZVK_RETURN_NOT_OK(m_writer->start(m_filename));
+  report_dropped_records();
   if (m_cuda_collector != nullptr) ZVK_RETURN_NOT_OK(m_cuda_collector->start_profiling());
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->start_profiling());
   ZVK_LOG_NOT_OK(INFO, enable_hooks(), "Couldn't find any library with annotations");
@@ -190,14 +261,15 @@ Status Zorv::stop_profiling() {
     ZVK_LOG_NOT_OK(INFO, m_annotator->flush(), "Annotator flush failed!");
   }
   ZVK_LOG_NOT_OK(INFO, disable_hooks(), "Can't find libraries with annotations");
-  // Active with no writer only after resume_profiling on an unconfigured profiler:
-  // answer as a writer that isn't running would.
+  // Whatever the writer answers, its thread has ended: the capture is over and a
+  // new one can start. Active with no writer only after resume_profiling on an
+  // unconfigured profiler: answer as a writer that isn't running would.
+  m_active = false;
+  report_dropped_records();
   if (m_writer == nullptr) {
     return Status(error::FAILED_PRECONDITION, "There is no recording ongoing to stop!");
   }
-  ZVK_RETURN_NOT_OK(m_writer->stop());
-  m_active = false;
-  return Status::OK();
+  return m_writer->stop();
 }
 
 Status Zorv::suspend_profiling() {
@@ -213,6 +285,7 @@ Status Zorv::suspend_profiling() {
 Status Zorv::resume_profiling() {
   if (m_active) return Status(error::FAILED_PRECONDITION, "Profiling is already active!");
   if (m_writer != nullptr) ZVK_RETURN_NOT_OK(m_writer->resume());
+  report_dropped_records();
   if (m_cuda_collector != nullptr) ZVK_RETURN_NOT_OK(m_cuda_collector->resume_profiling());
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->resume_profiling());
   m_active = true;
@@ -233,41 +306,49 @@ Status Zorv::resume(bool is_children) {
       m_writer->resume();
     }
   }
+  report_dropped_records();
   if (m_cuda_collector != nullptr) ZVK_RETURN_NOT_OK(m_cuda_collector->resume_profiling());
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->resume_profiling());
   m_active = true;
   return Status::OK();
 }
 
-uint64_t Zorv::annotate_begin(const std::string& msg) { return m_annotator->annotate_begin(msg); }
+// An annotation on a profiler that was never configured, or whose configure
+// failed, has nowhere to go: it is dropped, and token 0 handed out.
+uint64_t Zorv::annotate_begin(const std::string& msg) {
+  return annotate_begin(msg.data(), msg.size());
+}
 
 uint64_t Zorv::annotate_begin(const char* msg, uint64_t len) {
+  if (__builtin_expect(m_annotator == nullptr, 0)) return 0;
   return m_annotator->annotate_begin(msg, len);
 }
 
-void Zorv::annotate_end(uint64_t token) { m_annotator->annotate_end(token); }
+void Zorv::annotate_end(uint64_t token) {
+  if (__builtin_expect(m_annotator != nullptr, 1)) m_annotator->annotate_end(token);
+}
 
-void Zorv::annotate_marker(const std::string& msg) { m_annotator->annotate_marker(msg); }
+void Zorv::annotate_marker(const std::string& msg) { annotate_marker(msg.data(), msg.size()); }
 
 void Zorv::annotate_marker(const char* msg, uint64_t len) {
-  m_annotator->annotate_marker(msg, len);
+  if (__builtin_expect(m_annotator != nullptr, 1)) m_annotator->annotate_marker(msg, len);
 }
 
 // ---- Hook tables for foreign libraries --------------------------------------------
 
 namespace {
 
-extern "C" ZVKI_AnnotationToken_t ann_begin(const char* msg, uint64_t msg_len) {
+ZVKI_AnnotationToken_t ann_begin(const char* msg, uint64_t msg_len) {
   static Zorv& inst = Zorv::instance();
   return inst.annotate_begin(msg, msg_len);
 }
 
-extern "C" void ann_end(ZVKI_AnnotationToken_t token) {
+void ann_end(ZVKI_AnnotationToken_t token) {
   static Zorv& inst = Zorv::instance();
   inst.annotate_end(token);
 }
 
-extern "C" void ann_marker(const char* msg, uint64_t msg_len) {
+void ann_marker(const char* msg, uint64_t msg_len) {
   static Zorv& inst = Zorv::instance();
   inst.annotate_marker(msg, msg_len);
 }
@@ -290,6 +371,10 @@ ZVKIFuncTable_t instrumentation_funcs = {
      nullptr},
 };
 
+}  // extern "C"
+
+namespace {
+
 // Lists every loaded object with a dynamic section, except the main program.
 int dl_iterate_callback(dl_phdr_info* info, size_t /*size*/, void* data) {
   auto* names = static_cast<std::vector<std::string>*>(data);
@@ -305,10 +390,6 @@ int dl_iterate_callback(dl_phdr_info* info, size_t /*size*/, void* data) {
   }
   return 0;
 }
-
-}  // extern "C"
-
-namespace {
 
 std::vector<std::string> loaded_libraries() {
   std::vector<std::string> names;

@@ -15,6 +15,9 @@ class ZVKAnnotator;
 class ZVKDataCollectorBase;
 class ZVKFileWriter;
 
+// A buffer size must stay below 4 GiB once in bytes.
+constexpr uint64_t kMaxBucketSizeMB = 4095;
+
 using ZVKConfigSection = std::map<std::string, std::string>;
 
 // The three string maps a script fills: sections "ZORV", "CUDA" and "PERF".
@@ -64,7 +67,6 @@ class Zorv {
 
   bool is_active() const { return m_active; }
   const std::string& file_pattern() const { return m_filename; }
-  const JobMetadata& metadata() const { return m_metadata; }
 
  private:
   friend struct ZorvTestPeer;
@@ -74,6 +76,8 @@ class Zorv {
 
   Status enable_hooks();
   Status disable_hooks();
+  // Logs the records producers dropped since the last report.
+  void report_dropped_records();
 
   // Collectors are reached only through ZVKDataCollectorBase; the concrete GPU and
   // CPU collectors arrive with those subsystems.

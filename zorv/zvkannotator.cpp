@@ -1,6 +1,6 @@
 #include "zorv/zvkannotator.h"
 
-#include <algorithm>
+#include "zorv/utils/logging.h"
 
 namespace zorvek {
 
@@ -18,13 +18,19 @@ ZVKAnnotator::ZVKAnnotator(const std::string& name, std::shared_ptr<ZVKBufferRec
   generate_offset_record();
 }
 
-void ZVKAnnotator::write_wrapped(char* payload, uint16_t payload_size, uint64_t correlation,
-                                 const char* msg) {
-  const size_t correlation_bytes = std::min<size_t>(payload_size, sizeof(correlation));
-  std::memcpy(payload, &correlation, correlation_bytes);
-  if (payload_size > sizeof(correlation)) {
-    std::memcpy(payload + sizeof(correlation), msg, payload_size - sizeof(correlation));
+void ZVKAnnotator::note_cut_message(size_t len) {
+  if (m_cut_messages.fetch_add(1, std::memory_order_relaxed) == 0) {
+    LOG(WARNING) << "An annotation message of " << len << " bytes was cut to "
+                 << annotations::kMaxMessageLength << " bytes, the most a record holds";
   }
+}
+
+Status ZVKAnnotator::flush() {
+  if (const uint64_t cut = m_cut_messages.exchange(0)) {
+    LOG(WARNING) << cut << " annotation messages were cut to "
+                 << annotations::kMaxMessageLength << " bytes to fit a record";
+  }
+  return m_helper->flush();
 }
 
 void ZVKAnnotator::generate_offset_record() {

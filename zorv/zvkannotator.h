@@ -54,6 +54,11 @@ constexpr uint16_t message_payload_size(size_t len) {
   return static_cast<uint16_t>(((len + 8) & ~static_cast<size_t>(7)) + 8);
 }
 
+// The longest text a record holds: its payload size is 16-bit, and the largest
+// multiple of 8 below 65536 is 65528 = 8 (correlation) + 65519 + 1 (terminator).
+constexpr size_t kMaxMessageLength = 65519;
+static_assert(message_payload_size(kMaxMessageLength) == 65528, "the longest message fits");
+
 }  // namespace annotations
 
 // The process-wide correlation counter; the first token is 0. Inline, with a
@@ -97,7 +102,8 @@ class ZVKAnnotator {
     return annotate_marker(msg.data(), msg.size());
   }
 
-  Status flush() { return m_helper->flush(); }
+  // Also reports the messages cut since the last flush.
+  Status flush();
 
   void generate_offset_record();
 
@@ -124,28 +130,28 @@ class ZVKAnnotator {
 
   void write_message(const Stamp& stamp, annotations::Types type, uint64_t correlation,
                      const char* msg, size_t len) {
+    if (__builtin_expect(len > annotations::kMaxMessageLength, 0)) {
+      note_cut_message(len);
+      len = annotations::kMaxMessageLength;
+    }
     const uint16_t payload_size = annotations::message_payload_size(len);
     auto writer = m_helper->new_record(stamp.timestamp, event_word(type, stamp.cpu), stamp.pid,
                                        stamp.tid, 0, payload_size);
     char* payload = static_cast<char*>(writer.get_payload_store());
-    if (__builtin_expect(len + 1 + sizeof(correlation) > payload_size, 0)) {
-      // The 16-bit size wrapped: keep to the reserved space, so the record can't
-      // spill into its neighbours. The message is cut to fit.
-      write_wrapped(payload, payload_size, correlation, msg);
-      return;
-    }
+    // The last word first, as zeros: it holds the terminator and the padding, so
+    // that no stale bytes of a reused buffer reach the file. The text goes over it.
+    std::memset(payload + payload_size - 8, 0, 8);
     std::memcpy(payload, &correlation, sizeof(correlation));
-    // len + 1: the terminator the caller's text carries comes along.
-    std::memcpy(payload + sizeof(correlation), msg, len + 1);
+    std::memcpy(payload + sizeof(correlation), msg, len);
   }
 
-  static void write_wrapped(char* payload, uint16_t payload_size, uint64_t correlation,
-                            const char* msg);
+  __attribute__((noinline, cold)) void note_cut_message(size_t len);
 
   std::string m_name;
   ZVKQueue<ZVKBuffer>* m_to_fill = nullptr;
   ZVKQueue<ZVKBuffer>* m_to_write = nullptr;
   std::shared_ptr<ZVKBufferRecordHelper> m_helper;
+  std::atomic<uint64_t> m_cut_messages{0};
 };
 
 }  // namespace zorvek

@@ -1,20 +1,13 @@
 #pragma once
 
-#include <time.h>
-
-#include <cerrno>
-#include <chrono>
 #include <cstdint>
-#include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <mutex>
-#include <new>
 
 #include "zorv/io/zvkbuffer.h"
 #include "zorv/io/zvkqueue.h"
 #include "zorv/io/zvkrecord.h"
-#include "zorv/utils/logging.h"
 #include "zorv/utils/status.h"
 
 namespace zorvek {
@@ -22,6 +15,10 @@ namespace zorvek {
 // The one way a producer appends a record: space is reserved under a short lock,
 // the record is filled outside it, and the RecordWriter's reference keeps the
 // buffer from reaching the writer until the record is complete.
+//
+// A producer never waits for a buffer that nothing will free: when the to-fill
+// queue is dry and no writer is running to refill it, the record goes to a
+// per-thread scratch area instead and is counted as dropped on the to-fill queue.
 class ZVKBufferRecordHelper {
  public:
   class RecordWriter {
@@ -50,19 +47,12 @@ class ZVKBufferRecordHelper {
     ZVKRecord* rec;
   };
 
-  // Returns only with a buffer in hand: with the to-fill queue dry it stalls.
-  ZVKBufferRecordHelper(ZVKQueue<ZVKBuffer>* to_fill, ZVKQueue<ZVKBuffer>* to_write)
-      : to_fill_(to_fill), to_write_(to_write), m_stall_time(0) {
-    get_new_buffer();
-  }
+  // Takes a first buffer if one is free; waits for one only while a writer runs.
+  ZVKBufferRecordHelper(ZVKQueue<ZVKBuffer>* to_fill, ZVKQueue<ZVKBuffer>* to_write);
   ZVKBufferRecordHelper(const ZVKBufferRecordHelper&) = delete;
   ZVKBufferRecordHelper& operator=(const ZVKBufferRecordHelper&) = delete;
-
   // Releasing curr_buff delivers the last, partly filled buffer to the writer.
-  ~ZVKBufferRecordHelper() {
-    std::cerr << "Stalled " << static_cast<double>(m_stall_time / 1000) / 1000.0
-              << "s while waiting for a buffer" << std::endl;
-  }
+  ~ZVKBufferRecordHelper();
 
   // Always inlined: a call here is a measurable share of an annotation's cost.
   __attribute__((always_inline)) RecordWriter new_record(uint64_t timestamp, uint32_t event_type,
@@ -73,12 +63,16 @@ class ZVKBufferRecordHelper {
     std::shared_ptr<ZVKBuffer> pinned;
     uint32_t offset;
     {
-      std::lock_guard<std::mutex> lock(buff_mutex);
-      // A record must leave at least one byte free.
-      if (__builtin_expect(curr_buff->num_bytes + size >= curr_buff->len_buffer, 0)) {
-        get_new_buffer();
-        if (size > curr_buff->len_buffer) return discarded_record(size, timestamp, event_type, pid,
-                                                                  tid, call_chain_size, payload_size);
+      std::unique_lock<std::mutex> lock(buff_mutex);
+      // A record must leave at least one byte free. 64-bit: buffers near 4 GiB.
+      if (__builtin_expect(static_cast<uint64_t>(curr_buff->num_bytes) + size >=
+                               curr_buff->len_buffer,
+                           0)) {
+        if (!make_room(lock, size)) {
+          lock.unlock();
+          return dropped_record(size, timestamp, event_type, pid, tid, call_chain_size,
+                                payload_size);
+        }
       }
       pinned = curr_buff;
       offset = curr_buff->num_bytes;
@@ -100,13 +94,13 @@ class ZVKBufferRecordHelper {
                       pid, tid, call_chain_size, payload_size);
   }
 
-  // Sends the current buffer on and takes a fresh one; an empty buffer stays.
-  Status flush() {
-    std::lock_guard<std::mutex> lock(buff_mutex);
-    if (curr_buff->num_bytes == 0) return Status(error::END_OF_DATA, "Buffer is Empty");
-    get_new_buffer();
-    return Status::OK();
-  }
+  // Sends the current buffer on and takes a fresh one if one is free; never waits.
+  // An empty buffer stays.
+  Status flush();
+
+  // Flushes every live helper that delivers to `to_write` and holds records, so
+  // that a quiet producer's records reach the file all the same.
+  static void flush_all(const ZVKQueue<ZVKBuffer>* to_write);
 
   // Total microseconds producers waited for a free buffer.
   uint64_t stall_time_us() {
@@ -115,61 +109,23 @@ class ZVKBufferRecordHelper {
   }
 
  private:
-  // With buff_mutex held (except from the constructor). Waits with a linear
-  // back-off, 100 us more each round, for as long as it takes: no record is dropped.
-  // Out of line and cold, so that new_record's common path stays small enough to
-  // inline into every producer.
-  __attribute__((noinline, cold)) void get_new_buffer() {
-    ZVKBuffer* buffer = nullptr;
-    to_fill_->pop(&buffer);
-    if (buffer == nullptr) {
-      const auto wait_start = std::chrono::system_clock::now();
-      long wait_us = 100;
-      do {
-        sleep_for_us(wait_us);
-        to_fill_->pop(&buffer);
-        wait_us += 100;
-      } while (buffer == nullptr);
-      const auto waited = std::chrono::system_clock::now() - wait_start;
-      m_stall_time += static_cast<uint64_t>(
-          std::chrono::duration_cast<std::chrono::nanoseconds>(waited).count() / 1000);
-    }
-    std::shared_ptr<ZVKBuffer> fresh(buffer, QueueMover<ZVKBuffer>(to_write_));
-    // The old reference drops here: with no RecordWriter on it, the old buffer
-    // enters the to-write queue now, on this thread.
-    curr_buff.swap(fresh);
-  }
-
-  // A record larger than a whole buffer would run into the next block of the slab.
-  // It is written to a block of its own that is freed, not queued: the record is
-  // dropped, said once per helper. Only a misconfigured buffer size gets here.
-  __attribute__((noinline, cold)) RecordWriter discarded_record(
+  // With buff_mutex held through `lock`: replaces the current buffer until the
+  // record fits. Sleeps without the lock, with a linear back-off, only while a
+  // writer runs to refill the to-fill queue. False: the record is to be dropped.
+  // Out of line and cold, so that new_record's common path inlines everywhere.
+  __attribute__((noinline, cold)) bool make_room(std::unique_lock<std::mutex>& lock,
+                                                 uint32_t size);
+  // Makes `buffer` (or the empty stand-in, for null) current; the old buffer goes
+  // to the writer once no RecordWriter holds it.
+  void install(ZVKBuffer* buffer);
+  __attribute__((noinline, cold)) RecordWriter dropped_record(
       uint32_t size, uint64_t timestamp, uint32_t event_type, int32_t pid, int32_t tid,
-      uint16_t call_chain_size, uint16_t payload_size) {
-    if (!m_reported_oversize) {
-      m_reported_oversize = true;
-      LOG(ERROR) << "A record of " << size << " bytes doesn't fit in a buffer of "
-                 << curr_buff->len_buffer << " bytes; such records are dropped";
-    }
-    void* block = std::malloc(sizeof(ZVKBuffer) + size);
-    if (block == nullptr) throw std::bad_alloc();
-    std::shared_ptr<ZVKBuffer> scratch(static_cast<ZVKBuffer*>(block),
-                                       [](ZVKBuffer* b) { std::free(b); });
-    scratch->len_buffer = size;
-    scratch->num_bytes = size;
-    ZVKRecord* record = reinterpret_cast<ZVKRecord*>(scratch->record_buffer);
-    return RecordWriter(std::move(scratch), record, timestamp, event_type, pid, tid,
-                        call_chain_size, payload_size);
-  }
-
-  static void sleep_for_us(long us) {
-    timespec remaining = {us / 1000000, (us % 1000000) * 1000};
-    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
-    }
-  }
+      uint16_t call_chain_size, uint16_t payload_size);
 
   ZVKQueue<ZVKBuffer>* to_fill_;
   ZVKQueue<ZVKBuffer>* to_write_;
+  // Never null: between buffers it is a stand-in of capacity 0, which sends every
+  // record down make_room's path.
   std::shared_ptr<ZVKBuffer> curr_buff;
   std::mutex buff_mutex;
   uint64_t m_stall_time;

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <sys/types.h>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -98,6 +99,8 @@ class ZVKBucketWriter {
   ZVKBucketWriter(const ZVKBucketWriter&) = delete;
   ZVKBucketWriter& operator=(const ZVKBucketWriter&) = delete;
 
+  // A bucket that can't be written whole leaves the file at its last whole bucket;
+  // the first failure of a run is logged, and the loss when writing works again.
   Status write_bucket(const ZVKBuffer* buffer);
 
   uint32_t get_max_bucket_size() const { return m_max_bucket_size; }
@@ -107,9 +110,15 @@ class ZVKBucketWriter {
   uint64_t get_total_records_written() const { return m_total_records_written; }
   const std::unordered_set<uint64_t>& get_ip_list() const { return m_ip_list; }
   // Capacity of the scratch block's data area; it only ever grows.
-  uint32_t get_scratch_capacity() const { return m_buffer_size; }
+  uint64_t get_scratch_capacity() const { return m_buffer_size; }
+  // Buckets, and their records, lost since the last one that was written whole.
+  uint64_t get_lost_buckets() const { return m_lost_buckets; }
+  uint64_t get_lost_records() const { return m_lost_records; }
 
  private:
+  Status lost_bucket(uint64_t records, Status why);
+  void release_written_pages(off_t start, size_t length);
+
   std::unordered_set<uint64_t> m_ip_list;
   int m_file_handle;
   int m_comp_level;
@@ -119,9 +128,14 @@ class ZVKBucketWriter {
   uint64_t m_uncompressed_bytes = 0;
   uint64_t m_total_records_written = 0;
   ZVKFileBucket* m_compressed_bucket = nullptr;
-  uint32_t m_buffer_size = 0;
+  uint64_t m_buffer_size = 0;
   uint32_t m_io_wait = 0;
   uint32_t m_compression_wait = 0;
+  uint64_t m_lost_buckets = 0;
+  uint64_t m_lost_records = 0;
+  // The last bucket written whose pages are still cached.
+  off_t m_unreleased_start = 0;
+  size_t m_unreleased_length = 0;
 };
 
 // Reads one bucket held in memory: inflates it, then hands out its records in order.

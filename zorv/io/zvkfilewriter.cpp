@@ -1,6 +1,8 @@
 #include "zorv/io/zvkfilewriter.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,6 +14,7 @@
 #include <ctime>
 #include <sstream>
 
+#include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/utils/logging.h"
 #include "zorv/utils/utils.h"
 
@@ -55,11 +58,13 @@ double ratio(uint64_t uncompressed, uint64_t written) {
 }  // namespace
 
 ZVKFileWriter::ZVKFileWriter(ZVKQueue<ZVKBuffer>* to_fill, ZVKQueue<ZVKBuffer>* to_write,
-                             const JobMetadata& metadata, uint32_t compression)
+                             const JobMetadata& metadata, uint32_t compression,
+                             uint32_t flush_interval_ms)
     : m_to_write(to_write),
       m_to_fill(to_fill),
       m_metadata(metadata),
-      m_compression(static_cast<int32_t>(compression)) {
+      m_compression(static_cast<int32_t>(compression)),
+      m_flush_interval_ms(flush_interval_ms) {
   if (m_metadata.hostname.empty()) m_metadata.hostname = "Unknown_host";
   if (const char* period = getenv("ZVK_FILE_ROTATION_DURATION_SECONDS")) {
     m_rotation_duration_s = get_value_as<uint32_t>(period, kDefaultRotationSeconds);
@@ -134,22 +139,38 @@ uint64_t ZVKFileWriter::first_rotation_time_ns(uint64_t now, uint32_t period_s) 
   return ((now / 60000000000ULL + 1) * 60 + period_s) * 1000000000ULL;
 }
 
+uint64_t ZVKFileWriter::next_rotation_time_ns(uint64_t now, uint32_t period_s) {
+  // One timetable per process, set by the first writer to start; resume keeps it.
+  static const uint64_t first_due = first_rotation_time_ns(now, period_s);
+  const uint64_t period_ns = static_cast<uint64_t>(period_s) * 1000000000ULL;
+  if (now <= first_due || period_ns == 0) return first_due;
+  // A later writer joins the timetable at its next due time instead of rotating
+  // once for every period it missed.
+  return first_due + ((now - first_due) / period_ns + 1) * period_ns;
+}
+
 Status ZVKFileWriter::start_internal() {
   if (m_writer_thread != nullptr) {
     return Status(error::FAILED_PRECONDITION,
                   "Writer thread is already present! Please stop recording first!");
   }
-  // Once per process, not per writer: resume and later writers keep the timetable.
-  static bool init_rotation_timer = false;
-  if (!init_rotation_timer) {
+  if (m_rotation_time == Clock::time_point{}) {
     m_rotation_time = Clock::time_point(std::chrono::duration_cast<Clock::duration>(
-        std::chrono::nanoseconds(first_rotation_time_ns(now_ns(), m_rotation_duration_s))));
+        std::chrono::nanoseconds(next_rotation_time_ns(now_ns(), m_rotation_duration_s))));
     VLOG(1) << "Rotation timer set to " << local_time_text(m_rotation_time);
-    init_rotation_timer = true;
   }
   m_run_writer_loop = true;
+  // From here on a producer waiting for a buffer can count on getting one.
+  m_to_fill->set_supplied(true);
+  // The thread starts with every signal blocked: signals are the job's to handle,
+  // and a file size limit must fail our write (EFBIG), not end the process.
+  sigset_t all_signals;
+  sigset_t previous;
+  sigfillset(&all_signals);
+  pthread_sigmask(SIG_SETMASK, &all_signals, &previous);
   m_writer_thread =
       new std::thread(&ZVKFileWriter::writer_loop, this, m_file_handle, m_to_fill, m_to_write);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   return Status::OK();
 }
 
@@ -158,30 +179,54 @@ Status ZVKFileWriter::stop_internal() {
     return Status(error::FAILED_PRECONDITION, "There is no recording ongoing to stop!");
   }
   m_run_writer_loop = false;
+  m_to_write->wake_consumers();
   m_writer_thread->join();
   delete m_writer_thread;
   m_writer_thread = nullptr;
+  // Producers that find no free buffer now drop their records instead of waiting.
+  m_to_fill->set_supplied(false);
   return write_header();
 }
 
 Status ZVKFileWriter::open_file(const std::string& name, bool exact) {
   if (m_file_handle >= 0) close_file();
-  if (exact) {
-    m_filename = name;
-  } else {
+  if (!exact) {
     m_filepattern = name;
-    m_filename = parse_file_pattern(name);
+    return create_file();
   }
+  m_filename = name;
   VLOG(1) << "Opening " << m_filename << " constructed from pattern " << m_filepattern;
   m_file_handle = open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0664);
-  if (m_file_handle < 0) {
-    const std::string reason = strerror(errno);
-    LOG(ERROR) << "Failed to open file " << m_filename << " error was " << reason;
-    m_filename.clear();
-    return Status(error::FAILURE, "Failed to open file " + reason);
+  if (m_file_handle < 0) return failed_open(errno);
+  construct_header();
+  return write_header();
+}
+
+Status ZVKFileWriter::create_file() {
+  // Never over an earlier capture: a name that is taken moves on to the next
+  // running number, as a rotation would.
+  constexpr int kMaxNameAttempts = 10000;
+  for (int attempt = 0;; ++attempt) {
+    m_filename = parse_file_pattern(m_filepattern);
+    VLOG(1) << "Opening " << m_filename << " constructed from pattern " << m_filepattern;
+    const bool finished_exists = m_is_kelvane && access(m_filename.c_str(), F_OK) == 0;
+    if (!finished_exists) {
+      m_file_handle =
+          open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_EXCL, 0664);
+      if (m_file_handle >= 0) break;
+      if (errno != EEXIST || attempt == kMaxNameAttempts) return failed_open(errno);
+    }
+    m_rotation_count += 1;
   }
   construct_header();
   return write_header();
+}
+
+Status ZVKFileWriter::failed_open(int error_number) {
+  const std::string reason = strerror(error_number);
+  LOG(ERROR) << "Failed to open file " << m_filename << " error was " << reason;
+  m_filename.clear();
+  return Status(error::FAILURE, "Failed to open file " + reason);
 }
 
 Status ZVKFileWriter::reopen_file(const std::string& name) {
@@ -313,18 +358,14 @@ Status ZVKFileWriter::rotate_file(ZVKBucketWriter** bucket_writer, uint32_t num_
   if (renamed != 0) LOG(ERROR) << "Can't rename " << tmp << " to " << m_filename;
 
   m_rotation_count += 1;
-  m_filename = parse_file_pattern(m_filepattern);
-  m_file_handle = open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0664);
-  if (m_file_handle < 0) {
-    const std::string reason = strerror(errno);
-    LOG(ERROR) << "Failed to open file " << m_filename << " error was " << reason;
-    m_filename.clear();
-    return Status(error::FAILURE, "Failed to open file " + reason);
-  }
-  ZVK_RETURN_NOT_OK(construct_header());
-  ZVK_RETURN_NOT_OK(write_header());
+  ZVK_RETURN_NOT_OK(create_file());
   *bucket_writer = new ZVKBucketWriter(m_file_handle, compression_level());
   return Status::OK();
+}
+
+ZVKBucketWriter* ZVKFileWriter::reopen_after_failed_rotation() {
+  if (!create_file().ok()) return nullptr;
+  return new ZVKBucketWriter(m_file_handle, compression_level());
 }
 
 void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
@@ -336,29 +377,60 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
   uint64_t total_written = 0;
   uint64_t total_uncompressed = 0;
   uint64_t spin_us = 0;
+  // Buffers that found no open file after a failed rotation.
+  uint64_t fileless_buffers = 0;
+  uint64_t fileless_bytes = 0;
   const auto rotation_period = std::chrono::seconds(m_rotation_duration_s);
+  const auto flush_interval = std::chrono::milliseconds(m_flush_interval_ms);
+  auto next_flush = Clock::now() + flush_interval;
 
-  // Writes one buffer as a bucket and hands it back; a failed bucket is lost, and
-  // the buffer circulates all the same.
+  // Writes one buffer as a bucket and hands it back. Only a bucket that is in the
+  // file whole counts; a lost one is reported by the bucket writer.
   auto handle = [&](ZVKBuffer* buffer) {
     const bool has_data = buffer->num_bytes != 0;
+    if (has_data && bucket_writer == nullptr) {
+      bucket_writer = reopen_after_failed_rotation();
+      if (bucket_writer != nullptr && fileless_buffers != 0) {
+        LOG(WARNING) << "Opened " << m_filename << " after " << fileless_buffers
+                     << " buffers with " << fileless_bytes
+                     << " bytes of records were dropped for want of a file";
+        fileless_buffers = fileless_bytes = 0;
+      }
+    }
     if (bucket_writer != nullptr) {
-      bucket_writer->write_bucket(buffer);
+      if (bucket_writer->write_bucket(buffer).ok() && has_data) ++num_buckets;
     } else if (has_data) {
-      LOG(ERROR) << "No file to write to; a buffer of " << buffer->num_bytes << " bytes is lost";
+      ++fileless_buffers;
+      fileless_bytes += buffer->num_bytes;
     }
     buffer->num_bytes = 0;
     to_fill->push(buffer);
-    if (has_data) ++num_buckets;
+  };
+
+  // Sleeps until a buffer is queued, the stop comes, or the next flush or rotation
+  // is due; an idle capture costs a wake-up a second at most.
+  auto wait_for_buffer = [&](ZVKBuffer** buffer) {
+    const auto now = Clock::now();
+    auto wake = now + std::chrono::seconds(1);
+    if (m_flush_interval_ms != 0) wake = std::min(wake, next_flush);
+    if (m_rotation_time > now) wake = std::min(wake, m_rotation_time);
+    to_write->pop_wait_for(buffer, std::max(wake - now, Clock::duration::zero()),
+                           m_run_writer_loop);
+  };
+
+  auto flush_producers = [&](Clock::time_point now) {
+    if (m_flush_interval_ms == 0 || now < next_flush) return;
+    ZVKBufferRecordHelper::flush_all(to_write);
+    next_flush = now + flush_interval;
   };
 
   // The file is still empty while waiting for the first buffer: only the timer moves.
   ZVKBuffer* buffer = nullptr;
   to_write->pop(&buffer);
   while (buffer == nullptr && m_run_writer_loop) {
-    usleep(5);
-    to_write->pop(&buffer);
+    wait_for_buffer(&buffer);
     const auto now = Clock::now();
+    if (buffer == nullptr) flush_producers(now);
     if (now > m_rotation_time) {
       LOG(INFO) << local_time_text(now) << " - rotation is up, no buffer received";
       m_rotation_time += rotation_period;
@@ -371,16 +443,13 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
     to_write->pop(&buffer);
     if (buffer == nullptr) {
       const auto t0 = Clock::now();
-      for (int i = 0; i < 1000 && m_run_writer_loop; ++i) {
-        usleep(1000);
-        to_write->pop(&buffer);
-        if (buffer != nullptr) break;
-      }
+      wait_for_buffer(&buffer);
       spin_us += elapsed_ns(t0, Clock::now()) / 1000;
     }
     if (buffer != nullptr) handle(buffer);
 
     const auto now = Clock::now();
+    flush_producers(now);
     if (now > m_rotation_time) {
       const uint64_t records =
           bucket_writer != nullptr ? bucket_writer->get_total_records_written() : 0;
@@ -403,6 +472,15 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
   while (to_write->size() != 0) {
     to_write->pop(&buffer);
     if (buffer != nullptr) handle(buffer);
+  }
+  if (fileless_buffers != 0) {
+    LOG(ERROR) << fileless_buffers << " buffers with " << fileless_bytes
+               << " bytes of records were dropped: no file could be opened";
+  }
+  if (bucket_writer != nullptr && bucket_writer->get_lost_buckets() != 0) {
+    LOG(ERROR) << bucket_writer->get_lost_buckets() << " buckets with "
+               << bucket_writer->get_lost_records()
+               << " records could not be written and are not in the file";
   }
 
   m_hdr->end_time = now_ns();

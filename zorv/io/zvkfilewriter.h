@@ -39,8 +39,14 @@ class ZVKFileWriter {
 
   static constexpr uint32_t kDefaultRotationSeconds = 31536000;  // 365 days
 
+  static constexpr uint32_t kDefaultFlushIntervalMs = 1000;
+
+  // Every `flush_interval_ms` (0: never) the writer sends on the producers'
+  // partly filled buffers, so that a process that ends without a stop loses
+  // about that much at most.
   ZVKFileWriter(ZVKQueue<ZVKBuffer>* to_fill, ZVKQueue<ZVKBuffer>* to_write,
-                const JobMetadata& metadata, uint32_t compression);
+                const JobMetadata& metadata, uint32_t compression,
+                uint32_t flush_interval_ms = kDefaultFlushIntervalMs);
   ~ZVKFileWriter();
   ZVKFileWriter(const ZVKFileWriter&) = delete;
   ZVKFileWriter& operator=(const ZVKFileWriter&) = delete;
@@ -58,16 +64,24 @@ class ZVKFileWriter {
   // The first due time of the rotation timer: the next whole minute after `now_ns`,
   // plus the period.
   static uint64_t first_rotation_time_ns(uint64_t now_ns, uint32_t period_s);
+  // The due time a writer starting at `now_ns` takes: the process's first due time,
+  // or, once that has passed, the next due time of the same timetable.
+  static uint64_t next_rotation_time_ns(uint64_t now_ns, uint32_t period_s);
 
   const std::string& current_filename() const { return m_filename; }
-  uint32_t rotation_count() const { return m_rotation_count; }
   uint32_t rotation_duration_s() const { return m_rotation_duration_s; }
   bool is_running() const { return m_writer_thread != nullptr; }
 
  private:
+  friend struct ZVKFileWriterTestPeer;
+
   Status start_internal();
   Status stop_internal();
   Status open_file(const std::string& name, bool exact);
+  // A new file from m_filepattern under the first free running number.
+  Status create_file();
+  Status failed_open(int error_number);
+  ZVKBucketWriter* reopen_after_failed_rotation();
   Status reopen_file(const std::string& name);
   Status close_file();
   uint32_t get_cpu_model() const { return 0; }
@@ -89,6 +103,7 @@ class ZVKFileWriter {
   uint32_t m_rotation_duration_s = kDefaultRotationSeconds;
   uint32_t m_rotation_count = 0;
   int32_t m_compression;
+  uint32_t m_flush_interval_ms;
   int m_file_handle = -1;
   // Set and cleared by the controller's thread, polled by the writer thread.
   std::atomic<bool> m_run_writer_loop{false};

@@ -8,7 +8,7 @@
 namespace zorvek {
 
 template <>
-ZVKQueue<ZVKBuffer>::ZVKQueue(int count, size_t size) {
+ZVKQueue<ZVKBuffer>::ZVKQueue(uint32_t count, size_t size) : ZVKQueue() {
   if (count == 0) return;
   size_t capacity;
   size_t block_size;
@@ -21,18 +21,23 @@ ZVKQueue<ZVKBuffer>::ZVKQueue(int count, size_t size) {
     capacity = (size + 7) & ~static_cast<size_t>(7);
     block_size = capacity + 16;
   }
-  const int64_t slab_size = static_cast<int64_t>(count) * static_cast<int64_t>(block_size);
+  // Sizes that can't be multiplied without overflow can't be allocated either.
+  size_t slab_size = 0;
+  if (__builtin_mul_overflow(static_cast<size_t>(count), block_size, &slab_size) ||
+      capacity > UINT32_MAX) {
+    LOG(ERROR) << "Failed to allocate " << count << " buffers of " << block_size << " bytes";
+    return;
+  }
   storage_ = malloc(slab_size);
   if (storage_ == nullptr) {
     // Left empty rather than faulting on the first store; configure reports it.
     LOG(ERROR) << "Failed to allocate " << slab_size << " bytes for " << count << " buffers";
     return;
   }
-  if (count < 1) return;
   // The stride is capacity + 8 (the two counts); the slab reserves 8 more per block,
   // which no buffer uses.
   char* cursor = static_cast<char*>(storage_);
-  for (int i = 0; i < count; ++i) {
+  for (uint32_t i = 0; i < count; ++i) {
     ZVKBuffer* buffer = reinterpret_cast<ZVKBuffer*>(cursor);
     buffer->len_buffer = static_cast<uint32_t>(capacity);
     buffer->num_bytes = 0;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
@@ -7,52 +10,83 @@
 #include <new>
 
 #include "zorv/io/zvkbuffer.h"
+#include "zorv/io/zvkforklocks.h"
 #include "zorv/utils/status.h"
 
 namespace zorvek {
 
 // A locked FIFO of pointers over one slab of fixed-size elements, which it owns.
 // Elements move between queues by pointer; none is allocated after construction.
+//
+// Besides the elements, a queue knows whether some thread is running that will
+// push elements back onto it (`set_supplied`): a producer waiting for a free
+// buffer waits only while that is so, since otherwise nothing would ever end the
+// wait. Records dropped for that reason are counted here, for the whole pipeline.
 template <typename T>
 class ZVKQueue {
  public:
-  ZVKQueue() = default;
+  ZVKQueue() { ZVKForkLocks::add(&queue_lock, ZVKForkLocks::QUEUE); }
   // For ZVKBuffer: `count` buffers of at least `size` bytes each.
-  ZVKQueue(int count, size_t size);
+  ZVKQueue(uint32_t count, size_t size);
   // For fixed elements placed ahead of `size` bytes of their own storage.
-  ZVKQueue(int count, size_t size, const T& prototype) {
-    storage_ = malloc(static_cast<int64_t>(count) * (size + sizeof(T)));
+  ZVKQueue(uint32_t count, size_t size, const T& prototype) : ZVKQueue() {
+    storage_ = malloc(static_cast<size_t>(count) * (size + sizeof(T)));
+    if (storage_ == nullptr) return;
     char* cursor = static_cast<char*>(storage_);
-    for (int i = 0; i < count; ++i) {
+    for (uint32_t i = 0; i < count; ++i) {
       buffers_.push_back(new (cursor) T(prototype));
       cursor += size + sizeof(T);
     }
   }
   ZVKQueue(const ZVKQueue&) = delete;
   ZVKQueue& operator=(const ZVKQueue&) = delete;
-  ~ZVKQueue() { free(storage_); }
+  ~ZVKQueue() {
+    ZVKForkLocks::remove(&queue_lock);
+    free(storage_);
+  }
 
   // Never blocks: an empty queue gives null.
   void pop(T** out) {
     std::lock_guard<std::mutex> lock(queue_lock);
-    if (buffers_.empty()) {
-      *out = nullptr;
-      return;
-    }
-    *out = buffers_.front();
-    buffers_.pop_front();
+    pop_locked(out);
   }
 
+  // Waits up to `timeout` for an element. Returns early with null once `keep_waiting`
+  // is false and wake_consumers() has been called. For the one consumer thread.
+  template <typename Rep, typename Period>
+  void pop_wait_for(T** out, std::chrono::duration<Rep, Period> timeout,
+                    const std::atomic<bool>& keep_waiting) {
+    std::unique_lock<std::mutex> lock(queue_lock);
+    m_pushed.wait_for(lock, timeout, [&] { return !buffers_.empty() || !keep_waiting; });
+    pop_locked(out);
+  }
+
+  // Notified under the lock, so that no wake-up is lost and none is under way when
+  // the fork handlers hold the lock.
   Status push(T* element) {
     std::lock_guard<std::mutex> lock(queue_lock);
     buffers_.push_back(element);
+    m_pushed.notify_one();
     return Status::OK();
+  }
+
+  // Ends a pop_wait_for whose `keep_waiting` was just cleared.
+  void wake_consumers() {
+    std::lock_guard<std::mutex> lock(queue_lock);
+    m_pushed.notify_all();
   }
 
   size_t size() {
     std::lock_guard<std::mutex> lock(queue_lock);
     return buffers_.size();
   }
+
+  void set_supplied(bool supplied) { m_supplied.store(supplied, std::memory_order_release); }
+  bool is_supplied() const { return m_supplied.load(std::memory_order_acquire); }
+
+  void count_dropped_record() { m_dropped_records.fetch_add(1, std::memory_order_relaxed); }
+  // The records dropped since the last call.
+  uint64_t take_dropped_records() { return m_dropped_records.exchange(0); }
 
   // Logs the buffers still queued with data in them. Teardown frees a queue without
   // a word; a tool that wants to know what would be lost asks this first.
@@ -61,13 +95,25 @@ class ZVKQueue {
   const void* storage() const { return storage_; }
 
  private:
+  void pop_locked(T** out) {
+    if (buffers_.empty()) {
+      *out = nullptr;
+      return;
+    }
+    *out = buffers_.front();
+    buffers_.pop_front();
+  }
+
   std::deque<T*> buffers_;
   mutable std::mutex queue_lock;
+  std::condition_variable m_pushed;
+  std::atomic<bool> m_supplied{false};
+  std::atomic<uint64_t> m_dropped_records{0};
   void* storage_ = nullptr;
 };
 
 template <>
-ZVKQueue<ZVKBuffer>::ZVKQueue(int count, size_t size);
+ZVKQueue<ZVKBuffer>::ZVKQueue(uint32_t count, size_t size);
 template <>
 void ZVKQueue<ZVKBuffer>::report_unprocessed() const;
 

@@ -53,22 +53,25 @@ Zorv& annotating_controller() {
 }
 
 // The interpreter's own buffers: a str's cached UTF-8 (no copy for the common
-// compact strings) and a bytes object's data both end in a NUL, which the
-// annotator copies along with the text.
-uint64_t annotation_begin_str(const py::str& message) {
-  Zorv& zorv = annotating_controller();
+// compact strings) and a bytes object's data both end in a NUL. The argument is
+// checked before anything runs, so a bad one leaves the profiler untouched.
+uint64_t annotation_begin(const py::handle& message) {
+  const char* text = nullptr;
   Py_ssize_t size = 0;
-  const char* text = PyUnicode_AsUTF8AndSize(message.ptr(), &size);
-  if (text == nullptr) throw py::error_already_set();
-  return zorv.annotate_begin(text, static_cast<uint64_t>(size));
-}
-
-uint64_t annotation_begin_bytes(const py::bytes& message) {
-  Zorv& zorv = annotating_controller();
-  char* text = nullptr;
-  Py_ssize_t size = 0;
-  if (PyBytes_AsStringAndSize(message.ptr(), &text, &size) != 0) throw py::error_already_set();
-  return zorv.annotate_begin(text, static_cast<uint64_t>(size));
+  if (PyUnicode_Check(message.ptr())) {
+    text = PyUnicode_AsUTF8AndSize(message.ptr(), &size);
+    if (text == nullptr) {
+      PyErr_Clear();
+      throw py::type_error("annotation_begin(): the message must be encodable as UTF-8");
+    }
+  } else if (PyBytes_Check(message.ptr())) {
+    text = PyBytes_AS_STRING(message.ptr());
+    size = PyBytes_GET_SIZE(message.ptr());
+  } else {
+    throw py::type_error(std::string("annotation_begin(): the message must be str or bytes, not ") +
+                         Py_TYPE(message.ptr())->tp_name);
+  }
+  return annotating_controller().annotate_begin(text, static_cast<uint64_t>(size));
 }
 
 void annotation_end(uint64_t token) {
@@ -122,7 +125,10 @@ PYBIND11_MODULE(_zorv, m) {
       .def("resume_profiling", &Zorv::resume_profiling)
       .def("configure", &ZorvConfigTrampoline);
 
-  m.def("annotation_begin", &annotation_begin_str);
-  m.def("annotation_begin", &annotation_begin_bytes);
-  m.def("annotation_end", &annotation_end);
+  m.def("annotation_begin", &annotation_begin, py::arg("message"),
+        "Opens an annotation range named `message` (str or bytes) on the calling thread and\n"
+        "returns its token for annotation_end. Configures the profiler with the defaults\n"
+        "if nothing configured it yet.");
+  m.def("annotation_end", &annotation_end, py::arg("token"),
+        "Closes the annotation range that annotation_begin returned `token` for.");
 }
