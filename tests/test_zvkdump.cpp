@@ -1,7 +1,9 @@
-// zvkdump's decoder against damaged input: every truncation and every flipped byte
-// of a real capture, and buckets whose stream is sound but whose records aren't.
-// Under the sanitizers a stray read fails the run; here each result must be a
-// clean answer: true with nothing on err, or false with one line naming the file.
+// zvkdump: its decoder against damaged input (every truncation and every flipped
+// byte of a real capture, buckets whose stream is sound but whose records aren't,
+// damage in the middle of a file), its JSON, its summary, its progress and its
+// command line. Under the sanitizers a stray read fails the run; here each result
+// must be a clean answer: true with nothing on err, or false with lines naming the
+// file.
 
 #include <gtest/gtest.h>
 #include <zlib.h>
@@ -11,30 +13,208 @@
 
 #include "tests/test_support.h"
 #include "tools/zvkdumper.h"
+#include "tools/zvkfilereader.h"
 #include "zorv/io/zvkfilewriter.h"
 #include "zorv/zvkannotator.h"
 
 namespace zorvek {
 namespace {
 
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 using testing_support::read_text_file;
 using testing_support::TempDir;
 
-constexpr DumpMode kModes[] = {DumpMode::kText, DumpMode::kJson, DumpMode::kSummary};
+DumpOptions mode(DumpFormat format, bool summary) {
+  DumpOptions options;
+  options.format = format;
+  options.summary = summary;
+  return options;
+}
+
+const DumpOptions kModes[] = {mode(DumpFormat::kText, false), mode(DumpFormat::kJson, false),
+                              mode(DumpFormat::kText, true), mode(DumpFormat::kJson, true)};
 
 void write_bytes(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), bytes.size());
 }
 
+struct Dumped {
+  bool whole;
+  std::string out;
+  std::string err;
+};
+
+Dumped dump(const std::vector<std::string>& paths, const DumpOptions& options) {
+  std::ostringstream out, err;
+  const bool whole = dump_files(paths, options, out, err);
+  return {whole, out.str(), err.str()};
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+// Whether `text` is exactly one JSON document (RFC 8259) in valid UTF-8. Written
+// apart from the dumper's escaping, so that the two check each other.
+class JsonChecker {
+ public:
+  explicit JsonChecker(const std::string& text) : m_text(text) {}
+
+  bool one_document() {
+    space();
+    if (!value()) return false;
+    space();
+    return m_at == m_text.size();
+  }
+
+ private:
+  bool value() {
+    if (m_at == m_text.size()) return false;
+    switch (m_text[m_at]) {
+      case '{': return members('}', true);
+      case '[': return members(']', false);
+      case '"': return string();
+      case 't': return word("true");
+      case 'f': return word("false");
+      case 'n': return word("null");
+      default: return number();
+    }
+  }
+
+  // An object's or an array's members, from the opening bracket.
+  bool members(char close, bool named) {
+    ++m_at;
+    space();
+    if (take(close)) return true;
+    for (;;) {
+      space();
+      if (named) {
+        if (!string()) return false;
+        space();
+        if (!take(':')) return false;
+        space();
+      }
+      if (!value()) return false;
+      space();
+      if (take(close)) return true;
+      if (!take(',')) return false;
+    }
+  }
+
+  bool string() {
+    if (!take('"')) return false;
+    while (m_at < m_text.size()) {
+      const auto c = static_cast<unsigned char>(m_text[m_at++]);
+      if (c == '"') return true;
+      if (c < 0x20) return false;
+      if (c == '\\') {
+        if (m_at == m_text.size()) return false;
+        const char escaped = m_text[m_at++];
+        if (escaped == 'u') {
+          for (int i = 0; i < 4; ++i) {
+            if (m_at == m_text.size() || !isxdigit(static_cast<unsigned char>(m_text[m_at++]))) {
+              return false;
+            }
+          }
+        } else if (std::string("\"\\/bfnrt").find(escaped) == std::string::npos) {
+          return false;
+        }
+      } else if (c >= 0x80 && !code_point(c)) {
+        return false;
+      }
+    }
+    return false;
+  }
+
+  // The rest of a multi-byte UTF-8 sequence whose lead byte was `lead`: decoded,
+  // then refused if overlong, a surrogate, or past U+10FFFF.
+  bool code_point(unsigned char lead) {
+    int more = lead >= 0xf0 ? 3 : lead >= 0xe0 ? 2 : lead >= 0xc0 ? 1 : -1;
+    if (more < 0 || lead >= 0xf8) return false;
+    uint32_t value = lead & (0x3fu >> more);
+    for (int i = 0; i < more; ++i) {
+      if (m_at == m_text.size()) return false;
+      const auto c = static_cast<unsigned char>(m_text[m_at++]);
+      if ((c & 0xc0) != 0x80) return false;
+      value = (value << 6) | (c & 0x3fu);
+    }
+    static const uint32_t kSmallest[] = {0, 0x80, 0x800, 0x10000};
+    return value >= kSmallest[more] && value <= 0x10ffff && (value < 0xd800 || value > 0xdfff);
+  }
+
+  bool number() {
+    take('-');
+    if (take('0')) {
+      if (m_at < m_text.size() && isdigit(static_cast<unsigned char>(m_text[m_at]))) return false;
+    } else if (!digits()) {
+      return false;
+    }
+    if (take('.') && !digits()) return false;
+    if (take('e') || take('E')) {
+      if (!take('+')) take('-');
+      if (!digits()) return false;
+    }
+    return true;
+  }
+
+  bool digits() {
+    const size_t start = m_at;
+    while (m_at < m_text.size() && isdigit(static_cast<unsigned char>(m_text[m_at]))) ++m_at;
+    return m_at > start;
+  }
+
+  bool word(const std::string& expected) {
+    if (m_text.compare(m_at, expected.size(), expected) != 0) return false;
+    m_at += expected.size();
+    return true;
+  }
+
+  bool take(char c) {
+    if (m_at == m_text.size() || m_text[m_at] != c) return false;
+    ++m_at;
+    return true;
+  }
+
+  void space() {
+    while (m_at < m_text.size() && std::string(" \t\r\n").find(m_text[m_at]) != std::string::npos) {
+      ++m_at;
+    }
+  }
+
+  const std::string& m_text;
+  size_t m_at = 0;
+};
+
+bool is_one_json_document(const std::string& text) { return JsonChecker(text).one_document(); }
+
+TEST(JsonChecker, TellsDocumentsFromTheRest) {
+  EXPECT_TRUE(is_one_json_document("{\"a\":[1,-2.5e3,true,null,\"\xc3\xbc\\u00e9\"]}\n"));
+  EXPECT_TRUE(is_one_json_document("[\n{},\n[]\n]\n"));
+  EXPECT_FALSE(is_one_json_document("{}\n{}\n"));
+  EXPECT_FALSE(is_one_json_document("{\"a\":1,}"));
+  EXPECT_FALSE(is_one_json_document("\"\xc3\x83\xc2\"") );  // cut sequence
+  EXPECT_FALSE(is_one_json_document("\"\xc0\xaf\""));       // overlong
+  EXPECT_FALSE(is_one_json_document("\"\xed\xa0\x80\""));   // surrogate
+  EXPECT_FALSE(is_one_json_document("\"a\tb\""));
+  EXPECT_FALSE(is_one_json_document("01"));
+}
+
 // A capture of several small buckets with every kind of record the dump decodes:
 // the time marker, begin, end, marker, and raw records of other sources.
-std::string make_capture(const TempDir& dir) {
+std::string make_capture() {
+  TempDir dir;
   ZVKQueue<ZVKBuffer> fill(4, 1024), to_write;
+  // The writer's thread and the record helper log to std::cerr; taking file
+  // descriptor 2 aside keeps their lines out of the test's output, and touches no
+  // stream that another thread may be writing to.
+  CaptureStderr();
   {
     ZVKFileWriter writer(&fill, &to_write, JobMetadata{"job-1", "host", "m5.large"}, 1000001);
     EXPECT_TRUE(writer.start(dir.file("source_%t")).ok());
-    std::ostringstream quiet;
-    auto* saved = std::cerr.rdbuf(quiet.rdbuf());  // the helper's closing line
     {
       auto helper = std::make_shared<ZVKBufferRecordHelper>(&fill, &to_write);
       ZVKAnnotator annotator("SharedAnnotator", helper);
@@ -48,57 +228,81 @@ std::string make_capture(const TempDir& dir) {
         std::memcpy(cpu.get_payload_store(), "rawbytes", 8);
       }
     }
-    std::cerr.rdbuf(saved);
     EXPECT_TRUE(writer.stop().ok());
   }
+  GetCapturedStderr();
   const auto files = dir.list();
   EXPECT_EQ(files.size(), 1u);
-  const std::string bytes = read_text_file(dir.file(files[0]));
-  std::remove(dir.file(files[0]).c_str());
+  return files.empty() ? std::string() : read_text_file(dir.file(files[0]));
+}
+
+// Made once, by the process's only writer; every test reads the same bytes.
+const std::string& capture_bytes() {
+  static const std::string bytes = make_capture();
   return bytes;
 }
 
-// Dumps `bytes` as a file in every mode; checks the answer is a clean one.
-// Returns whether the dump read it to its end.
+size_t header_size_of(const std::string& capture) {
+  ZVKFileHeader header;
+  std::memcpy(&header, capture.data(), sizeof(header));
+  return kZVKFileHeaderSize + get_header_payload_size(&header);
+}
+
+// Where each bucket of an undamaged capture starts, and the file's end.
+std::vector<size_t> bucket_offsets(const std::string& capture) {
+  std::vector<size_t> offsets;
+  for (size_t at = header_size_of(capture); at < capture.size();) {
+    offsets.push_back(at);
+    ZVKFileBucket bucket;
+    std::memcpy(&bucket, capture.data() + at, sizeof(bucket));
+    at += kZVKBucketHeaderSize + bucket.compressed_size;
+  }
+  offsets.push_back(capture.size());
+  return offsets;
+}
+
+// Dumps `bytes` as a file in every mode; checks the answer is a clean one, and
+// every JSON answer one valid document. Returns whether the dump read it whole.
 bool dump_cleanly(const TempDir& dir, const std::string& bytes, std::string* error = nullptr) {
   const std::string path = dir.file("probe.zvkraw");
   write_bytes(path, bytes);
   bool first = true;
   bool read_whole = false;
-  for (DumpMode mode : kModes) {
-    std::ostringstream out, err;
-    const bool whole = dump_file(path, mode, out, err);
-    const std::string said = err.str();
-    if (whole) {
-      EXPECT_EQ(said, "");
+  for (const DumpOptions& options : kModes) {
+    const Dumped result = dump({path}, options);
+    if (result.whole) {
+      EXPECT_EQ(result.err, "");
     } else {
-      EXPECT_EQ(said.rfind("zvkdump: " + path + ": ", 0), 0u) << said;
-      EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
-      if (error != nullptr) *error = said;
+      EXPECT_EQ(result.err.rfind("zvkdump: " + path + ": ", 0), 0u) << result.err;
+      EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
+      if (error != nullptr) *error = result.err;
+    }
+    if (options.format == DumpFormat::kJson) {
+      EXPECT_TRUE(is_one_json_document(result.out)) << result.out;
     }
     if (!first) {
-      EXPECT_EQ(whole, read_whole) << "modes disagree";
+      EXPECT_EQ(result.whole, read_whole) << "modes disagree";
     }
     first = false;
-    read_whole = whole;
+    read_whole = result.whole;
   }
   return read_whole;
 }
 
 TEST(ZvkdumpDamage, TheCaptureItselfReadsWhole) {
   TempDir dir;
-  const std::string capture = make_capture(dir);
+  const std::string& capture = capture_bytes();
   EXPECT_TRUE(dump_cleanly(dir, capture));
   const std::string path = dir.file("whole.zvkraw");
   write_bytes(path, capture);
-  std::ostringstream out, err;
-  ASSERT_TRUE(dump_file(path, DumpMode::kText, out, err));
-  EXPECT_NE(out.str().find("\n3 whole buckets\n"), std::string::npos) << out.str();
+  const Dumped text = dump({path}, mode(DumpFormat::kText, false));
+  ASSERT_TRUE(text.whole);
+  EXPECT_NE(text.out.find("\n3 whole buckets\n"), std::string::npos) << text.out;
 }
 
 TEST(ZvkdumpDamage, EveryTruncationGetsAnAnswer) {
   TempDir dir;
-  const std::string capture = make_capture(dir);
+  const std::string& capture = capture_bytes();
   size_t read_whole = 0;
   for (size_t length = 0; length < capture.size(); ++length) {
     SCOPED_TRACE("length " + std::to_string(length));
@@ -112,7 +316,7 @@ TEST(ZvkdumpDamage, EveryTruncationGetsAnAnswer) {
 
 TEST(ZvkdumpDamage, EveryFlippedByteGetsAnAnswer) {
   TempDir dir;
-  const std::string capture = make_capture(dir);
+  const std::string& capture = capture_bytes();
   size_t failures = 0;
   for (size_t at = 0; at < capture.size(); ++at) {
     for (unsigned char pattern : {0xffu, 0x80u, 0x01u}) {
@@ -125,12 +329,99 @@ TEST(ZvkdumpDamage, EveryFlippedByteGetsAnAnswer) {
   EXPECT_GT(failures, 0u);
 }
 
+// Each bucket the reader finds whole, as its inflated bytes; the problems on the
+// way, in order.
+std::vector<std::string> whole_buckets(const std::string& path,
+                                       std::vector<std::string>* problems) {
+  std::vector<std::string> buckets;
+  ZVKFileReader file;
+  EXPECT_TRUE(file.open(path).ok());
+  std::unique_ptr<ZVKBucketReader> bucket;
+  for (Status next; (next = file.next_bucket(&bucket)).code_ != error::END_OF_DATA;) {
+    if (!next.ok()) {
+      problems->push_back(next.msg_);
+      continue;
+    }
+    std::string records;
+    ZVKRecordReader record;
+    while (bucket->get_next_record(record).ok()) records.append(record.bytes(), record.size());
+    buckets.push_back(records);
+  }
+  return buckets;
+}
+
+TEST(ZvkdumpDamage, BucketsAfterADamagedOneAreReadWhole) {
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const std::vector<size_t> offsets = bucket_offsets(capture);
+  ASSERT_EQ(offsets.size(), 4u);  // three buckets and the end
+  const std::string path = dir.file("damaged.zvkraw");
+  write_bytes(path, capture);
+  std::vector<std::string> problems;
+  const std::vector<std::string> intact = whole_buckets(path, &problems);
+  ASSERT_EQ(intact.size(), 3u);
+
+  const size_t middle = offsets[1];
+  const size_t middle_size = offsets[2] - middle;
+  std::string zeroed_stream = capture;
+  std::fill(zeroed_stream.begin() + middle + 40, zeroed_stream.begin() + offsets[2], '\0');
+  std::string long_claim = capture;
+  long_claim[middle + 27] = '\x7f';  // compressed_size: past the end of the file
+  std::string scrambled = capture;
+  for (size_t i = middle; i < offsets[2]; ++i) scrambled[i] = static_cast<char>(i * 131 + 7);
+  for (const std::string* damaged : {&zeroed_stream, &long_claim, &scrambled}) {
+    SCOPED_TRACE(damaged == &zeroed_stream ? "zeroed stream"
+                 : damaged == &long_claim  ? "long claim"
+                                           : "scrambled");
+    write_bytes(path, *damaged);
+    problems.clear();
+    EXPECT_EQ(whole_buckets(path, &problems), (std::vector<std::string>{intact[0], intact[2]}));
+    ASSERT_EQ(problems.size(), 1u);
+    const std::string skipped = "bucket 1 at offset " + std::to_string(middle) + " is damaged (";
+    EXPECT_EQ(problems[0].rfind(skipped, 0), 0u) << problems[0];
+    EXPECT_NE(problems[0].find("): skipped " + std::to_string(middle_size) +
+                               " bytes to the next whole bucket at offset " +
+                               std::to_string(offsets[2])),
+              std::string::npos)
+        << problems[0];
+
+    for (const DumpOptions& options : kModes) {
+      const Dumped result = dump({path}, options);
+      EXPECT_FALSE(result.whole);
+      EXPECT_EQ(result.err, "zvkdump: " + path + ": " + problems[0] + "\n");
+    }
+    const Dumped text = dump({path}, mode(DumpFormat::kText, false));
+    EXPECT_NE(text.out.find("\n2 whole buckets\nNote: " + problems[0] + "\n"), std::string::npos)
+        << text.out;
+  }
+}
+
+TEST(ZvkdumpDamage, DamageBeforeATornEndIsStillDamage) {
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const std::vector<size_t> offsets = bucket_offsets(capture);
+  ASSERT_EQ(offsets.size(), 4u);
+  std::string damaged = capture.substr(0, offsets[3] - 5);
+  damaged[offsets[0] + 40] = static_cast<char>(damaged[offsets[0] + 40] ^ 0x55);
+  const std::string path = dir.file("damaged.zvkraw");
+  write_bytes(path, damaged);
+  std::vector<std::string> problems;
+  EXPECT_EQ(whole_buckets(path, &problems).size(), 1u);
+  ASSERT_EQ(problems.size(), 2u);
+  EXPECT_NE(problems[0].find("bucket 0 at offset " + std::to_string(offsets[0]) + " is damaged"),
+            std::string::npos)
+      << problems[0];
+  EXPECT_NE(problems[1].find("bucket 1 at offset " + std::to_string(offsets[2]) + " is torn"),
+            std::string::npos)
+      << problems[1];
+  const Dumped text = dump({path}, mode(DumpFormat::kText, false));
+  EXPECT_FALSE(text.whole);
+  EXPECT_EQ(lines_of(text.err), std::vector<std::string>{"zvkdump: " + path + ": " + problems[0]});
+}
+
 // A capture whose one bucket is a sound zlib stream of `records`.
 std::string capture_with_bucket(const std::string& capture, const std::string& records,
                                 uint64_t number_of_records) {
-  ZVKFileHeader header;
-  std::memcpy(&header, capture.data(), sizeof(header));
-  const size_t header_size = kZVKFileHeaderSize + get_header_payload_size(&header);
   std::string stream(compressBound(records.size()), '\0');
   uLongf length = stream.size();
   EXPECT_EQ(compress2(reinterpret_cast<Bytef*>(&stream[0]), &length,
@@ -141,46 +432,64 @@ std::string capture_with_bucket(const std::string& capture, const std::string& r
   bucket.number_of_records_in_bucket = number_of_records;
   bucket.compressed_size = static_cast<uint32_t>(length);
   bucket.uncompressed_size = static_cast<uint32_t>(records.size());
-  return capture.substr(0, header_size) +
+  return capture.substr(0, header_size_of(capture)) +
          std::string(reinterpret_cast<const char*>(&bucket), sizeof(bucket)) + stream;
 }
 
 std::string record_bytes(uint32_t event_word, uint16_t call_chain_size, uint16_t payload_size,
-                         const std::string& body) {
+                         const std::string& body, uint64_t timestamp = 42) {
   ZVKRecord record = {};
-  record.timestamp = 42;
+  record.timestamp = timestamp;
   record.event_type = event_word;
   record.call_chain_size = call_chain_size;
   record.payload_size = payload_size;
   return std::string(reinterpret_cast<const char*>(&record), sizeof(record)) + body;
 }
 
+// A BEGIN or MARKER as the annotator writes it: token, text, terminator, padding.
+std::string annotation(uint32_t type, uint64_t token, const std::string& text, uint64_t timestamp) {
+  std::string payload(reinterpret_cast<const char*>(&token), sizeof(token));
+  if (type != annotations::END) payload += text + std::string(8 - text.size() % 8, '\0');
+  return record_bytes(make_event_word(ANNOTATION, 0, type), 0,
+                      static_cast<uint16_t>(payload.size()), payload, timestamp);
+}
+
 TEST(ZvkdumpDamage, RecordsThatDontFitTheirBucketAreReported) {
   TempDir dir;
-  const std::string capture = make_capture(dir);
+  const std::string& capture = capture_bytes();
   const uint32_t begin = make_event_word(ANNOTATION, 0, annotations::BEGIN);
   std::string error;
 
+  // A record header cut short can't hold a record: the bucket's sizes are
+  // implausible before anything is inflated.
   const std::string cut_header = record_bytes(begin, 0, 0, "").substr(0, 10);
   EXPECT_FALSE(dump_cleanly(dir, capture_with_bucket(capture, cut_header, 1), &error));
-  EXPECT_NE(error.find("Truncated record header at offset 0"), std::string::npos) << error;
+  EXPECT_NE(error.find("it claims more records than its size can hold"), std::string::npos)
+      << error;
+
+  const std::string cut_second =
+      record_bytes(begin, 0, 0, "") + record_bytes(begin, 0, 0, "").substr(0, 10);
+  EXPECT_FALSE(dump_cleanly(dir, capture_with_bucket(capture, cut_second, 1), &error));
+  EXPECT_NE(error.find("truncated record header at offset 24"), std::string::npos) << error;
 
   const std::string overrun = record_bytes(begin, 0, 64, std::string(16, 'x'));
   EXPECT_FALSE(dump_cleanly(dir, capture_with_bucket(capture, overrun, 1), &error));
-  EXPECT_NE(error.find("runs past the end of the bucket"), std::string::npos) << error;
+  EXPECT_NE(error.find("record at offset 0 runs past the end of the bucket"), std::string::npos)
+      << error;
 
   const std::string chains = record_bytes(make_event_word(CPU, 0, 0), 0xffff, 0, "");
   EXPECT_FALSE(dump_cleanly(dir, capture_with_bucket(capture, chains, 1), &error));
   EXPECT_NE(error.find("runs past the end of the bucket"), std::string::npos) << error;
 
-  const std::string miscounted = record_bytes(begin, 0, 0, "");
-  EXPECT_FALSE(dump_cleanly(dir, capture_with_bucket(capture, miscounted, 2), &error));
-  EXPECT_NE(error.find("holds 1 records but its header says 2"), std::string::npos) << error;
+  const std::string miscounted = record_bytes(begin, 0, 0, "") + record_bytes(begin, 0, 0, "");
+  EXPECT_FALSE(dump_cleanly(dir, capture_with_bucket(capture, miscounted, 1), &error));
+  EXPECT_NE(error.find("it holds 2 records but its header says 1"), std::string::npos) << error;
+  EXPECT_NE(error.find("bytes to the end of the file"), std::string::npos) << error;
 }
 
 TEST(ZvkdumpDamage, OddPayloadsInsideTheirRecordsAreShownAsTheyAre) {
   TempDir dir;
-  const std::string capture = make_capture(dir);
+  const std::string& capture = capture_bytes();
   const std::string odd =
       // A BEGIN too short for its token, one whose text has no terminator, a time
       // marker cut short, and an event of a source this build doesn't know.
@@ -193,9 +502,9 @@ TEST(ZvkdumpDamage, OddPayloadsInsideTheirRecordsAreShownAsTheyAre) {
       record_bytes(0xf0000000u, 0, 0, "");
   const std::string path = dir.file("odd.zvkraw");
   write_bytes(path, capture_with_bucket(capture, odd, 5));
-  std::ostringstream out, err;
-  ASSERT_TRUE(dump_file(path, DumpMode::kText, out, err)) << err.str();
-  const std::string text = out.str();
+  const Dumped result = dump({path}, mode(DumpFormat::kText, false));
+  ASSERT_TRUE(result.whole) << result.err;
+  const std::string& text = result.out;
   EXPECT_NE(text.find("BEGIN cpu=0 pid=0 tid=0 payload=61626364"), std::string::npos) << text;
   EXPECT_NE(text.find("msg=\"unending\""), std::string::npos) << text;
   EXPECT_NE(text.find("TIME_MARKER cpu=0 pid=0 tid=0 payload=0101010101010101"), std::string::npos)
@@ -203,6 +512,249 @@ TEST(ZvkdumpDamage, OddPayloadsInsideTheirRecordsAreShownAsTheyAre) {
   EXPECT_NE(text.find("UNKNOWN cpu=0"), std::string::npos) << text;
   EXPECT_NE(text.find("42 UNKNOWN device=0 event=0"), std::string::npos) << text;
   EXPECT_TRUE(dump_cleanly(dir, capture_with_bucket(capture, odd, 5)));
+}
+
+TEST(ZvkdumpJson, KeepsUtf8AndEscapesOnlyWhatJsonNeeds) {
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const std::vector<std::string> names = {
+      "\xc3\xbc\xc3\xb1\xc3\xad \xe2\x82\xac \xf0\x9f\x98\x80",  // üñí € and an emoji
+      "quote\" backslash\\ tab\t newline\n escape\x1b del\x7f",
+      "lone \xff, cut \xc3, overlong \xc0\xaf, surrogate \xed\xa0\x80, "
+      "past U+10FFFF \xf4\x90\x80\x80",
+  };
+  std::string records;
+  for (size_t i = 0; i < names.size(); ++i) {
+    records += annotation(annotations::MARKER, i, names[i], 1);
+  }
+  const std::string path = dir.file("names.zvkraw");
+  write_bytes(path, capture_with_bucket(capture, records, names.size()));
+  const Dumped result = dump({path}, mode(DumpFormat::kJson, false));
+  ASSERT_TRUE(result.whole) << result.err;
+  EXPECT_TRUE(is_one_json_document(result.out)) << result.out;
+  EXPECT_NE(result.out.find("\"msg\":\"" + names[0] + "\""), std::string::npos) << result.out;
+  EXPECT_NE(result.out.find("\"msg\":\"quote\\\" backslash\\\\ tab\\u0009 newline\\u000a "
+                            "escape\\u001b del\x7f\""),
+            std::string::npos)
+      << result.out;
+  EXPECT_NE(result.out.find("\"msg\":\"lone \\ufffd, cut \\ufffd, overlong \\ufffd\\ufffd, "
+                            "surrogate \\ufffd\\ufffd\\ufffd, "
+                            "past U+10FFFF \\ufffd\\ufffd\\ufffd\\ufffd\""),
+            std::string::npos)
+      << result.out;
+}
+
+TEST(ZvkdumpJson, SeveralFilesMakeOneDocument) {
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const std::vector<std::string> paths = {dir.file("a.zvkraw"), dir.file("b.zvkraw"),
+                                          dir.file("absent.zvkraw")};
+  write_bytes(paths[0], capture);
+  write_bytes(paths[1], capture);
+  for (bool summary : {false, true}) {
+    SCOPED_TRACE(summary ? "summary" : "records");
+    const Dumped one = dump({paths[0]}, mode(DumpFormat::kJson, summary));
+    EXPECT_TRUE(one.whole);
+    EXPECT_TRUE(is_one_json_document(one.out)) << one.out;
+    EXPECT_EQ(one.out.rfind("{\"file\":", 0), 0u) << one.out;
+
+    const Dumped several = dump(paths, mode(DumpFormat::kJson, summary));
+    EXPECT_FALSE(several.whole);  // the absent file
+    EXPECT_TRUE(is_one_json_document(several.out)) << several.out;
+    const std::string object = one.out.substr(0, one.out.size() - 1);
+    const size_t second_path = object.find(paths[0]);
+    const std::string second =
+        object.substr(0, second_path) + paths[1] + object.substr(second_path + paths[0].size());
+    const std::string absent = "{\"file\":\"" + paths[2] +
+                               "\",\"problem\":\"No such file or directory\",\"clean\":false}";
+    EXPECT_EQ(several.out, "[\n" + object + ",\n" + second + ",\n" + absent + "\n]\n");
+    EXPECT_EQ(several.err, "zvkdump: " + paths[2] + ": No such file or directory\n");
+  }
+}
+
+TEST(ZvkdumpJson, TheSummaryComesAsJsonToo) {
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const std::string path = dir.file("capture.zvkraw");
+  write_bytes(path, capture);
+  const CommandLine line = parse_command_line({"--json", "--summary", path}, Terminals{});
+  EXPECT_EQ(line.error, "");
+  EXPECT_EQ(line.options.format, DumpFormat::kJson);
+  EXPECT_TRUE(line.options.summary);
+  EXPECT_EQ(parse_command_line({"--summary", "--json", path}, Terminals{}).options.summary, true);
+
+  const Dumped result = dump({path}, line.options);
+  ASSERT_TRUE(result.whole) << result.err;
+  EXPECT_TRUE(is_one_json_document(result.out)) << result.out;
+  for (const char* member :
+       {"\"whole_buckets\":3,", "\"ANNOTATION BEGIN\":12,", "\"ANNOTATION MARKER\":12,",
+        "\"CPU\":12", "{\"name\":\"step \\\"11\\\"\\u000a\",\"count\":1,\"total_ns\":",
+        "\"begins_without_end\":0,\"ends_without_begin\":0,\"problem\":\"\",\"clean\":true}\n"}) {
+    EXPECT_NE(result.out.find(member), std::string::npos) << member << "\n" << result.out;
+  }
+  EXPECT_EQ(result.out.find("\"records\""), std::string::npos) << result.out;
+}
+
+TEST(ZvkdumpSummary, ALongNameWidensOnlyItsOwnRow) {
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const std::string long_name(1000, 'n');
+  std::string records;
+  uint64_t count = 0;
+  for (uint64_t token = 0; token < 3; ++token, count += 2) {
+    records += annotation(annotations::BEGIN, token, long_name, 1000 * token);
+    records += annotation(annotations::END, token, "", 1000 * token + 2000);
+  }
+  for (uint64_t token = 3; token < 5; ++token, count += 2) {
+    records += annotation(annotations::BEGIN, token, "short", 1000 * token);
+    records += annotation(annotations::END, token, "", 1000 * token + 500);
+  }
+  const std::string path = dir.file("long.zvkraw");
+  write_bytes(path, capture_with_bucket(capture, records, count));
+  const Dumped result = dump({path}, mode(DumpFormat::kText, true));
+  ASSERT_TRUE(result.whole) << result.err;
+  const std::vector<std::string> lines = lines_of(result.out);
+  const std::vector<std::string> expected = {
+      "File " + path + ": 1 buckets",
+      "Records by kind:",
+      "  ANNOTATION BEGIN                    5",
+      "  ANNOTATION END                      5",
+      "Annotation ranges:",
+      "  name                                count       total ms        mean us",
+      "  " + long_name + "        3          0.006          2.000",
+      "  short                                   2          0.001          0.500",
+  };
+  EXPECT_EQ(lines, expected) << result.out;
+}
+
+// "zvkdump: PATH: P% (N buckets)" for the file read up to `offset`.
+std::string progress_line(const std::string& path, size_t offset, size_t size, size_t buckets) {
+  return "zvkdump: " + path + ": " + std::to_string(offset * 100 / size) + "% (" +
+         std::to_string(buckets) + (buckets == 1 ? " bucket)" : " buckets)");
+}
+
+TEST(ZvkdumpProgress, GoesToErrAndLeavesOutAlone) {
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const std::vector<size_t> offsets = bucket_offsets(capture);
+  const std::vector<std::string> paths = {dir.file("a.zvkraw"), dir.file("b.zvkraw")};
+  write_bytes(paths[0], capture);
+  write_bytes(paths[1], capture);
+  std::vector<std::string> every_bucket;
+  for (const std::string& path : paths) {
+    for (size_t i = 1; i < offsets.size(); ++i) {
+      every_bucket.push_back(progress_line(path, offsets[i], capture.size(), i));
+    }
+  }
+  // The first file's first bucket, then its end; the run is then too young for more.
+  const std::vector<std::string> first_and_end = {every_bucket[0], every_bucket[2]};
+  ASSERT_EQ(every_bucket.back(), "zvkdump: " + paths[1] + ": 100% (3 buckets)");
+
+  for (const DumpOptions& quiet : kModes) {
+    const Dumped plain = dump(paths, quiet);
+    EXPECT_EQ(plain.err, "");
+    DumpOptions shown = quiet;
+    shown.progress.enabled = true;
+    shown.progress.quiet_for = std::chrono::milliseconds(0);
+    shown.progress.every = std::chrono::milliseconds(0);
+    const Dumped lines = dump(paths, shown);
+    EXPECT_EQ(lines.out, plain.out);
+    EXPECT_EQ(lines_of(lines.err), every_bucket) << lines.err;
+
+    // An hour between updates: the first file's first bucket shows, then its end,
+    // which a file whose line was shown always gets; nothing of the second file.
+    shown.progress.every = std::chrono::hours(1);
+    const Dumped throttled = dump(paths, shown);
+    EXPECT_EQ(throttled.out, plain.out);
+    EXPECT_EQ(lines_of(throttled.err), first_and_end) << throttled.err;
+
+    shown.progress.every = std::chrono::milliseconds(0);
+    shown.progress.in_place = true;
+    const Dumped in_place = dump(paths, shown);
+    EXPECT_EQ(in_place.out, plain.out);
+    std::string rewritten;
+    for (size_t i = 0; i < every_bucket.size(); ++i) {
+      rewritten += "\r" + every_bucket[i] + (i % 3 == 2 ? "\n" : "");
+    }
+    EXPECT_EQ(in_place.err, rewritten);
+  }
+}
+
+TEST(ZvkdumpProgress, QuickRunsStayQuiet) {
+  TempDir dir;
+  const std::string path = dir.file("a.zvkraw");
+  write_bytes(path, capture_bytes());
+  DumpOptions options;
+  options.progress.enabled = true;
+  options.progress.quiet_for = std::chrono::hours(1);
+  EXPECT_EQ(dump({path}, options).err, "");
+}
+
+TEST(ZvkdumpCommandLine, ProgressByDefaultOnlyWhereItCantCutIntoTheOutput) {
+  const auto progress = [](std::vector<std::string> args, Terminals terminals) {
+    args.push_back("file");
+    const CommandLine line = parse_command_line(args, terminals);
+    EXPECT_EQ(line.error, "");
+    return line.options.progress;
+  };
+  EXPECT_FALSE(progress({}, Terminals{false, false}).enabled);
+  EXPECT_TRUE(progress({}, Terminals{false, true}).enabled);
+  EXPECT_TRUE(progress({}, Terminals{false, true}).in_place);
+  EXPECT_FALSE(progress({}, Terminals{true, true}).enabled);
+  EXPECT_FALSE(progress({"--json"}, Terminals{true, true}).enabled);
+  EXPECT_TRUE(progress({"--summary"}, Terminals{true, true}).enabled);
+  EXPECT_TRUE(progress({"--progress"}, Terminals{false, false}).enabled);
+  EXPECT_FALSE(progress({"--progress"}, Terminals{false, false}).in_place);
+  EXPECT_FALSE(progress({"--no-progress"}, Terminals{false, true}).enabled);
+  EXPECT_FALSE(progress({"--progress", "--no-progress"}, Terminals{}).enabled);
+}
+
+struct Ran {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+Ran run_zvkdump(const std::vector<std::string>& args) {
+  std::ostringstream out, err;
+  const int status = zvkdump_main(args, Terminals{}, out, err);
+  return {status, out.str(), err.str()};
+}
+
+TEST(ZvkdumpCommandLine, AnUnknownOptionIsAUsageError) {
+  const Ran run = run_zvkdump({"--bogus", "file.zvkraw"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.out, "");
+  EXPECT_EQ(run.err.rfind("zvkdump: unknown option '--bogus'\nusage: zvkdump ", 0), 0u) << run.err;
+  EXPECT_EQ(run_zvkdump({"file.zvkraw", "-x"}).status, 2);
+}
+
+TEST(ZvkdumpCommandLine, NoFileIsAUsageError) {
+  const Ran run = run_zvkdump({"--json"});
+  EXPECT_EQ(run.status, 2);
+  EXPECT_EQ(run.err.rfind("zvkdump: no capture file given\nusage: zvkdump ", 0), 0u) << run.err;
+}
+
+TEST(ZvkdumpCommandLine, HelpGoesToOut) {
+  for (const char* help : {"-h", "--help"}) {
+    const Ran run = run_zvkdump({help});
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out.rfind("usage: zvkdump ", 0), 0u) << run.out;
+    EXPECT_NE(run.out.find("--no-progress"), std::string::npos) << run.out;
+    EXPECT_EQ(run.err, "");
+  }
+}
+
+TEST(ZvkdumpCommandLine, DoubleDashEndsTheOptions) {
+  const CommandLine line =
+      parse_command_line({"--summary", "--", "--json", "-h", "-"}, Terminals{});
+  EXPECT_EQ(line.error, "");
+  EXPECT_FALSE(line.help);
+  EXPECT_EQ(line.options.format, DumpFormat::kText);
+  EXPECT_EQ(line.files, (std::vector<std::string>{"--json", "-h", "-"}));
+  const Ran absent = run_zvkdump({"--", "--json"});
+  EXPECT_EQ(absent.status, 1);
+  EXPECT_EQ(absent.err, "zvkdump: --json: No such file or directory\n");
 }
 
 }  // namespace
