@@ -108,8 +108,15 @@ Status ZVKFileWriter::suspend() {
 }
 
 Status ZVKFileWriter::resume() {
-  if (!reopen_file(m_filename).ok()) {
-    // A suspended capture with no buckets had its file unlinked: begin it anew.
+  // A forked child resuming a capture it inherited gets a file of its own: two
+  // processes appending to one file would interleave their buckets.
+  if (m_hdr != nullptr && m_hdr->pid != static_cast<uint32_t>(getpid())) {
+    ZVK_RETURN_NOT_OK(open_file(m_filepattern, false));
+    return start_internal();
+  }
+  // A suspended capture with no buckets had its file unlinked: begin it anew. Not
+  // by reopening the name, which another process may have taken since.
+  if (m_file_unlinked || !reopen_file(m_filename).ok()) {
     ZVK_RETURN_NOT_OK(open_file(m_filename, true));
   }
   return start_internal();
@@ -196,8 +203,10 @@ Status ZVKFileWriter::open_file(const std::string& name, bool exact) {
   }
   m_filename = name;
   VLOG(1) << "Opening " << m_filename << " constructed from pattern " << m_filepattern;
-  m_file_handle = open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_TRUNC, 0664);
+  m_file_handle = open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_EXCL, 0664);
+  if (m_file_handle < 0 && errno == EEXIST) return create_file();
   if (m_file_handle < 0) return failed_open(errno);
+  m_file_unlinked = false;
   construct_header();
   return write_header();
 }
@@ -213,7 +222,10 @@ Status ZVKFileWriter::create_file() {
     if (!finished_exists) {
       m_file_handle =
           open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_EXCL, 0664);
-      if (m_file_handle >= 0) break;
+      if (m_file_handle >= 0) {
+        m_file_unlinked = false;
+        break;
+      }
       if (errno != EEXIST || attempt == kMaxNameAttempts) return failed_open(errno);
     }
     m_rotation_count += 1;
@@ -248,7 +260,8 @@ Status ZVKFileWriter::close_file() {
   close(m_file_handle);
   m_file_handle = -1;
   // An empty capture leaves no file behind.
-  if (m_hdr != nullptr && m_hdr->num_buckets == 0) unlink(get_tmp_filename(m_filename).c_str());
+  m_file_unlinked = m_hdr != nullptr && m_hdr->num_buckets == 0;
+  if (m_file_unlinked) unlink(get_tmp_filename(m_filename).c_str());
   return Status::OK();
 }
 
@@ -468,8 +481,10 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
     }
   }
 
-  // The last buffers go to the current file, whatever the timer says.
-  while (to_write->size() != 0) {
+  // The last buffers go to the current file, whatever the timer says. Only those
+  // queued now: producers that keep refilling the buffers handed back would
+  // otherwise keep the stop from ever ending.
+  for (size_t queued = to_write->size(); queued != 0; --queued) {
     to_write->pop(&buffer);
     if (buffer != nullptr) handle(buffer);
   }

@@ -108,6 +108,8 @@ class ZVKFileWriter {
   // Set and cleared by the controller's thread, polled by the writer thread.
   std::atomic<bool> m_run_writer_loop{false};
   bool m_is_kelvane = false;
+  // The last file was closed empty and unlinked: its name is no longer ours.
+  bool m_file_unlinked = false;
 };
 
 }  // namespace zorvek

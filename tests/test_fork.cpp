@@ -1,0 +1,397 @@
+// Fork following with real forks: the controller's fork handlers, the locks held
+// across a fork, and a capture that forks at any moment while threads annotate.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "tests/test_support.h"
+#include "zorv/utils/identity.h"
+#include "zorv/zorv.h"
+#include "zorv/zvkregistry.h"
+
+namespace zorvek {
+
+struct ZorvTestPeer {
+  static ZVKDataCollectorBase*& cuda(Zorv& zorv) { return zorv.m_cuda_collector; }
+};
+
+namespace {
+
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+using testing_support::DecodedFile;
+using testing_support::log_messages;
+using testing_support::read_capture;
+using testing_support::run_in_child;
+using testing_support::TempDir;
+using Strings = std::vector<std::string>;
+using Sections = std::map<std::string, ZVKConfigSection>;
+
+Sections capture_config(const std::string& pattern, bool follow) {
+  return {{"ZORV",
+           {{"BucketCount", "4"},
+            {"BucketSizeMB", "1"},
+            {"RecordFile", pattern},
+            {"EnableForkFollow", follow ? "1" : "0"}}}};
+}
+
+void clear_environment() {
+  for (const char* name : {"ZV_CURRENT_HOST", "ZVK_OUTPUT_FILE_NAME", "ZVK_BUCKET_COUNT",
+                           "ZVK_BUCKET_SIZE_MB", "ZVK_ENABLE_FORK_FOLLOW", "ZVK_BUCKET_COMPRESSION",
+                           "ZVK_FLUSH_INTERVAL_MS"}) {
+    unsetenv(name);
+  }
+}
+
+// Forks; the child runs `body` under a watchdog (a hang fails, it doesn't stall the
+// suite) and ends with _exit, as multiprocessing's workers do. Returns the child's
+// pid and its exit status.
+std::pair<pid_t, int> fork_and_wait(const std::function<int()>& body) {
+  fflush(stdout);
+  fflush(stderr);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);
+    _exit(body());
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return {child, WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status)};
+}
+
+// What `body` writes to stderr, read back through a file: works in a forked child,
+// where the parent's capture of stderr can't be shared.
+std::string stderr_of(const std::function<void()>& body) {
+  fflush(stderr);
+  FILE* sink = tmpfile();
+  const int saved = dup(2);
+  dup2(fileno(sink), 2);
+  body();
+  fflush(stderr);
+  dup2(saved, 2);
+  close(saved);
+  std::string text;
+  rewind(sink);
+  char block[4096];
+  for (size_t got; (got = fread(block, 1, sizeof(block), sink)) != 0;) text.append(block, got);
+  fclose(sink);
+  return text;
+}
+
+// The messages of a capture's BEGIN records, in file order.
+Strings begin_messages(const DecodedFile& file) {
+  Strings messages;
+  for (const auto& bucket : file.buckets) {
+    for (const auto& record : bucket.records) {
+      if (record.event_type == 0) messages.emplace_back(record.payload.c_str() + 8);
+    }
+  }
+  return messages;
+}
+
+bool has(const Strings& items, const std::string& item) {
+  return std::find(items.begin(), items.end(), item) != items.end();
+}
+
+// A GPU collector's stand-in: remembers the ids its resume saw.
+class IdentityRecorder : public ZVKDataCollectorBase {
+ public:
+  IdentityRecorder() : ZVKDataCollectorBase("Recorder", nullptr, nullptr) {}
+  Status start_profiling() override { return Status::OK(); }
+  Status stop_profiling() override { return Status::OK(); }
+  Status suspend_profiling() override { return Status::OK(); }
+  Status resume_profiling() override {
+    resumed_pid = current_identity().pid;
+    return Status::OK();
+  }
+  Status configure(const std::map<std::string, std::string>&) override { return Status::OK(); }
+  pid_t resumed_pid = 0;
+};
+
+TEST(Fork, FollowingOnGivesTheChildAFileOfItsOwnAndTheParentKeepsItsFile) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), true)).ok());
+    auto* recorder = new IdentityRecorder();
+    ZorvTestPeer::cuda(zorv) = recorder;
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
+    const auto [child, status] = fork_and_wait([&] {
+      // The child handler saw the child's ids, and a new capture began.
+      if (recorder->resumed_pid != getpid()) return 2;
+      if (!zorv.is_active() || fork_suspend) return 3;
+      zorv.annotate_end(zorv.annotate_begin(std::string("in child")));
+      return zorv.stop_profiling().ok() ? 0 : 4;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(recorder->resumed_pid, getpid());  // the parent resumed too
+    EXPECT_TRUE(zorv.is_active());
+    EXPECT_FALSE(fork_suspend);
+    zorv.annotate_end(zorv.annotate_begin(std::string("after")));
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    const std::string parent_file = dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw");
+    const std::string child_file = dir.file("cap_" + std::to_string(child) + "_0.zvkraw");
+    const Strings parent = begin_messages(read_capture(parent_file));
+    EXPECT_TRUE(has(parent, "before"));
+    EXPECT_TRUE(has(parent, "after"));
+    EXPECT_FALSE(has(parent, "in child"));
+    EXPECT_TRUE(has(begin_messages(read_capture(child_file)), "in child"));
+    EXPECT_EQ(dir.list().size(), 2u);
+  }, true));
+}
+
+TEST(Fork, FollowingOffLeavesTheChildIdleAndItsAnnotationsNeverBlock) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), false)).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    GetCapturedStderr();
+    const auto [child, status] = fork_and_wait([&] {
+      if (zorv.is_active()) return 2;
+      // Four buffers of 1 MiB hold about 58 000 pairs of 72 bytes: no writer frees
+      // them here.
+      for (int i = 0; i < 100000; ++i) zorv.annotate_end(zorv.annotate_begin(std::string("work")));
+      // The child can start a capture of its own, which reports what was dropped.
+      const Strings lines = log_messages(stderr_of([&] { zorv.start_profiling(); }));
+      bool reported = false;
+      for (const auto& line : lines) {
+        reported |= line.rfind("WARNING| ", 0) == 0 &&
+                    line.find(" records were dropped: all buffers were full and no capture was "
+                              "running to write them") != std::string::npos;
+      }
+      if (!reported) return 4;
+      return zorv.stop_profiling().ok() ? 0 : 5;
+    });
+    CaptureStderr();
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(zorv.is_active());
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    EXPECT_TRUE(has(dir.list(), "cap_" + std::to_string(getpid()) + "_0.zvkraw"));
+  }, true));
+}
+
+TEST(Fork, ASecondForkInAChildBehavesAsTheFirst) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), true)).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    pid_t grandchild = 0;
+    int pipe_fds[2];
+    ASSERT_EQ(pipe(pipe_fds), 0);
+    const auto [child, status] = fork_and_wait([&] {
+      const auto [inner, inner_status] = fork_and_wait([&] {
+        zorv.annotate_end(zorv.annotate_begin(std::string("grandchild")));
+        return zorv.is_active() && zorv.stop_profiling().ok() ? 0 : 2;
+      });
+      if (write(pipe_fds[1], &inner, sizeof(inner)) != sizeof(inner)) return 5;
+      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      return inner_status == 0 && zorv.stop_profiling().ok() ? 0 : 3;
+    });
+    EXPECT_EQ(status, 0);
+    ASSERT_EQ(read(pipe_fds[0], &grandchild, sizeof(grandchild)),
+              static_cast<ssize_t>(sizeof(grandchild)));
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    auto file_of = [&](pid_t pid) { return dir.file("cap_" + std::to_string(pid) + "_0.zvkraw"); };
+    EXPECT_TRUE(has(begin_messages(read_capture(file_of(child))), "child"));
+    const Strings inner = begin_messages(read_capture(file_of(grandchild)));
+    EXPECT_TRUE(has(inner, "grandchild"));
+    EXPECT_FALSE(has(inner, "child"));
+  }, true));
+}
+
+TEST(Fork, StopInAChildClosesTheChildsFileOnly) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), true)).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    zorv.annotate_end(zorv.annotate_begin(std::string("parent before")));
+    const auto [child, status] = fork_and_wait([&] {
+      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      if (!zorv.stop_profiling().ok()) return 2;
+      // Stopped: a second stop is refused, and the child can start again.
+      if (zorv.stop_profiling().msg_ != "Profiling not running") return 3;
+      return 0;
+    });
+    EXPECT_EQ(status, 0);
+    // The parent's capture runs on and takes more records.
+    EXPECT_TRUE(zorv.is_active());
+    zorv.annotate_end(zorv.annotate_begin(std::string("parent after")));
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    const Strings parent =
+        begin_messages(read_capture(dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw")));
+    EXPECT_TRUE(has(parent, "parent before"));
+    EXPECT_TRUE(has(parent, "parent after"));
+    const DecodedFile child_file =
+        read_capture(dir.file("cap_" + std::to_string(child) + "_0.zvkraw"));
+    EXPECT_EQ(child_file.header()->pid, static_cast<uint32_t>(child));
+    EXPECT_TRUE(has(begin_messages(child_file), "child"));
+  }, true));
+}
+
+TEST(Fork, AForkWhileTheUserHasSuspendedChangesNothing) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), true)).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
+    ASSERT_TRUE(zorv.suspend_profiling().ok());
+    const Strings before = dir.list();
+    const auto [child, status] = fork_and_wait([&] {
+      if (zorv.is_active() || !dir.list().empty()) return 2;
+      if (!zorv.resume_profiling().ok()) return 3;
+      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      return zorv.stop_profiling().ok() ? 0 : 4;
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(zorv.is_active());
+    ASSERT_TRUE(zorv.resume_profiling().ok());
+    zorv.annotate_end(zorv.annotate_begin(std::string("parent")));
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    // The suspend had no bucket to write, so no file was left to fork over. The
+    // child resumed in a file of its own, named through its pid; the parent's
+    // records stayed in the parent's.
+    EXPECT_TRUE(before.empty());
+    const Strings parent =
+        begin_messages(read_capture(dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw")));
+    EXPECT_TRUE(has(parent, "before"));
+    EXPECT_TRUE(has(parent, "parent"));
+    EXPECT_FALSE(has(parent, "child"));
+    EXPECT_TRUE(has(begin_messages(read_capture(
+                        dir.file("cap_" + std::to_string(child) + "_0.zvkraw"))),
+                    "child"));
+  }, true));
+}
+
+// The same with a file on disk at the fork: the child must not append to it.
+TEST(Fork, AChildResumingAnInheritedSuspendedFileWritesItsOwn) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap"), true)).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    zorv.annotate_end(zorv.annotate_begin(std::string("second")));
+    ASSERT_TRUE(zorv.suspend_profiling().ok());
+    const auto [child, status] = fork_and_wait([&] {
+      if (!zorv.resume_profiling().ok()) return 3;
+      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      return zorv.stop_profiling().ok() ? 0 : 4;
+    });
+    EXPECT_EQ(status, 0);
+    ASSERT_TRUE(zorv.resume_profiling().ok());
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    // No %p in the pattern: the child's file took the next free number.
+    const Strings files = dir.list();
+    ASSERT_EQ(files.size(), 3u);
+    for (const auto& name : files) {
+      const DecodedFile file = read_capture(dir.file(name));
+      EXPECT_FALSE(file.torn) << name;
+      EXPECT_EQ(file.header()->num_buckets, file.buckets.size()) << name;
+      const Strings messages = begin_messages(file);
+      EXPECT_EQ(has(messages, "child"), file.header()->pid == static_cast<uint32_t>(child)) << name;
+    }
+  }, true));
+}
+
+TEST(Fork, TheParentsFileKeepsItsNameAndTmpStateOverTheFork) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    setenv("ZV_CURRENT_HOST", "algo-1", 1);
+    setenv("ZVK_OUTPUT_FILE_NAME", dir.file("cap_%p").c_str(), 1);
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config("ignored", false)).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
+    ASSERT_TRUE(zorv.suspend_profiling().ok());  // writes a bucket, so the file stays
+    ASSERT_TRUE(zorv.resume_profiling().ok());
+    const std::string name = dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw");
+    const auto [child, status] = fork_and_wait([&] { return 0; });
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(dir.list(), Strings{"cap_" + std::to_string(getpid()) + "_0.zvkraw.tmp"});
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(dir.list(), Strings{"cap_" + std::to_string(getpid()) + "_0.zvkraw"});
+    EXPECT_TRUE(has(begin_messages(read_capture(name)), "before"));
+  }, true));
+}
+
+// Threads annotate without pause while the main thread forks again and again: a
+// lock held by another thread at a fork must not stay held in the child. Every
+// process ends, and every file reads back whole.
+void fork_under_load(bool follow, int forks) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), follow)).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> annotators;
+    for (int t = 0; t < 3; ++t) {
+      annotators.emplace_back([&] {
+        while (!stop) zorv.annotate_end(zorv.annotate_begin(std::string("load")));
+      });
+    }
+    int failed = 0;
+    for (int i = 0; i < forks; ++i) {
+      const auto [child, status] = fork_and_wait([&] {
+        for (int j = 0; j < 100; ++j) zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+        if (follow) return zorv.stop_profiling().ok() ? 0 : 2;
+        return zorv.is_active() ? 3 : 0;
+      });
+      failed += status != 0;
+    }
+    stop = true;
+    for (auto& annotator : annotators) annotator.join();
+    EXPECT_EQ(failed, 0);
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+  }, true));
+  const Strings files = dir.list();
+  EXPECT_EQ(files.size(), follow ? static_cast<size_t>(forks) + 1 : 1u);
+  for (const auto& name : files) {
+    const DecodedFile file = read_capture(dir.file(name));
+    EXPECT_FALSE(file.torn) << name;
+    EXPECT_EQ(file.header()->num_buckets, file.buckets.size()) << name;
+  }
+}
+
+TEST(Fork, ForksAtAnyMomentWhileThreadsAnnotateWithFollowingOn) { fork_under_load(true, 200); }
+
+TEST(Fork, ForksAtAnyMomentWhileThreadsAnnotateWithFollowingOff) { fork_under_load(false, 200); }
+
+}  // namespace
+}  // namespace zorvek
