@@ -65,6 +65,7 @@ bench: build
 	./build/dev/bench/bench_annotate
 	./build/dev/bench/bench_writer
 	PYTHONPATH=build/dev/bench $(PYTHON) bench/bench_python_annotate.py
+	@$(PYTHON) -c "import torch" 2>/dev/null || $(PYTHON) -m pip install -q --disable-pip-version-check torch==2.13.0; $(PYTHON) bench/bench_training_overhead.py
 
 clean:
 	rm -rf build
