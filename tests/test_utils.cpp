@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <thread>
 
@@ -13,7 +16,9 @@ namespace {
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
+using testing_support::in_fresh_process;
 using testing_support::log_messages;
+using testing_support::rerun_in_fresh_process;
 using testing_support::ScopedEnv;
 using testing_support::TempDir;
 
@@ -84,11 +89,23 @@ TEST(ZVKHex, LowerCaseWithoutPrefix) {
   EXPECT_EQ(static_cast<std::string>(ZVKHex<unsigned long>(value)), "beef");
 }
 
+TEST(Clock, NowIsTheSystemClockInNanoseconds) {
+  const auto since_epoch = [] {
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                     std::chrono::system_clock::now().time_since_epoch())
+                                     .count());
+  };
+  const uint64_t before = since_epoch();
+  const uint64_t now = now_ns();
+  const uint64_t after = since_epoch();
+  EXPECT_LE(before, now);
+  EXPECT_LE(now, after);
+}
+
 TEST(ClockOffset, MatchesTheTwoClocks) {
-  timespec mono, real;
+  timespec mono;
   clock_gettime(CLOCK_MONOTONIC_RAW, &mono);
-  clock_gettime(CLOCK_REALTIME, &real);
-  const int64_t expected = (real.tv_sec - mono.tv_sec) * 1000000000LL + (real.tv_nsec - mono.tv_nsec);
+  const int64_t expected = static_cast<int64_t>(now_ns() - timespec_to_ns(mono));
   const int64_t offset = static_cast<int64_t>(get_clock_offset());
   EXPECT_LT(std::llabs(offset - expected), 50000000LL);  // within 50 ms: both clocks run
 }
@@ -173,6 +190,30 @@ TEST(ProcessIdentity, ForkedChildSeesItsOwnIds) {
   close(fds[0]);
   close(fds[1]);
   EXPECT_EQ(answer, 'y');
+}
+
+pid_t g_pid_seen_by_child_handler = 0;
+
+void remember_pid_in_child() { g_pid_seen_by_child_handler = current_identity().pid; }
+
+// A fork handler registered after register_identity_fork_handler() runs after the
+// cache's own handler, and so already reads the child's ids. In a fresh process,
+// where nothing has read the identity yet: left to itself, the cache would register
+// its handler at the first read below, behind this test's.
+TEST(ProcessIdentity, HandlerRegisteredAfterTheCachesSeesTheChildsIds) {
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({}));
+    return;
+  }
+  register_identity_fork_handler();
+  register_identity_fork_handler();  // once only, however often it is called
+  ASSERT_EQ(pthread_atfork(nullptr, nullptr, remember_pid_in_child), 0);
+  ASSERT_EQ(current_identity().pid, getpid());  // cached in the parent
+  const pid_t child = fork();
+  if (child == 0) _exit(g_pid_seen_by_child_handler == getpid() ? 0 : 1);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 }  // namespace

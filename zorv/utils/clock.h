@@ -1,0 +1,32 @@
+#pragma once
+
+#include <time.h>
+
+#include <cstdint>
+#include <string>
+
+namespace zorvek {
+
+inline uint64_t timespec_to_ns(const timespec& ts) {
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000ULL + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// The system clock in nanoseconds since the epoch: the clock of record timestamps
+// and of the file header's times. Inline: it is read on every annotation. A
+// template only so that a file which still defines a now_ns() of its own keeps
+// compiling: overload resolution prefers that non-template to this one.
+template <typename = void>
+inline uint64_t now_ns() {
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return timespec_to_ns(now);
+}
+
+// Local time of `ns` since the epoch: `format` for strftime, then ".%06ld" microseconds.
+std::string local_time_text(uint64_t ns, const char* format);
+
+// Nanoseconds to add to a CLOCK_MONOTONIC_RAW time to get a system-clock time,
+// less the cost of one clock_gettime call.
+uint64_t get_clock_offset();
+
+}  // namespace zorvek
