@@ -22,8 +22,6 @@ class ZVTrainingJobConfiguration {
   // A text search, not a JSON parser: the platform's documents are flat.
   std::string read_key(const std::string& key) const;
 
-  const std::string& text() const { return m_job_config; }
-
  private:
   std::string m_job_config;
 };
