@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <memory>
 #include <set>
 #include <thread>
@@ -85,14 +87,31 @@ TEST(Queue, FifoAndPopAfterLastLeavesItUsable) {
 TEST(Queue, ToFillOwnsTheSlabTheToWriteQueuePointsInto) {
   auto to_fill = std::make_unique<ZVKQueue<ZVKBuffer>>(2, 128);
   auto to_write = std::make_unique<ZVKQueue<ZVKBuffer>>();
-  ZVKBuffer* buffer = nullptr;
-  to_fill->pop(&buffer);
-  to_write->push(buffer);
+  ZVKBuffer* first = nullptr;
+  ZVKBuffer* second = nullptr;
+  to_fill->pop(&first);
+  to_fill->pop(&second);
   const char* slab = static_cast<const char*>(to_fill->storage());
-  EXPECT_GE(reinterpret_cast<char*>(buffer), slab);
+  EXPECT_EQ(reinterpret_cast<const char*>(first), slab);
+  EXPECT_EQ(reinterpret_cast<const char*>(second), slab + 128 + 8);
+  for (ZVKBuffer* buffer : {first, second}) {
+    std::memset(buffer->record_buffer, 0x5a, buffer->len_buffer);
+    buffer->num_bytes = 100;
+    to_write->push(buffer);
+  }
   EXPECT_EQ(to_write->storage(), nullptr);
-  // Teardown order: the queue without storage first, the owner last.
+
+  // Teardown order: the queue without storage first. It frees nothing of what it
+  // points into, so the buffers it held stay whole in the owner's slab; the owner
+  // takes them back and frees the slab last.
   to_write.reset();
+  for (ZVKBuffer* buffer : {first, second}) {
+    EXPECT_EQ(buffer->len_buffer, 128u);
+    EXPECT_EQ(buffer->num_bytes, 100u);
+    EXPECT_EQ(std::count(buffer->record_buffer, buffer->record_buffer + 128, '\x5a'), 128);
+    to_fill->push(buffer);
+  }
+  EXPECT_EQ(to_fill->size(), 2u);
   to_fill.reset();
 }
 

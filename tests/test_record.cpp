@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <string>
+#include <type_traits>
 #include <vector>
 
 #include "tests/test_support.h"
+#include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkrecord.h"
 #include "zorv/zvkannotator.h"
 
@@ -32,14 +35,41 @@ TEST(Record, EmptyRecordIs24BytesAndWalks) {
   EXPECT_EQ(records[1].timestamp, 6u);
 }
 
+// Sizes reach the record layer as wider integers and nothing checks them: the
+// record keeps their low 16 bits, and the buffer advances by the size those bits
+// give, so the walk stays in step.
 TEST(Record, SizesAreSixteenBitAndCut) {
-  ZVKRecord record{};
-  record.payload_size = static_cast<uint16_t>(65536);
-  record.call_chain_size = static_cast<uint16_t>(65537);
-  EXPECT_EQ(record.payload_size, 0);
-  EXPECT_EQ(record.call_chain_size, 1);
+  static_assert(std::is_same<decltype(ZVKRecord::call_chain_size), uint16_t>::value,
+                "call_chain_size is 16 bits");
+  static_assert(std::is_same<decltype(ZVKRecord::payload_size), uint16_t>::value,
+                "payload_size is 16 bits");
+  ZVKQueue<ZVKBuffer> fill(1, 4096), to_write;
+  // Sizes as a producer holds them, of things the format can't express.
+  const std::vector<CallChain> call_chain(65536 + 1);
+  const std::string payload(65536 + 8, 'p');
+  ::testing::internal::CaptureStderr();
+  {
+    ZVKBufferRecordHelper helper(&fill, &to_write);
+    auto writer = helper.new_record(9, make_event_word(CPU, 0, 1), 1, 2, call_chain.size(),
+                                    payload.size());
+    EXPECT_EQ(writer.get_record()->call_chain_size, 1);
+    EXPECT_EQ(writer.get_record()->payload_size, 8);
+    EXPECT_EQ(static_cast<const char*>(writer.get_payload_store()) -
+                  reinterpret_cast<const char*>(writer.get_record()),
+              24 + 16);
+  }
+  ::testing::internal::GetCapturedStderr();
+  ZVKBuffer* buffer = nullptr;
+  to_write.pop(&buffer);
+  ASSERT_NE(buffer, nullptr);
+  EXPECT_EQ(buffer->num_bytes, record_size(1, 8));
+  const auto records = testing_support::walk_records(buffer->record_buffer, buffer->num_bytes);
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].timestamp, 9u);
+  EXPECT_EQ(records[0].call_chain_size, 1);
+  EXPECT_EQ(records[0].payload_size, 8);
   EXPECT_EQ(record_size(1, 8), 24u + 16u + 8u);
-  EXPECT_EQ(record_size(65535, 65535), 1114119u);
+  EXPECT_EQ(record_size(65535, 65535), 1114119u);  // summed in 32 bits
 }
 
 TEST(Record, ReservedHardwareRowsStayInTheTable) {
