@@ -43,21 +43,23 @@ def make_model():
 
 
 def plain_steps(model, optimizer, loss_fn, batches):
-    times = []
+    """Wall time and the process's CPU time (all its threads) of each step."""
+    times, cpu = [], []
     for x, y in batches:
-        began = time.perf_counter()
+        began, began_cpu = time.perf_counter(), time.process_time()
         loss = loss_fn(model(x), y)
         optimizer.zero_grad()
         loss.backward()
         optimizer.step()
         times.append(time.perf_counter() - began)
-    return times
+        cpu.append(time.process_time() - began_cpu)
+    return times, cpu
 
 
 def annotated_steps(model, optimizer, loss_fn, batches):
-    times = []
+    times, cpu = [], []
     for x, y in batches:
-        began = time.perf_counter()
+        began, began_cpu = time.perf_counter(), time.process_time()
         with annotate("step"):
             with annotate("forward"):
                 loss = loss_fn(model(x), y)
@@ -67,7 +69,8 @@ def annotated_steps(model, optimizer, loss_fn, batches):
             with annotate("optimizer"):
                 optimizer.step()
         times.append(time.perf_counter() - began)
-    return times
+        cpu.append(time.process_time() - began_cpu)
+    return times, cpu
 
 
 def tasks():
@@ -119,15 +122,17 @@ def main():
                for _ in range(args.steps)]
     plain_steps(model, optimizer, loss_fn, batches[:30])  # warm-up: allocator, thread pool
 
-    off, on, round_medians = [], [], {"off": [], "on": []}
+    off, on, off_cpu, on_cpu, round_medians = [], [], [], [], {"off": [], "on": []}
     for _ in range(args.rounds):
-        times = plain_steps(model, optimizer, loss_fn, batches)
+        times, cpu = plain_steps(model, optimizer, loss_fn, batches)
         off += times
+        off_cpu += cpu
         round_medians["off"].append(statistics.median(times))
         profiler.start_profiling()
-        times = annotated_steps(model, optimizer, loss_fn, batches)
+        times, cpu = annotated_steps(model, optimizer, loss_fn, batches)
         profiler.stop_profiling()
         on += times
+        on_cpu += cpu
         round_medians["on"].append(statistics.median(times))
 
     # The profiler's own part of an annotated step, apart from the model: the four
@@ -176,6 +181,9 @@ def main():
     print(f"median step, capture on, 8 records:    {on_ms:8.3f} ms")
     print(f"slowdown:                              {slowdown:+8.2f} %   "
           f"(target at most {TARGET_SLOWDOWN_PERCENT:.0f} %)")
+    cpu_off, cpu_on = statistics.median(off_cpu) * 1e3, statistics.median(on_cpu) * 1e3
+    print(f"median CPU a step (all threads), off / on: {cpu_off:.3f} / {cpu_on:.3f} ms "
+          f"({(cpu_on / cpu_off - 1) * 100:+.2f} %)")
     print(f"median of round medians, off / on:     {round_off:8.3f} / {round_on:.3f} ms "
           f"({(round_on / round_off - 1) * 100:+.2f} %)")
     # Each on round beside the off round just before it: drift of the machine
