@@ -1,7 +1,9 @@
 // A stand-in for a foreign library that carries the annotation hook table. Like a
 // real one it doesn't link the profiler: it has its own copy of the table's layout,
-// defaults that record nothing, and exports the two functions the profiler looks
-// for. The hooked_* functions are the test's handles on it.
+// defaults that record nothing, and exports the functions the profiler looks for.
+// Built three ways: whole, without the default table (HOOKED_WITHOUT_DEFAULT_TABLE)
+// and without the update function (HOOKED_WITHOUT_UPDATE). The hooked_* functions
+// are the test's handles on it.
 
 #include <cstddef>
 #include <cstdint>
@@ -29,6 +31,8 @@ void default_marker(const char*, uint64_t) {}
 FuncTable g_defaults = {0, default_start, default_end, default_marker, {}};
 FuncTable* g_current = &g_defaults;
 const char* g_annotation_on_restore = nullptr;
+int g_update_calls = 0;
+int g_default_requests = 0;
 
 void annotate_through(const FuncTable* table, const char* msg) {
   table->annotation_end(table->annotation_start(msg, strlen(msg)));
@@ -36,19 +40,31 @@ void annotate_through(const FuncTable* table, const char* msg) {
 
 }  // namespace
 
+#ifndef HOOKED_WITHOUT_UPDATE
 HOOKED_EXPORT void ZVKI_update_functable(FuncTable* table) {
+  ++g_update_calls;
   if (table == &g_defaults && g_current != &g_defaults && g_annotation_on_restore != nullptr) {
     // One of the library's threads annotates just before the defaults take over.
     annotate_through(g_current, g_annotation_on_restore);
   }
   g_current = table;
 }
+#endif
 
-HOOKED_EXPORT FuncTable* ZVKI_get_default_functable() { return &g_defaults; }
+#ifndef HOOKED_WITHOUT_DEFAULT_TABLE
+HOOKED_EXPORT FuncTable* ZVKI_get_default_functable() {
+  ++g_default_requests;
+  return &g_defaults;
+}
+#endif
 
 HOOKED_EXPORT void hooked_annotate(const char* msg) { annotate_through(g_current, msg); }
 
 HOOKED_EXPORT bool hooked_has_defaults() { return g_current == &g_defaults; }
+
+HOOKED_EXPORT int hooked_update_calls() { return g_update_calls; }
+
+HOOKED_EXPORT int hooked_default_requests() { return g_default_requests; }
 
 // `msg` is annotated through the profiler's table when the defaults come back;
 // null turns that off.

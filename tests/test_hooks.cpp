@@ -1,26 +1,77 @@
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <link.h>
 
 #include <algorithm>
+#include <fstream>
+#include <sstream>
 
 #include "tests/test_support.h"
 #include "zorv/zorv.h"
 #include "zorv/zvkannotator.h"
 
-// The foreign library this binary is linked with (hooked_library.cpp).
-extern "C" {
-void hooked_annotate(const char* msg);
-bool hooked_has_defaults();
-void hooked_annotate_on_restore(const char* msg);
+namespace {
+
+int g_main_program_calls = 0;
+zorvek::ZVKIFuncTable_t g_main_program_defaults = {};
+
+}  // namespace
+
+// The main program carries the hook functions as well, and exports them: the search
+// must pass it by all the same.
+extern "C" __attribute__((visibility("default"))) void ZVKI_update_functable(
+    zorvek::ZVKIFuncTable_t*) {
+  ++g_main_program_calls;
+}
+
+extern "C" __attribute__((visibility("default"))) zorvek::ZVKIFuncTable_t*
+ZVKI_get_default_functable() {
+  ++g_main_program_calls;
+  return &g_main_program_defaults;
 }
 
 namespace zorvek {
 namespace {
 
+using ::testing::internal::CaptureStderr;
+using ::testing::internal::GetCapturedStderr;
+using testing_support::log_messages;
 using testing_support::read_capture;
 using testing_support::run_in_child;
 using testing_support::small_capture_config;
 using testing_support::TempDir;
 using Strings = std::vector<std::string>;
+
+const char kNothingAtStart[] =
+    "INFO| Status check failed Couldn't find any library with annotations status= Failed to "
+    "find hook functions";
+const char kNothingAtStop[] =
+    "INFO| Status check failed Can't find libraries with annotations status= Failed to find "
+    "hook functions";
+
+// One stand-in library (hooked_library.cpp), loaded from `path` on its own, and the
+// test's handles on it. Never closed: the profiler's lookups keep it loaded anyway.
+class StandIn {
+ public:
+  explicit StandIn(const std::string& path)
+      : m_handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    EXPECT_NE(m_handle, nullptr) << dlerror();
+  }
+  void annotate(const char* msg) const { function<void (*)(const char*)>("hooked_annotate")(msg); }
+  bool has_defaults() const { return function<bool (*)()>("hooked_has_defaults")(); }
+  int update_calls() const { return function<int (*)()>("hooked_update_calls")(); }
+  int default_requests() const { return function<int (*)()>("hooked_default_requests")(); }
+  void annotate_on_restore(const char* msg) const {
+    function<void (*)(const char*)>("hooked_annotate_on_restore")(msg);
+  }
+
+ private:
+  template <typename F>
+  F function(const char* name) const {
+    return reinterpret_cast<F>(dlsym(m_handle, name));
+  }
+  void* m_handle;
+};
 
 // The BEGIN messages of a capture file, in order.
 Strings begin_messages(const std::string& path) {
@@ -34,19 +85,32 @@ Strings begin_messages(const std::string& path) {
   return messages;
 }
 
+bool contains(const Strings& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+int loaded_objects() {
+  int count = 0;
+  dl_iterate_phdr([](dl_phdr_info*, size_t, void* data) { return ++*static_cast<int*>(data), 0; },
+                  &count);
+  return count;
+}
+
 TEST(Hooks, LibraryAnnotatesIntoTheCaptureWhileItRuns) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
     unsetenv("ZVK_OUTPUT_FILE_NAME");
+    const StandIn library(HOOKED_LIBRARY);
     Zorv& zorv = Zorv::instance();
     ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("hooks_%t"))).ok());
-    hooked_annotate("before start");  // the library's own defaults: recorded nowhere
+    library.annotate("before start");  // the library's own defaults: recorded nowhere
     ASSERT_TRUE(zorv.start_profiling().ok());
-    EXPECT_FALSE(hooked_has_defaults());
-    hooked_annotate("from the library");
+    EXPECT_FALSE(library.has_defaults());
+    library.annotate("from the library");
     ASSERT_TRUE(zorv.stop_profiling().ok());
-    EXPECT_TRUE(hooked_has_defaults());
-    hooked_annotate("after stop");
+    EXPECT_TRUE(library.has_defaults());
+    EXPECT_EQ(library.default_requests(), 1);
+    library.annotate("after stop");
   }));
   const Strings files = dir.list();
   ASSERT_EQ(files.size(), 1u);
@@ -57,24 +121,153 @@ TEST(Hooks, AnnotationBetweenFlushAndHookRemovalMissesTheFile) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
     unsetenv("ZVK_OUTPUT_FILE_NAME");
+    const StandIn library(HOOKED_LIBRARY);
     Zorv& zorv = Zorv::instance();
     ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("late_%t"))).ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
-    hooked_annotate("in time");
+    library.annotate("in time");
     // Lands after the annotator's flush, while the hooks are being taken away.
-    hooked_annotate_on_restore("late");
+    library.annotate_on_restore("late");
     ASSERT_TRUE(zorv.stop_profiling().ok());
-    hooked_annotate_on_restore(nullptr);
+    library.annotate_on_restore(nullptr);
     // The late record waits in the annotator's fresh buffer: the next capture's
     // stop is what sends it on.
     ASSERT_TRUE(zorv.start_profiling().ok());
-    hooked_annotate("second capture");
+    library.annotate("second capture");
     ASSERT_TRUE(zorv.stop_profiling().ok());
   }));
   const Strings files = dir.list();
   ASSERT_EQ(files.size(), 2u);
   EXPECT_EQ(begin_messages(dir.file(files[0])), Strings{"in time"});
   EXPECT_EQ(begin_messages(dir.file(files[1])), (Strings{"late", "second capture"}));
+}
+
+// With no default table to give back, the stop passes the library by: it keeps the
+// profiler's table, and what it annotates after the stop still lands in the buffers.
+TEST(Hooks, LibraryWithoutDefaultTableKeepsTheProfilersTableAfterTheStop) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    unsetenv("ZVK_OUTPUT_FILE_NAME");
+    const StandIn library(HOOKED_UPDATE_ONLY_LIBRARY);
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("update_only_%t"))).ok());
+    CaptureStderr();
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    EXPECT_EQ(library.update_calls(), 1);
+    EXPECT_FALSE(library.has_defaults());
+    library.annotate("during the capture");
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_FALSE(contains(lines, kNothingAtStart));
+    EXPECT_TRUE(contains(lines, kNothingAtStop));
+    EXPECT_EQ(library.update_calls(), 1);
+    EXPECT_FALSE(library.has_defaults());
+    library.annotate("after the stop");
+    // The next capture's stop sends on the buffer that record went into.
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+  }));
+  const Strings files = dir.list();
+  ASSERT_EQ(files.size(), 2u);
+  EXPECT_EQ(begin_messages(dir.file(files[0])), Strings{"during the capture"});
+  EXPECT_EQ(begin_messages(dir.file(files[1])), Strings{"after the stop"});
+}
+
+// A default table without an update function: the start has nothing to call, so
+// the library doesn't count as found; nor does it at the stop.
+TEST(Hooks, LibraryWithoutUpdateFunctionIsNotFound) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    unsetenv("ZVK_OUTPUT_FILE_NAME");
+    const StandIn library(HOOKED_DEFAULT_ONLY_LIBRARY);
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("default_only_%t"))).ok());
+    CaptureStderr();
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_EQ(lines, Strings{kNothingAtStart});
+    EXPECT_EQ(library.default_requests(), 0);
+    library.annotate("through its defaults");
+    CaptureStderr();
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    lines = log_messages(GetCapturedStderr());
+    EXPECT_TRUE(contains(lines, kNothingAtStop));
+    EXPECT_TRUE(library.has_defaults());
+  }));
+  const Strings files = dir.list();
+  ASSERT_EQ(files.size(), 1u);  // the time marker alone
+  EXPECT_TRUE(begin_messages(dir.file(files[0])).empty());
+}
+
+TEST(Hooks, LibraryLoadedAfterTheStartIsNotPatchedButGetsItsDefaultsAtTheStop) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    unsetenv("ZVK_OUTPUT_FILE_NAME");
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("loaded_late_%t"))).ok());
+    CaptureStderr();
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    const StandIn library(HOOKED_LIBRARY);
+    EXPECT_EQ(library.update_calls(), 0);
+    library.annotate("loaded after the start");
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_TRUE(contains(lines, kNothingAtStart));
+    EXPECT_FALSE(contains(lines, kNothingAtStop));
+    EXPECT_EQ(library.update_calls(), 1);
+    EXPECT_EQ(library.default_requests(), 1);
+    EXPECT_TRUE(library.has_defaults());
+  }));
+  const Strings files = dir.list();
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_TRUE(begin_messages(dir.file(files[0])).empty());
+}
+
+TEST(Hooks, MainProgramIsNeverAsked) {
+  TempDir dir;
+  ASSERT_NE(dlsym(RTLD_DEFAULT, "ZVKI_update_functable"), nullptr);  // exported, to be found
+  EXPECT_EQ(0, run_in_child([&] {
+    unsetenv("ZVK_OUTPUT_FILE_NAME");
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("main_%t"))).ok());
+    CaptureStderr();
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_TRUE(contains(lines, kNothingAtStart));
+    EXPECT_TRUE(contains(lines, kNothingAtStop));
+    EXPECT_EQ(g_main_program_calls, 0);
+  }));
+}
+
+TEST(Hooks, MoreThan300LoadedObjectsAreAllPatched) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    unsetenv("ZVK_OUTPUT_FILE_NAME");
+    // Copies of one file, so that each is an object of its own; loaded in order, the
+    // last ones come far behind the 300th.
+    std::ostringstream image;
+    image << std::ifstream(HOOKED_LIBRARY, std::ios::binary).rdbuf();
+    std::vector<StandIn> libraries;
+    for (int i = 0; i < 300; ++i) {
+      const std::string path = dir.file("hooked_" + std::to_string(i) + ".so");
+      std::ofstream(path, std::ios::binary) << image.str();
+      libraries.emplace_back(path);
+    }
+    ASSERT_GT(loaded_objects(), 300);
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("many_%t"))).ok());
+    CaptureStderr();
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    int patched = 0;
+    for (const StandIn& library : libraries) patched += library.has_defaults() ? 0 : 1;
+    EXPECT_EQ(patched, 300);
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    int restored = 0;
+    for (const StandIn& library : libraries) restored += library.has_defaults() ? 1 : 0;
+    EXPECT_EQ(restored, 300);
+  }));
 }
 
 }  // namespace
