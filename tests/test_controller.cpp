@@ -353,5 +353,117 @@ TEST(Configure, KelvaneFixesTheFileNameUnlessTheEnvironmentSaysOtherwise) {
   }));
 }
 
+// Configures from `config`, captures one marker and stops: the file's header then
+// holds the compression the capture was configured with.
+void capture_one_marker(const Sections& config) {
+  Zorv& zorv = Zorv::instance();
+  CaptureStderr();
+  ASSERT_TRUE(zorv.configure(config).ok());
+  ASSERT_TRUE(zorv.start_profiling().ok());
+  zorv.annotate_marker(std::string("mark"));
+  ASSERT_TRUE(zorv.stop_profiling().ok());
+  GetCapturedStderr();
+}
+
+uint32_t compression_in_the_only_file(const TempDir& dir) {
+  const Strings files = dir.list();
+  EXPECT_EQ(files.size(), 1u);
+  if (files.size() != 1) return 0;
+  const auto file = read_capture(dir.file(files[0]));
+  EXPECT_EQ(file.buckets.size(), 1u);
+  return file.header()->compression;
+}
+
+TEST(Configure, CompressionKeyReachesTheFileHeader) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Sections config = small_capture_config(dir.file("key_%t"));
+    config["ZORV"]["Compression"] = "1000007";
+    capture_one_marker(config);
+  }));
+  EXPECT_EQ(compression_in_the_only_file(dir), 1000007u);
+}
+
+TEST(Configure, CompressionFromTheEnvironmentReachesTheFileHeader) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    setenv("ZVK_BUCKET_COMPRESSION", "4", 1);
+    capture_one_marker(small_capture_config(dir.file("env_%t")));
+  }));
+  EXPECT_EQ(compression_in_the_only_file(dir), 4u);
+}
+
+TEST(Configure, ForkFollowingFromTheEnvironmentAlone) {
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZVK_ENABLE_FORK_FOLLOW", "1", 1);
+    setenv("ZVK_BUCKET_COUNT", "2", 1);
+    setenv("ZVK_BUCKET_SIZE_MB", "1", 1);
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure({}).ok());
+    EXPECT_TRUE(ZorvTestPeer::follows_forks(zorv));
+  }));
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZVK_ENABLE_FORK_FOLLOW", "1", 1);
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config("follow")).ok());
+    EXPECT_TRUE(ZorvTestPeer::follows_forks(zorv));
+  }));
+}
+
+TEST(Configure, EnvironmentBeatsTheKeyBesideIt) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    setenv("ZVK_BUCKET_COUNT", "3", 1);
+    setenv("ZVK_BUCKET_SIZE_MB", "2", 1);
+    setenv("ZVK_BUCKET_COMPRESSION", "1000002", 1);
+    setenv("ZVK_ENABLE_FORK_FOLLOW", "1", 1);
+    setenv("ZVK_OUTPUT_FILE_NAME", dir.file("from_env_%t").c_str(), 1);
+    Sections config = {{"ZORV",
+                        {{"BucketCount", "5"},
+                         {"BucketSizeMB", "1"},
+                         {"Compression", "1000009"},
+                         {"EnableForkFollow", "0"},
+                         {"RecordFile", dir.file("from_key_%t")}}}};
+    capture_one_marker(config);
+    Zorv& zorv = Zorv::instance();
+    EXPECT_EQ(ZorvTestPeer::bucket_count(zorv), 3u);
+    EXPECT_EQ(ZorvTestPeer::bucket_size(zorv), 2u << 20);
+    EXPECT_TRUE(ZorvTestPeer::follows_forks(zorv));
+    EXPECT_EQ(zorv.file_pattern(), dir.file("from_env_%t"));
+  }));
+  const Strings files = dir.list();
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_EQ(files[0].rfind("from_env_", 0), 0u) << files[0];
+  EXPECT_EQ(compression_in_the_only_file(dir), 1000002u);
+}
+
+// A false from the environment wins over a true key; an empty variable leaves the
+// key's value in place.
+TEST(Configure, ForkFollowingFromTheEnvironmentOverridesTheKeyBothWays) {
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZVK_ENABLE_FORK_FOLLOW", "0", 1);
+    Sections config = small_capture_config("follow");
+    config["ZORV"]["EnableForkFollow"] = "1";
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(config).ok());
+    EXPECT_FALSE(ZorvTestPeer::follows_forks(zorv));
+  }));
+  EXPECT_EQ(0, run_in_child([] {
+    clear_environment();
+    setenv("ZVK_ENABLE_FORK_FOLLOW", "", 1);
+    Sections config = small_capture_config("follow");
+    config["ZORV"]["EnableForkFollow"] = "1";
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(config).ok());
+    EXPECT_TRUE(ZorvTestPeer::follows_forks(zorv));
+  }));
+}
+
 }  // namespace
 }  // namespace zorvek

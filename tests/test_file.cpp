@@ -9,6 +9,8 @@
 #include "tests/test_support.h"
 #include "tools/zvkfilereader.h"
 #include "zorv/io/zvkfile.h"
+#include "zorv/io/zvkfilewriter.h"
+#include "zorv/utils/cpuinfo.h"
 
 namespace zorvek {
 namespace {
@@ -16,6 +18,8 @@ namespace {
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
 using testing_support::log_messages;
+using testing_support::read_text_file;
+using testing_support::run_in_child;
 using testing_support::TempDir;
 
 // A header block with the given strings, as the writer lays it out.
@@ -295,6 +299,63 @@ TEST(FileReader, RejectsWhatIsNotACaptureFile) {
   std::fclose(f);
   ZVKFileReader second;
   EXPECT_EQ(second.open(path).msg_, "header claims 5088 bytes but the file has 89");
+}
+
+// The lengths are stored in 16 bits while the strings go into the header block
+// whole, and the writer writes as many payload bytes as the stored lengths add up
+// to. A host name of 65,541 bytes keeps 5 as its length; the next bytes of the name
+// stand where the instance type is looked for, and the first bucket follows the
+// header that the stored lengths describe.
+TEST(FileHeader, StringLengthWrapsAtSixteenBits) {
+  TempDir dir;
+  std::string host(65536 + 5, ' ');
+  for (size_t i = 0; i < host.size(); ++i) host[i] = static_cast<char>('a' + i % 26);
+  // The rotation timer is set once per process.
+  EXPECT_EQ(0, run_in_child([&] {
+    ZVKQueue<ZVKBuffer> fill(2, 4096), to_write;
+    ZVKFileWriter writer(&fill, &to_write, JobMetadata{"ml.p5", host, "job-1"}, 1000001);
+    ASSERT_TRUE(writer.start(dir.file("wrapped")).ok());
+    ZVKBuffer* buffer = nullptr;
+    fill.pop(&buffer);
+    ASSERT_NE(buffer, nullptr);
+    ZVKRecord record{};
+    record.timestamp = 77;
+    std::memcpy(buffer->record_buffer, &record, sizeof(record));
+    buffer->num_bytes = sizeof(record);
+    to_write.push(buffer);
+    CaptureStderr();
+    ASSERT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+  }));
+  const std::string bytes = read_text_file(dir.file("wrapped_0.zvkraw"));
+  ASSERT_GE(bytes.size(), kZVKFileHeaderSize);
+  ZVKFileHeader hdr;
+  std::memcpy(&hdr, bytes.data(), sizeof(hdr));
+  const std::string cpu = get_cpu_model_id();
+  EXPECT_EQ(hdr.cpu_model_str_len, cpu.size());
+  EXPECT_EQ(hdr.job_uid_size, 5u);
+  EXPECT_EQ(hdr.hostname_str_len, 5u);
+  EXPECT_EQ(hdr.instance_str_len, 5u);
+  EXPECT_EQ(hdr.num_buckets, 1u);
+  const size_t payload = cpu.size() + 5 + 5 + 5;
+  ASSERT_EQ(get_header_payload_size(&hdr), payload);
+  ASSERT_GE(bytes.size(), kZVKFileHeaderSize + payload + sizeof(ZVKFileBucket));
+  EXPECT_EQ(bytes.substr(82, payload), cpu + "job-1" + host.substr(0, 10));
+  // Where six zero bytes stand in a sound header, the name goes on.
+  EXPECT_EQ(bytes.substr(82 + payload, 6), host.substr(10, 6));
+
+  ZVKFileBucket bucket;
+  std::memcpy(&bucket, bytes.data() + kZVKFileHeaderSize + payload, sizeof(bucket));
+  EXPECT_EQ(bucket.tmin, 77u);
+  EXPECT_EQ(bucket.number_of_records_in_bucket, 1u);
+  EXPECT_EQ(bucket.uncompressed_size, sizeof(ZVKRecord));
+  EXPECT_EQ(bytes.size(), kZVKFileHeaderSize + payload + sizeof(bucket) + bucket.compressed_size);
+
+  std::vector<char> block(kZVKFileHeaderSize + payload);
+  std::memcpy(block.data(), bytes.data(), block.size());
+  const auto* read_back = reinterpret_cast<const ZVKFileHeader*>(block.data());
+  EXPECT_EQ(get_hostname(read_back), "abcde");
+  EXPECT_EQ(get_instance_type(read_back), "fghij");
 }
 
 }  // namespace
