@@ -1,9 +1,12 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "tests/test_support.h"
@@ -58,6 +61,27 @@ class Pipeline {
     wait_until_returned();
   }
 
+  // A buffer of records whose payloads are random, so that it doesn't compress.
+  void send_incompressible(uint64_t timestamp) {
+    ZVKBuffer* buffer = nullptr;
+    fill.pop(&buffer);
+    ASSERT_NE(buffer, nullptr);
+    constexpr uint16_t kPayload = 1000;
+    for (int i = 0; i < 4; ++i) {
+      ZVKRecord header{};
+      header.timestamp = timestamp;
+      header.event_type = make_event_word(ANNOTATION, 0, 3);
+      header.payload_size = kPayload;
+      std::memcpy(buffer->record_buffer + buffer->num_bytes, &header, sizeof(header));
+      for (uint16_t b = 0; b < kPayload; ++b) {
+        buffer->record_buffer[buffer->num_bytes + sizeof(header) + b] = static_cast<char>(rand());
+      }
+      buffer->num_bytes += sizeof(header) + kPayload;
+    }
+    to_write.push(buffer);
+    wait_until_returned();
+  }
+
   void wait_until_returned() {
     for (int i = 0; i < 5000 && (fill.size() != 4 || to_write.size() != 0); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -80,6 +104,23 @@ bool wait_for_files(const TempDir& dir, const Strings& expected) {
 }
 
 const JobMetadata kMetadata{"ml.p5", "", "rid-1"};
+
+// Voluntary and involuntary context switches of every thread but the caller's.
+uint64_t other_threads_context_switches() {
+  uint64_t total = 0;
+  const std::string self = std::to_string(syscall(SYS_gettid));
+  for (const auto& task : testing_support::TempDir::list_of("/proc/self/task")) {
+    if (task == self) continue;
+    std::istringstream status(testing_support::read_text_file("/proc/self/task/" + task + "/status"));
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.find("ctxt_switches:") != std::string::npos) {
+        total += std::stoull(line.substr(line.find(':') + 1));
+      }
+    }
+  }
+  return total;
+}
 
 TEST(FileWriter, PatternTokensFirstOccurrenceOnly) {
   ZVKFileWriter writer(nullptr, nullptr, JobMetadata{"", "h%p", ""}, 1000001);
@@ -382,6 +423,125 @@ TEST(FileWriter, KelvaneStopRenamesTheFinishedFile) {
     EXPECT_TRUE(contains(lines, "INFO| Rename " + dir.file("run_0.zvkraw.tmp") + " to " +
                                     dir.file("run_0.zvkraw")));
     EXPECT_EQ(dir.list(), Strings{"run_0.zvkraw"});
+  }));
+}
+
+// A file size limit mid-capture (as a full disk would): the process survives, the
+// first failure is logged, the torn bucket is cut away, and what is written once
+// there is room again follows the last whole bucket.
+TEST(FileWriter, AFileSizeLimitLosesBucketsButNotTheFile) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    rlimit limit;
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const rlimit small = {10000, limit.rlim_max};  // two buckets of about 4 KiB fit
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    for (uint64_t t = 1; t <= 5; ++t) pipe.send_incompressible(t);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+    pipe.send_incompressible(6);
+    pipe.send_incompressible(7);
+    ASSERT_TRUE(writer.stop().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    int failures = 0;
+    for (const auto& line : lines) failures += line.rfind("ERROR| Failed to write to file! ", 0) == 0;
+    EXPECT_EQ(failures, 1);  // the first failure of the run, not one per bucket
+    EXPECT_TRUE(contains(lines, "WARNING| Writing to the file works again; 3 buckets with 12 "
+                                "records were lost"));
+    const auto file = read_capture(dir.file("run_0.zvkraw"));
+    EXPECT_FALSE(file.torn);
+    ASSERT_EQ(file.buckets.size(), 4u);
+    EXPECT_EQ(file.header()->num_buckets, 4u);  // only what is there
+    const uint64_t kept[] = {1, 2, 6, 7};
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(file.buckets[i].tmin, kept[i]);
+  }));
+}
+
+// A rotation whose new file can't be opened: the writer drops buffers, says so,
+// tries again at the next bucket, and a stop leaves it able to start again.
+TEST(FileWriter, ARotationThatCantOpenItsFileIsRetriedAtTheNextBucket) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    const std::string folder = dir.file("out");
+    ASSERT_EQ(mkdir(folder.c_str(), 0775), 0);
+    setenv("ZVK_FILE_ROTATION_DURATION_SECONDS", "0", 1);
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(folder + "/run").ok());
+    ASSERT_EQ(system(("rm -rf '" + folder + "'").c_str()), 0);
+    pipe.send(1, 1);   // written to the unlinked file
+    pipe.send(2, 10);  // the same, and the rotation after it fails
+    pipe.send(3, 20);  // no file: dropped
+    ASSERT_EQ(mkdir(folder.c_str(), 0775), 0);
+    pipe.send(4, 30);
+    ASSERT_TRUE(writer.stop().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_TRUE(contains(lines, "ERROR| Failed to open file " + folder +
+                                    "/run_1.zvkraw error was No such file or directory"));
+    bool reopened = false;
+    std::string log;
+    for (const auto& line : lines) {
+      log += line + "\n";
+      reopened |= line.rfind("WARNING| Opened " + folder + "/run_", 0) == 0 &&
+                  line.find(" after 1 buffers with 72 bytes of records were dropped for want of a "
+                            "file") != std::string::npos;
+    }
+    EXPECT_TRUE(reopened) << log;
+    const Strings files = testing_support::TempDir::list_of(folder);
+    ASSERT_FALSE(files.empty());
+    EXPECT_EQ(read_capture(folder + "/" + files[0]).buckets.at(0).tmin, 30u);
+    ASSERT_TRUE(writer.start(folder + "/again").ok());
+    ASSERT_TRUE(writer.stop().ok());
+  }));
+}
+
+TEST(FileWriter, AStopWithNoFileOpenStillEndsTheCapture) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    const std::string folder = dir.file("out");
+    ASSERT_EQ(mkdir(folder.c_str(), 0775), 0);
+    setenv("ZVK_FILE_ROTATION_DURATION_SECONDS", "0", 1);
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(folder + "/run").ok());
+    ASSERT_EQ(system(("rm -rf '" + folder + "'").c_str()), 0);
+    pipe.send(1);
+    const Status stopped = writer.stop();
+    EXPECT_EQ(stopped.msg_, "No file is Open");
+    EXPECT_FALSE(writer.is_running());
+    EXPECT_TRUE(writer.start(dir.file("again")).ok());
+    pipe.send(2);
+    EXPECT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(read_capture(dir.file("again_1.zvkraw")).buckets.size(), 1u);
+  }));
+}
+
+// An idle capture costs next to nothing: the writer sleeps until there is work.
+TEST(FileWriter, AnIdleWriterWakesOnlyForItsFlushes) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    pipe.send(1);
+    const uint64_t before = other_threads_context_switches();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    const uint64_t wakeups = other_threads_context_switches() - before;
+    EXPECT_LE(wakeups, 10u);  // a flush check a second; polling made thousands
+    // ...and still answers a stop at once.
+    const auto stop_start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(writer.stop().ok());
+    EXPECT_LT(std::chrono::steady_clock::now() - stop_start, std::chrono::milliseconds(200));
+    GetCapturedStderr();
   }));
 }
 

@@ -31,9 +31,11 @@ TempDir::~TempDir() {
   }
 }
 
-std::vector<std::string> TempDir::list() const {
+std::vector<std::string> TempDir::list() const { return list_of(m_path); }
+
+std::vector<std::string> TempDir::list_of(const std::string& path) {
   std::vector<std::string> names;
-  DIR* dir = opendir(m_path.c_str());
+  DIR* dir = opendir(path.c_str());
   if (dir == nullptr) return names;
   while (dirent* entry = readdir(dir)) {
     const std::string name = entry->d_name;

@@ -19,6 +19,7 @@ class TempDir {
   const std::string& path() const { return m_path; }
   std::string file(const std::string& name) const { return m_path + "/" + name; }
   std::vector<std::string> list() const;  // names, sorted
+  static std::vector<std::string> list_of(const std::string& path);
 
  private:
   std::string m_path;
