@@ -347,6 +347,33 @@ TEST(Fork, TheParentsFileKeepsItsNameAndTmpStateOverTheFork) {
   }, true));
 }
 
+// A data loader's worker ends with _exit, without a stop: what it recorded up to
+// the writer's last periodic flush is in its file all the same.
+TEST(Fork, AWorkerThatEndsWithExitKeepsWhatItRecorded) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    clear_environment();
+    Zorv& zorv = Zorv::instance();
+    CaptureStderr();
+    Sections config = capture_config(dir.file("cap_%p"), true);
+    config["ZORV"]["FlushIntervalMs"] = "100";
+    ASSERT_TRUE(zorv.configure(config).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    const auto [child, status] = fork_and_wait([&] {
+      zorv.annotate_end(zorv.annotate_begin(std::string("worker")));
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+      return 0;
+    });
+    EXPECT_EQ(status, 0);
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    // The header was never rewritten; the bucket is there whole.
+    const DecodedFile worker = read_capture(dir.file("cap_" + std::to_string(child) + "_0.zvkraw"));
+    EXPECT_EQ(worker.header()->num_buckets, 0u);
+    EXPECT_TRUE(has(begin_messages(worker), "worker"));
+  }, true));
+}
+
 // Threads annotate without pause while the main thread forks again and again: a
 // lock held by another thread at a fork must not stay held in the child. Every
 // process ends, and every file reads back whole.
