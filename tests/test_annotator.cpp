@@ -245,12 +245,39 @@ TEST_F(AnnotatorTest, PayloadSizesRoundToEight) {
   annotator->annotate_begin(std::string(16, 'd'));
   const auto all = records();
   ASSERT_EQ(all.size(), 5u);
-  EXPECT_EQ(all[0].payload_size, 16);  // correlation, one NUL, seven unwritten bytes
+  EXPECT_EQ(all[0].payload_size, 16);  // correlation, one NUL, seven bytes of padding
   EXPECT_EQ(all[0].payload[8], '\0');
   EXPECT_EQ(all[1].payload_size, 16);
   EXPECT_EQ(all[2].payload_size, 24);
   EXPECT_EQ(all[3].payload_size, 24);
   EXPECT_EQ(all[4].payload_size, 32);
+}
+
+// Buffers are reused: the padding is written as zeros, so that no bytes of earlier
+// records reach the file behind a message.
+TEST(Annotator, PaddingIsZeroedOverStaleBytes) {
+  ZVKQueue<ZVKBuffer> fill(2, 4096), to_write;
+  ZVKBuffer* buffers[2];
+  for (ZVKBuffer*& buffer : buffers) fill.pop(&buffer);
+  for (ZVKBuffer* buffer : buffers) {
+    std::memset(buffer->record_buffer, 0xab, buffer->len_buffer);
+    fill.push(buffer);
+  }
+  CaptureStderr();
+  auto annotator = std::make_unique<ZVKAnnotator>("Annotator", &fill, &to_write);
+  for (size_t len = 0; len <= 17; ++len) annotator->annotate_begin(std::string(len, 'm'));
+  annotator->annotate_marker("x", 1);
+  annotator->flush();
+  const auto all = drain(&fill, &to_write);
+  annotator.reset();
+  GetCapturedStderr();
+  ASSERT_EQ(all.size(), 20u);  // the time marker first
+  for (size_t i = 1; i < all.size(); ++i) {
+    const std::string& payload = all[i].payload;
+    const size_t text_end = payload.find('\0', 8);
+    ASSERT_NE(text_end, std::string::npos);
+    EXPECT_EQ(payload.substr(text_end), std::string(payload.size() - text_end, '\0')) << i;
+  }
 }
 
 // A message too long for the 16-bit payload size is cut to the longest that fits,
