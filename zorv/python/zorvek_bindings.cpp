@@ -125,10 +125,11 @@ PYBIND11_MODULE(_zorv, m) {
       .def("resume_profiling", &Zorv::resume_profiling)
       .def("configure", &ZorvConfigTrampoline);
 
-  m.def("annotation_begin", &annotation_begin, py::arg("message"),
+  // Positional arguments only, as the stub says.
+  m.def("annotation_begin", &annotation_begin,
         "Opens an annotation range named `message` (str or bytes) on the calling thread and\n"
         "returns its token for annotation_end. Configures the profiler with the defaults\n"
         "if nothing configured it yet.");
-  m.def("annotation_end", &annotation_end, py::arg("token"),
+  m.def("annotation_end", &annotation_end,
         "Closes the annotation range that annotation_begin returned `token` for.");
 }
