@@ -48,6 +48,21 @@ void clear_environment() {
   }
 }
 
+// This fresh process's profiler, configured and capturing, with stderr captured.
+Zorv& start_capture(const Sections& config) {
+  clear_environment();
+  Zorv& zorv = Zorv::instance();
+  CaptureStderr();
+  EXPECT_TRUE(zorv.configure(config).ok());
+  EXPECT_TRUE(zorv.start_profiling().ok());
+  return zorv;
+}
+
+// The first file of process `pid` under the pattern "cap_%p".
+std::string capture_of(const TempDir& dir, pid_t pid) {
+  return dir.file("cap_" + std::to_string(pid) + "_0.zvkraw");
+}
+
 // Forks; the child runs `body` under a watchdog (a hang fails, it doesn't stall the
 // suite) and ends with _exit, as multiprocessing's workers do. Returns the child's
 // pid and its exit status.
@@ -138,8 +153,8 @@ TEST(Fork, FollowingOnGivesTheChildAFileOfItsOwnAndTheParentKeepsItsFile) {
     zorv.annotate_end(zorv.annotate_begin(std::string("after")));
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
-    const std::string parent_file = dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw");
-    const std::string child_file = dir.file("cap_" + std::to_string(child) + "_0.zvkraw");
+    const std::string parent_file = capture_of(dir, getpid());
+    const std::string child_file = capture_of(dir, child);
     const Strings parent = begin_messages(read_capture(parent_file));
     EXPECT_TRUE(has(parent, "before"));
     EXPECT_TRUE(has(parent, "after"));
@@ -152,11 +167,7 @@ TEST(Fork, FollowingOnGivesTheChildAFileOfItsOwnAndTheParentKeepsItsFile) {
 TEST(Fork, FollowingOffLeavesTheChildIdleAndItsAnnotationsNeverBlock) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
-    clear_environment();
-    Zorv& zorv = Zorv::instance();
-    CaptureStderr();
-    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), false)).ok());
-    ASSERT_TRUE(zorv.start_profiling().ok());
+    Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), false));
     GetCapturedStderr();
     const auto [child, status] = fork_and_wait([&] {
       if (zorv.is_active()) return 2;
@@ -186,11 +197,7 @@ TEST(Fork, FollowingOffLeavesTheChildIdleAndItsAnnotationsNeverBlock) {
 TEST(Fork, ASecondForkInAChildBehavesAsTheFirst) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
-    clear_environment();
-    Zorv& zorv = Zorv::instance();
-    CaptureStderr();
-    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), true)).ok());
-    ASSERT_TRUE(zorv.start_profiling().ok());
+    Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), true));
     pid_t grandchild = 0;
     int pipe_fds[2];
     ASSERT_EQ(pipe(pipe_fds), 0);
@@ -208,9 +215,8 @@ TEST(Fork, ASecondForkInAChildBehavesAsTheFirst) {
               static_cast<ssize_t>(sizeof(grandchild)));
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
-    auto file_of = [&](pid_t pid) { return dir.file("cap_" + std::to_string(pid) + "_0.zvkraw"); };
-    EXPECT_TRUE(has(begin_messages(read_capture(file_of(child))), "child"));
-    const Strings inner = begin_messages(read_capture(file_of(grandchild)));
+    EXPECT_TRUE(has(begin_messages(read_capture(capture_of(dir, child))), "child"));
+    const Strings inner = begin_messages(read_capture(capture_of(dir, grandchild)));
     EXPECT_TRUE(has(inner, "grandchild"));
     EXPECT_FALSE(has(inner, "child"));
   }, true));
@@ -219,11 +225,7 @@ TEST(Fork, ASecondForkInAChildBehavesAsTheFirst) {
 TEST(Fork, StopInAChildClosesTheChildsFileOnly) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
-    clear_environment();
-    Zorv& zorv = Zorv::instance();
-    CaptureStderr();
-    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), true)).ok());
-    ASSERT_TRUE(zorv.start_profiling().ok());
+    Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), true));
     zorv.annotate_end(zorv.annotate_begin(std::string("parent before")));
     const auto [child, status] = fork_and_wait([&] {
       zorv.annotate_end(zorv.annotate_begin(std::string("child")));
@@ -239,11 +241,11 @@ TEST(Fork, StopInAChildClosesTheChildsFileOnly) {
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
     const Strings parent =
-        begin_messages(read_capture(dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw")));
+        begin_messages(read_capture(capture_of(dir, getpid())));
     EXPECT_TRUE(has(parent, "parent before"));
     EXPECT_TRUE(has(parent, "parent after"));
     const DecodedFile child_file =
-        read_capture(dir.file("cap_" + std::to_string(child) + "_0.zvkraw"));
+        read_capture(capture_of(dir, child));
     EXPECT_EQ(child_file.header()->pid, static_cast<uint32_t>(child));
     EXPECT_TRUE(has(begin_messages(child_file), "child"));
   }, true));
@@ -252,11 +254,7 @@ TEST(Fork, StopInAChildClosesTheChildsFileOnly) {
 TEST(Fork, AForkWhileTheUserHasSuspendedChangesNothing) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
-    clear_environment();
-    Zorv& zorv = Zorv::instance();
-    CaptureStderr();
-    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), true)).ok());
-    ASSERT_TRUE(zorv.start_profiling().ok());
+    Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), true));
     zorv.annotate_end(zorv.annotate_begin(std::string("before")));
     ASSERT_TRUE(zorv.suspend_profiling().ok());
     const Strings before = dir.list();
@@ -277,12 +275,12 @@ TEST(Fork, AForkWhileTheUserHasSuspendedChangesNothing) {
     // records stayed in the parent's.
     EXPECT_TRUE(before.empty());
     const Strings parent =
-        begin_messages(read_capture(dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw")));
+        begin_messages(read_capture(capture_of(dir, getpid())));
     EXPECT_TRUE(has(parent, "before"));
     EXPECT_TRUE(has(parent, "parent"));
     EXPECT_FALSE(has(parent, "child"));
     EXPECT_TRUE(has(begin_messages(read_capture(
-                        dir.file("cap_" + std::to_string(child) + "_0.zvkraw"))),
+                        capture_of(dir, child))),
                     "child"));
   }, true));
 }
@@ -291,11 +289,7 @@ TEST(Fork, AForkWhileTheUserHasSuspendedChangesNothing) {
 TEST(Fork, AChildResumingAnInheritedSuspendedFileWritesItsOwn) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
-    clear_environment();
-    Zorv& zorv = Zorv::instance();
-    CaptureStderr();
-    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap"), true)).ok());
-    ASSERT_TRUE(zorv.start_profiling().ok());
+    Zorv& zorv = start_capture(capture_config(dir.file("cap"), true));
     zorv.annotate_end(zorv.annotate_begin(std::string("before")));
     ASSERT_TRUE(zorv.stop_profiling().ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
@@ -336,7 +330,7 @@ TEST(Fork, TheParentsFileKeepsItsNameAndTmpStateOverTheFork) {
     zorv.annotate_end(zorv.annotate_begin(std::string("before")));
     ASSERT_TRUE(zorv.suspend_profiling().ok());  // writes a bucket, so the file stays
     ASSERT_TRUE(zorv.resume_profiling().ok());
-    const std::string name = dir.file("cap_" + std::to_string(getpid()) + "_0.zvkraw");
+    const std::string name = capture_of(dir, getpid());
     const auto [child, status] = fork_and_wait([&] { return 0; });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(dir.list(), Strings{"cap_" + std::to_string(getpid()) + "_0.zvkraw.tmp"});
@@ -368,7 +362,7 @@ TEST(Fork, AWorkerThatEndsWithExitKeepsWhatItRecorded) {
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
     // The header was never rewritten; the bucket is there whole.
-    const DecodedFile worker = read_capture(dir.file("cap_" + std::to_string(child) + "_0.zvkraw"));
+    const DecodedFile worker = read_capture(capture_of(dir, child));
     EXPECT_EQ(worker.header()->num_buckets, 0u);
     EXPECT_TRUE(has(begin_messages(worker), "worker"));
   }, true));
@@ -380,11 +374,7 @@ TEST(Fork, AWorkerThatEndsWithExitKeepsWhatItRecorded) {
 void fork_under_load(bool follow, int forks) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
-    clear_environment();
-    Zorv& zorv = Zorv::instance();
-    CaptureStderr();
-    ASSERT_TRUE(zorv.configure(capture_config(dir.file("cap_%p"), follow)).ok());
-    ASSERT_TRUE(zorv.start_profiling().ok());
+    Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), follow));
     std::atomic<bool> stop{false};
     std::vector<std::thread> annotators;
     for (int t = 0; t < 3; ++t) {

@@ -254,6 +254,26 @@ TEST(RecordHelper, RecordLargerThanAnyBufferIsDroppedNotOverrun) {
   EXPECT_EQ(records, 1u);
 }
 
+// Near 4 GiB, num_bytes + size must not wrap in 32 bits, or a record that doesn't
+// fit would be written past the buffer's end. The first buffer only claims its
+// size: its records area is never touched.
+TEST(RecordHelper, FitIsTestedWithoutWrappingNear4GiB) {
+  ZVKQueue<ZVKBuffer> fill(1, 64), to_write;
+  ZVKBuffer* real = pop(fill);
+  ZVKBuffer claimed = {0xfffffff8u, 0xfffffff0u};
+  fill.push(&claimed);
+  fill.push(real);
+  CaptureStderr();
+  {
+    Helper helper(&fill, &to_write);
+    auto writer = append(helper, 7, 16);  // 40 bytes: 0xfffffff0 + 40 passes 2^32
+    EXPECT_EQ(reinterpret_cast<const char*>(writer.get_record()), real->record_buffer);
+  }
+  GetCapturedStderr();
+  EXPECT_EQ(pop(to_write), &claimed);
+  EXPECT_EQ(pop(to_write), real);
+}
+
 TEST(RecordHelper, WithNoWriterADryQueueDropsAndCountsInsteadOfWaiting) {
   ZVKQueue<ZVKBuffer> fill(2, 128), to_write;  // nothing marks it supplied
   CaptureStderr();

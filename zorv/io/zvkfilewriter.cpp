@@ -23,12 +23,6 @@ namespace {
 
 using Clock = std::chrono::system_clock;
 
-uint64_t now_ns() {
-  return static_cast<uint64_t>(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
-          .count());
-}
-
 // Local time as "%H:%M:%S" with ".%06ld" microseconds, for the writer's log lines.
 std::string local_time_text(Clock::time_point when) {
   return zorvek::local_time_text(

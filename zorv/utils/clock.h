@@ -12,10 +12,7 @@ inline uint64_t timespec_to_ns(const timespec& ts) {
 }
 
 // The system clock in nanoseconds since the epoch: the clock of record timestamps
-// and of the file header's times. Inline: it is read on every annotation. A
-// template only so that a file which still defines a now_ns() of its own keeps
-// compiling: overload resolution prefers that non-template to this one.
-template <typename = void>
+// and of the file header's times. Inline: it is read on every annotation.
 inline uint64_t now_ns() {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
