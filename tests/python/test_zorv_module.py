@@ -106,8 +106,8 @@ def test_status_config_and_enum_surface(tmp_path):
         c.profiler["c"] = "3"  # a copy: doesn't reach the Config
         assert repr(c) == "ZORV:\\n\\t a : 1\\n\\t b : 2\\nCUDA:\\nPERF:\\n"
         for call in (lambda: _zorv.Zorvek(),
-                     lambda: _zorv.annotation_begin(message="x"),
                      lambda: _zorv.annotation_begin(5),
+                     lambda: _zorv.annotation_begin(text="x"),
                      lambda: setattr(c, "perf", {"k": 1})):
             try:
                 call()
