@@ -57,7 +57,7 @@ ZVKBufferRecordHelper::ZVKBufferRecordHelper(ZVKQueue<ZVKBuffer>* to_fill,
     std::unique_lock<std::mutex> lock(buff_mutex);
     make_room(lock, 0);
   }
-  ZVKForkLocks::add(&buff_mutex, ZVKForkLocks::RECORD_HELPER);
+  ZVKForkLocks::add(&buff_mutex, ZVKForkLocks::RECORD_HELPER, &settle_for_fork, this);
   HelperList& list = helper_list();
   std::lock_guard<std::mutex> guard(list.lock);
   list.helpers.push_back(this);
@@ -75,6 +75,18 @@ ZVKBufferRecordHelper::~ZVKBufferRecordHelper() {
             << "s while waiting for a buffer" << std::endl;
 }
 
+void ZVKBufferRecordHelper::settle_for_fork(void* self) {
+  // With buff_mutex held no record can start, but one that another thread is
+  // filling pins the current buffer. In the child that thread is gone and its pin
+  // would never be released: the buffer would never reach the child's writer. So
+  // the fork waits, a bounded while, for records under way to be finished.
+  constexpr int kRounds = 1000;
+  const auto* helper = static_cast<const ZVKBufferRecordHelper*>(self);
+  for (int round = 0; round < kRounds && helper->curr_buff.use_count() > 1; ++round) {
+    sleep_for_us(100);
+  }
+}
+
 void ZVKBufferRecordHelper::install(ZVKBuffer* buffer) {
   std::shared_ptr<ZVKBuffer> fresh =
       buffer != nullptr ? std::shared_ptr<ZVKBuffer>(buffer, QueueMover<ZVKBuffer>(to_write_))
@@ -88,15 +100,18 @@ bool ZVKBufferRecordHelper::make_room(std::unique_lock<std::mutex>& lock, uint32
   Clock::time_point wait_start{};
   long wait_us = 100;
   bool fits = false;
+  bool oversize = false;
   while (!fits) {
     const uint32_t capacity = curr_buff->len_buffer;
     // An empty buffer takes a record of its whole capacity; a larger one never fits.
+    // It is said once, and not counted with the records no writer was there for.
     if (capacity != 0 && size > capacity) {
       if (!m_reported_oversize) {
         m_reported_oversize = true;
         LOG(ERROR) << "A record of " << size << " bytes doesn't fit in a buffer of " << capacity
                    << " bytes; such records are dropped";
       }
+      oversize = true;
       break;
     }
     ZVKBuffer* buffer = nullptr;
@@ -119,7 +134,7 @@ bool ZVKBufferRecordHelper::make_room(std::unique_lock<std::mutex>& lock, uint32
     m_stall_time += static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - wait_start).count());
   }
-  if (!fits && size != 0) to_fill_->count_dropped_record();
+  if (!fits && !oversize && size != 0) to_fill_->count_dropped_record();
   return fits;
 }
 

@@ -115,6 +115,8 @@ class ZVKBufferRecordHelper {
   // Out of line and cold, so that new_record's common path inlines everywhere.
   __attribute__((noinline, cold)) bool make_room(std::unique_lock<std::mutex>& lock,
                                                  uint32_t size);
+  // For the fork handlers, with buff_mutex held: lets records under way finish.
+  static void settle_for_fork(void* self);
   // Makes `buffer` (or the empty stand-in, for null) current; the old buffer goes
   // to the writer once no RecordWriter holds it.
   void install(ZVKBuffer* buffer);
