@@ -118,10 +118,9 @@ class ZVKAnnotator {
   };
 
   static Stamp take_stamp() {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
+    const uint64_t now = now_ns();
     const ProcessIdentity& identity = current_identity();
-    return Stamp{timespec_to_ns(now), identity.pid, identity.tid, sched_getcpu()};
+    return Stamp{now, identity.pid, identity.tid, sched_getcpu()};
   }
 
   static uint32_t event_word(annotations::Types type, int cpu) {
