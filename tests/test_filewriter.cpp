@@ -458,20 +458,38 @@ TEST(FileWriter, AFileSizeLimitLosesBucketsButNotTheFile) {
   }));
 }
 
+// A writer that rotates after every pass with a bucket (a period of 0, the timer in
+// the past), into a folder the test can take away from under it.
+struct RotatingWriter {
+  explicit RotatingWriter(const std::string& folder_path)
+      : folder(folder_path),
+        made_folder(mkdir(folder.c_str(), 0775) == 0),
+        period("ZVK_FILE_ROTATION_DURATION_SECONDS", "0"),
+        writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001) {
+    EXPECT_TRUE(made_folder);
+    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
+  }
+  void remove_folder() { EXPECT_EQ(system(("rm -rf '" + folder + "'").c_str()), 0); }
+
+  const std::string folder;
+  const bool made_folder;
+  ScopedEnv period;
+  Pipeline pipe;
+  ZVKFileWriter writer;
+};
+
 // A rotation whose new file can't be opened: the writer drops buffers, says so,
 // tries again at the next bucket, and a stop leaves it able to start again.
 TEST(FileWriter, ARotationThatCantOpenItsFileIsRetriedAtTheNextBucket) {
   EXPECT_EQ(0, run_in_child([] {
     TempDir dir;
     const std::string folder = dir.file("out");
-    ASSERT_EQ(mkdir(folder.c_str(), 0775), 0);
-    setenv("ZVK_FILE_ROTATION_DURATION_SECONDS", "0", 1);
-    Pipeline pipe;
-    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
-    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
+    RotatingWriter rotating(folder);
+    Pipeline& pipe = rotating.pipe;
+    ZVKFileWriter& writer = rotating.writer;
     CaptureStderr();
     ASSERT_TRUE(writer.start(folder + "/run").ok());
-    ASSERT_EQ(system(("rm -rf '" + folder + "'").c_str()), 0);
+    rotating.remove_folder();
     pipe.send(1, 1);   // written to the unlinked file
     pipe.send(2, 10);  // the same, and the rotation after it fails
     pipe.send(3, 20);  // no file: dropped
@@ -502,14 +520,12 @@ TEST(FileWriter, AStopWithNoFileOpenStillEndsTheCapture) {
   EXPECT_EQ(0, run_in_child([] {
     TempDir dir;
     const std::string folder = dir.file("out");
-    ASSERT_EQ(mkdir(folder.c_str(), 0775), 0);
-    setenv("ZVK_FILE_ROTATION_DURATION_SECONDS", "0", 1);
-    Pipeline pipe;
-    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
-    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
+    RotatingWriter rotating(folder);
+    Pipeline& pipe = rotating.pipe;
+    ZVKFileWriter& writer = rotating.writer;
     CaptureStderr();
     ASSERT_TRUE(writer.start(folder + "/run").ok());
-    ASSERT_EQ(system(("rm -rf '" + folder + "'").c_str()), 0);
+    rotating.remove_folder();
     pipe.send(1);
     const Status stopped = writer.stop();
     EXPECT_EQ(stopped.msg_, "No file is Open");
