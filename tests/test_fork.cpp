@@ -109,6 +109,15 @@ Strings begin_messages(const DecodedFile& file) {
   return messages;
 }
 
+// The BEGIN messages of the first file of process `pid`.
+Strings messages_of(const TempDir& dir, pid_t pid) {
+  return begin_messages(read_capture(capture_of(dir, pid)));
+}
+
+void annotate_pair(Zorv& zorv, const char* message) {
+  zorv.annotate_end(zorv.annotate_begin(std::string(message)));
+}
+
 bool has(const Strings& items, const std::string& item) {
   return std::find(items.begin(), items.end(), item) != items.end();
 }
@@ -138,28 +147,26 @@ TEST(Fork, FollowingOnGivesTheChildAFileOfItsOwnAndTheParentKeepsItsFile) {
     auto* recorder = new IdentityRecorder();
     ZorvTestPeer::cuda(zorv) = recorder;
     ASSERT_TRUE(zorv.start_profiling().ok());
-    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
+    annotate_pair(zorv, "before");
     const auto [child, status] = fork_and_wait([&] {
       // The child handler saw the child's ids, and a new capture began.
       if (recorder->resumed_pid != getpid()) return 2;
       if (!zorv.is_active() || fork_suspend) return 3;
-      zorv.annotate_end(zorv.annotate_begin(std::string("in child")));
+      annotate_pair(zorv, "in child");
       return zorv.stop_profiling().ok() ? 0 : 4;
     });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(recorder->resumed_pid, getpid());  // the parent resumed too
     EXPECT_TRUE(zorv.is_active());
     EXPECT_FALSE(fork_suspend);
-    zorv.annotate_end(zorv.annotate_begin(std::string("after")));
+    annotate_pair(zorv, "after");
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
-    const std::string parent_file = capture_of(dir, getpid());
-    const std::string child_file = capture_of(dir, child);
-    const Strings parent = begin_messages(read_capture(parent_file));
+    const Strings parent = messages_of(dir, getpid());
     EXPECT_TRUE(has(parent, "before"));
     EXPECT_TRUE(has(parent, "after"));
     EXPECT_FALSE(has(parent, "in child"));
-    EXPECT_TRUE(has(begin_messages(read_capture(child_file)), "in child"));
+    EXPECT_TRUE(has(messages_of(dir, child), "in child"));
     EXPECT_EQ(dir.list().size(), 2u);
   }, true));
 }
@@ -173,7 +180,7 @@ TEST(Fork, FollowingOffLeavesTheChildIdleAndItsAnnotationsNeverBlock) {
       if (zorv.is_active()) return 2;
       // Four buffers of 1 MiB hold about 58 000 pairs of 72 bytes: no writer frees
       // them here.
-      for (int i = 0; i < 100000; ++i) zorv.annotate_end(zorv.annotate_begin(std::string("work")));
+      for (int i = 0; i < 100000; ++i) annotate_pair(zorv, "work");
       // The child can start a capture of its own, which reports what was dropped.
       const Strings lines = log_messages(stderr_of([&] { zorv.start_profiling(); }));
       bool reported = false;
@@ -203,11 +210,11 @@ TEST(Fork, ASecondForkInAChildBehavesAsTheFirst) {
     ASSERT_EQ(pipe(pipe_fds), 0);
     const auto [child, status] = fork_and_wait([&] {
       const auto [inner, inner_status] = fork_and_wait([&] {
-        zorv.annotate_end(zorv.annotate_begin(std::string("grandchild")));
+        annotate_pair(zorv, "grandchild");
         return zorv.is_active() && zorv.stop_profiling().ok() ? 0 : 2;
       });
       if (write(pipe_fds[1], &inner, sizeof(inner)) != sizeof(inner)) return 5;
-      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      annotate_pair(zorv, "child");
       return inner_status == 0 && zorv.stop_profiling().ok() ? 0 : 3;
     });
     EXPECT_EQ(status, 0);
@@ -215,8 +222,8 @@ TEST(Fork, ASecondForkInAChildBehavesAsTheFirst) {
               static_cast<ssize_t>(sizeof(grandchild)));
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
-    EXPECT_TRUE(has(begin_messages(read_capture(capture_of(dir, child))), "child"));
-    const Strings inner = begin_messages(read_capture(capture_of(dir, grandchild)));
+    EXPECT_TRUE(has(messages_of(dir, child), "child"));
+    const Strings inner = messages_of(dir, grandchild);
     EXPECT_TRUE(has(inner, "grandchild"));
     EXPECT_FALSE(has(inner, "child"));
   }, true));
@@ -226,9 +233,9 @@ TEST(Fork, StopInAChildClosesTheChildsFileOnly) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
     Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), true));
-    zorv.annotate_end(zorv.annotate_begin(std::string("parent before")));
+    annotate_pair(zorv, "parent before");
     const auto [child, status] = fork_and_wait([&] {
-      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      annotate_pair(zorv, "child");
       if (!zorv.stop_profiling().ok()) return 2;
       // Stopped: a second stop is refused, and the child can start again.
       if (zorv.stop_profiling().msg_ != "Profiling not running") return 3;
@@ -237,15 +244,13 @@ TEST(Fork, StopInAChildClosesTheChildsFileOnly) {
     EXPECT_EQ(status, 0);
     // The parent's capture runs on and takes more records.
     EXPECT_TRUE(zorv.is_active());
-    zorv.annotate_end(zorv.annotate_begin(std::string("parent after")));
+    annotate_pair(zorv, "parent after");
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
-    const Strings parent =
-        begin_messages(read_capture(capture_of(dir, getpid())));
+    const Strings parent = messages_of(dir, getpid());
     EXPECT_TRUE(has(parent, "parent before"));
     EXPECT_TRUE(has(parent, "parent after"));
-    const DecodedFile child_file =
-        read_capture(capture_of(dir, child));
+    const DecodedFile child_file = read_capture(capture_of(dir, child));
     EXPECT_EQ(child_file.header()->pid, static_cast<uint32_t>(child));
     EXPECT_TRUE(has(begin_messages(child_file), "child"));
   }, true));
@@ -255,33 +260,30 @@ TEST(Fork, AForkWhileTheUserHasSuspendedChangesNothing) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
     Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), true));
-    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
+    annotate_pair(zorv, "before");
     ASSERT_TRUE(zorv.suspend_profiling().ok());
     const Strings before = dir.list();
     const auto [child, status] = fork_and_wait([&] {
       if (zorv.is_active() || !dir.list().empty()) return 2;
       if (!zorv.resume_profiling().ok()) return 3;
-      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      annotate_pair(zorv, "child");
       return zorv.stop_profiling().ok() ? 0 : 4;
     });
     EXPECT_EQ(status, 0);
     EXPECT_FALSE(zorv.is_active());
     ASSERT_TRUE(zorv.resume_profiling().ok());
-    zorv.annotate_end(zorv.annotate_begin(std::string("parent")));
+    annotate_pair(zorv, "parent");
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
     // The suspend had no bucket to write, so no file was left to fork over. The
     // child resumed in a file of its own, named through its pid; the parent's
     // records stayed in the parent's.
     EXPECT_TRUE(before.empty());
-    const Strings parent =
-        begin_messages(read_capture(capture_of(dir, getpid())));
+    const Strings parent = messages_of(dir, getpid());
     EXPECT_TRUE(has(parent, "before"));
     EXPECT_TRUE(has(parent, "parent"));
     EXPECT_FALSE(has(parent, "child"));
-    EXPECT_TRUE(has(begin_messages(read_capture(
-                        capture_of(dir, child))),
-                    "child"));
+    EXPECT_TRUE(has(messages_of(dir, child), "child"));
   }, true));
 }
 
@@ -290,14 +292,14 @@ TEST(Fork, AChildResumingAnInheritedSuspendedFileWritesItsOwn) {
   TempDir dir;
   EXPECT_EQ(0, run_in_child([&] {
     Zorv& zorv = start_capture(capture_config(dir.file("cap"), true));
-    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
+    annotate_pair(zorv, "before");
     ASSERT_TRUE(zorv.stop_profiling().ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
-    zorv.annotate_end(zorv.annotate_begin(std::string("second")));
+    annotate_pair(zorv, "second");
     ASSERT_TRUE(zorv.suspend_profiling().ok());
     const auto [child, status] = fork_and_wait([&] {
       if (!zorv.resume_profiling().ok()) return 3;
-      zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+      annotate_pair(zorv, "child");
       return zorv.stop_profiling().ok() ? 0 : 4;
     });
     EXPECT_EQ(status, 0);
@@ -325,19 +327,25 @@ TEST(Fork, TheParentsFileKeepsItsNameAndTmpStateOverTheFork) {
     setenv("ZVK_OUTPUT_FILE_NAME", dir.file("cap_%p").c_str(), 1);
     Zorv& zorv = Zorv::instance();
     CaptureStderr();
-    ASSERT_TRUE(zorv.configure(capture_config("ignored", false)).ok());
+    Sections config = capture_config("ignored", false);
+    config["ZORV"]["FlushIntervalMs"] = "50";
+    ASSERT_TRUE(zorv.configure(config).ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
-    zorv.annotate_end(zorv.annotate_begin(std::string("before")));
-    ASSERT_TRUE(zorv.suspend_profiling().ok());  // writes a bucket, so the file stays
-    ASSERT_TRUE(zorv.resume_profiling().ok());
+    annotate_pair(zorv, "before");
+    // The periodic flush writes a bucket, so the suspend at the fork has a file to
+    // keep rather than an empty one to remove.
     const std::string name = capture_of(dir, getpid());
+    for (int i = 0; i < 200 && read_capture(name + ".tmp").buckets.empty(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
     const auto [child, status] = fork_and_wait([&] { return 0; });
     EXPECT_EQ(status, 0);
     EXPECT_EQ(dir.list(), Strings{"cap_" + std::to_string(getpid()) + "_0.zvkraw.tmp"});
+    EXPECT_TRUE(has(begin_messages(read_capture(name + ".tmp")), "before"));
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
     EXPECT_EQ(dir.list(), Strings{"cap_" + std::to_string(getpid()) + "_0.zvkraw"});
-    EXPECT_TRUE(has(begin_messages(read_capture(name)), "before"));
+    EXPECT_TRUE(has(messages_of(dir, getpid()), "before"));
   }, true));
 }
 
@@ -354,7 +362,7 @@ TEST(Fork, AWorkerThatEndsWithExitKeepsWhatItRecorded) {
     ASSERT_TRUE(zorv.configure(config).ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
     const auto [child, status] = fork_and_wait([&] {
-      zorv.annotate_end(zorv.annotate_begin(std::string("worker")));
+      annotate_pair(zorv, "worker");
       std::this_thread::sleep_for(std::chrono::milliseconds(500));
       return 0;
     });
@@ -379,13 +387,13 @@ void fork_under_load(bool follow, int forks) {
     std::vector<std::thread> annotators;
     for (int t = 0; t < 3; ++t) {
       annotators.emplace_back([&] {
-        while (!stop) zorv.annotate_end(zorv.annotate_begin(std::string("load")));
+        while (!stop) annotate_pair(zorv, "load");
       });
     }
     int failed = 0;
     for (int i = 0; i < forks; ++i) {
       const auto [child, status] = fork_and_wait([&] {
-        for (int j = 0; j < 100; ++j) zorv.annotate_end(zorv.annotate_begin(std::string("child")));
+        for (int j = 0; j < 100; ++j) annotate_pair(zorv, "child");
         if (follow) return zorv.stop_profiling().ok() ? 0 : 2;
         return zorv.is_active() ? 3 : 0;
       });
