@@ -4,19 +4,17 @@ settings that could only hang or lose everything, and a bad argument raises befo
 anything runs. Each scenario runs in a fresh interpreter, under a time limit, since
 the profiler is one per process and a regression here is a hang."""
 
-import os
 import re
 import shutil
-import signal
 import struct
 import subprocess
-import sys
 import textwrap
 import zlib
 
 import pytest
 
 import _zorv
+from zvk_testing import begins, ends, read_capture, run_python
 
 DROPPED = re.compile(r"\| (\d+) records were dropped: all buffers were full and no capture "
                      r"was running to write them$")
@@ -24,21 +22,11 @@ DROPPED = re.compile(r"\| (\d+) records were dropped: all buffers were full and 
 
 def run_script(tmp_path, code, timeout=60, expect_rc=0, **env):
     """Runs code in a fresh interpreter in tmp_path with 4 buffers of 1 MiB; returns
-    its stdout lines and stderr. The caller's profiler variables don't leak in."""
-    full_env = {k: v for k, v in os.environ.items()
-                if not k.startswith(("ZVK_", "ZV_", "ZORV_"))}
-    full_env.update({"ZVK_BUCKET_COUNT": "4", "ZVK_BUCKET_SIZE_MB": "1"})
-    full_env.update(env)
-    process = subprocess.Popen([sys.executable, "-c", textwrap.dedent(code)], cwd=tmp_path,
-                               env=full_env, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                               text=True, start_new_session=True)
-    try:
-        stdout, stderr = process.communicate(timeout=timeout)
-    except subprocess.TimeoutExpired:
-        os.killpg(process.pid, signal.SIGKILL)
-        stdout, stderr = process.communicate()
-        pytest.fail(f"hung for {timeout} s\n{stdout}\n{stderr[-4000:]}")
-    assert process.returncode == expect_rc, stdout + stderr[-4000:]
+    its stdout lines and stderr."""
+    returncode, stdout, stderr = run_python(
+        ["-c", textwrap.dedent(code)], tmp_path,
+        {"ZVK_BUCKET_COUNT": "4", "ZVK_BUCKET_SIZE_MB": "1", **env}, timeout)
+    assert returncode == expect_rc, stdout + stderr[-4000:]
     return stdout.splitlines(), stderr
 
 
@@ -49,24 +37,8 @@ def dropped_counts(stderr):
 def annotation_messages(path):
     """Every BEGIN record's message in a capture file, and the number of END
     records, read bucket by bucket to the end of the file."""
-    data = path.read_bytes()
-    assert data[:8] == b"ZVKRAWDF"
-    offset = 88 + sum(struct.unpack_from("<5H", data, 72))
-    messages, ends = [], 0
-    while offset + 32 <= len(data):
-        compressed = struct.unpack_from("<I", data, offset + 24)[0]
-        raw = zlib.decompress(data[offset + 32:offset + 32 + compressed])
-        at = 0
-        while at < len(raw):
-            _, word, _, _, chain, size = struct.unpack_from("<QIIIHH", raw, at)
-            payload = raw[at + 24 + 16 * chain:at + 24 + 16 * chain + size]
-            if word >> 28 == 5 and word & 0xFFFFF == 0:
-                messages.append(payload[8:].split(b"\0", 1)[0].decode())
-            elif word >> 28 == 5 and word & 0xFFFFF == 1:
-                ends += 1
-            at += 24 + 16 * chain + size
-        offset += 32 + compressed
-    return messages, ends
+    capture = read_capture(path)
+    return [r["msg"] for r in begins(capture)], len(ends(capture))
 
 
 def captures(tmp_path, under="."):
