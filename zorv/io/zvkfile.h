@@ -1,9 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <sys/types.h>
 #include <memory>
 #include <ostream>
 #include <string>
