@@ -223,8 +223,9 @@ TEST(Configure, EmptyConfigBuildsOnlyAnnotatorAndWriter) {
 }
 
 // "EnablePerf" with no "PERF" section, and "EnableCuda" with no "CUDA": both are
-// announced and configure goes on. The collectors themselves are not in this
-// build, so each announcement is followed by a warning that says so.
+// announced and configure goes on. The CPU collector is configured with an empty
+// map, which gives the default sampling summary; the GPU collector is not in this
+// build, so its announcement is followed by a warning that says so.
 TEST(Configure, CollectorsAreAnnouncedAndUnsharedAnnotatorNamed) {
   EXPECT_EQ(0, run_in_child([] {
     clear_environment();
@@ -236,13 +237,14 @@ TEST(Configure, CollectorsAreAnnouncedAndUnsharedAnnotatorNamed) {
                                   {"SharedAnnotations", "0"}, {"EnableForkFollow", "1"}}}})
                     .ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_GE(lines.size(), 4u);
     EXPECT_EQ(lines[0], "INFO| CPU capture enabled ");
-    EXPECT_EQ(lines[1],
-              "WARNING| CPU sampling is not part of this build yet; the capture runs without it");
-    EXPECT_EQ(lines[2], "INFO| CUDA capture enabled ");
-    EXPECT_EQ(lines[3],
+    EXPECT_EQ(lines[1], "INFO| CUDA capture enabled ");
+    EXPECT_EQ(lines[2],
               "WARNING| GPU tracing is not part of this build yet; the capture runs without it");
+    EXPECT_EQ(lines[3], "INFO| Perf capture configuration= ");
+    ASSERT_NE(ZorvTestPeer::perf(zorv), nullptr);
+    EXPECT_EQ(ZorvTestPeer::perf(zorv)->name(), "PERFCollector");
     EXPECT_EQ(ZorvTestPeer::annotator(zorv)->name(), "Annotator");
     EXPECT_TRUE(ZorvTestPeer::follows_forks(zorv));
   }));

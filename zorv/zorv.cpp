@@ -9,6 +9,7 @@
 #include <memory>
 #include <vector>
 
+#include "zorv/cpu/zvkperfcollector.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkforklocks.h"
 #include "zorv/io/zvkfilewriter.h"
@@ -173,9 +174,9 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   flush_interval_ms = get_env_value_as<uint32_t>("ZVK_FLUSH_INTERVAL_MS", flush_interval_ms);
 
   const bool shared = shared_buffers || shared_annotations;
-  // Without sharing, each producer holds a buffer of its own: so far the annotator
-  // is the only producer this build makes.
-  const uint32_t record_helpers = 1;
+  // Without sharing, each producer holds a buffer of its own: the annotator, and
+  // CPU sampling's worker.
+  const uint32_t record_helpers = shared ? 1 : 1 + (enable_perf ? 1 : 0);
   const Status settings =
       check_settings(bucket_count, record_helpers + 1, bucket_size_mb, compression);
   if (!settings.ok()) {
@@ -201,7 +202,8 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
 
   if (enable_perf) {
     LOG(INFO) << "CPU capture enabled " << "\n";
-    LOG(WARNING) << "CPU sampling is not part of this build yet; the capture runs without it";
+    m_perf_collector = shared ? new ZVKPerfCollector("PERFCollector", helper)
+                              : new ZVKPerfCollector("PERFCollector", m_to_fill, m_to_write);
   }
   if (enable_cuda) {
     LOG(INFO) << "CUDA capture enabled " << "\n";

@@ -79,8 +79,8 @@ class Zorv {
   // Logs the records producers dropped since the last report.
   void report_dropped_records();
 
-  // Collectors are reached only through ZVKDataCollectorBase; the concrete GPU and
-  // CPU collectors arrive with those subsystems.
+  // Collectors are reached only through ZVKDataCollectorBase; the concrete GPU
+  // collector arrives with that subsystem.
   ZVKDataCollectorBase* m_cuda_collector = nullptr;
   ZVKDataCollectorBase* m_perf_collector = nullptr;
   ZVKAnnotator* m_annotator = nullptr;

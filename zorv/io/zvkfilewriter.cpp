@@ -16,6 +16,7 @@
 
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/utils/logging.h"
+#include "zorv/utils/signals.h"
 #include "zorv/utils/utils.h"
 
 namespace zorvek {
@@ -163,15 +164,11 @@ Status ZVKFileWriter::start_internal() {
   m_run_writer_loop = true;
   // From here on a producer waiting for a buffer can count on getting one.
   m_to_fill->set_supplied(true);
-  // The thread starts with every signal blocked: signals are the job's to handle,
-  // and a file size limit must fail our write (EFBIG), not end the process.
-  sigset_t all_signals;
-  sigset_t previous;
-  sigfillset(&all_signals);
-  pthread_sigmask(SIG_SETMASK, &all_signals, &previous);
+  // Blocked signals also make a file size limit fail our write (EFBIG) instead of
+  // ending the process.
+  ScopedSignalsBlocked blocked;
   m_writer_thread =
       new std::thread(&ZVKFileWriter::writer_loop, this, m_file_handle, m_to_fill, m_to_write);
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   return Status::OK();
 }
 
