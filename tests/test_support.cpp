@@ -9,6 +9,7 @@ extern char** environ;
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -129,7 +130,13 @@ std::vector<DecodedRecord> walk_records(const char* data, uint32_t size) {
                           record.event_type(), record.pid(), record.tid(),
                           record.num_callchains(), record.payload_size(),
                           std::string(static_cast<const char*>(record.payload()),
-                                      record.payload_size())};
+                                      record.payload_size()),
+                          {}};
+    decoded.callchain.resize(2u * record.num_callchains());
+    if (!decoded.callchain.empty()) {
+      std::memcpy(decoded.callchain.data(), data + offset + kRecordHeaderSize,
+                  decoded.callchain.size() * sizeof(uint64_t));
+    }
     records.push_back(decoded);
     offset += record.size();
   }

@@ -65,6 +65,8 @@ struct DecodedRecord {
   uint16_t call_chain_size;
   uint16_t payload_size;
   std::string payload;
+  // The call chain's 2 * call_chain_size 64-bit slots.
+  std::vector<uint64_t> callchain;
 };
 
 struct DecodedBucket {

@@ -157,6 +157,8 @@ class ZVKPerfHandler {
   uint32_t host_cores() const { return m_num_host_cores; }
 
  private:
+  friend struct ZVKPerfHandlerTestPeer;
+
   // The thread body of every worker of a capture.
   Processor make_processor() const;
   // Closes what this process owns of a failed or finished capture's descriptors:
