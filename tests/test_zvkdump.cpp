@@ -1,19 +1,24 @@
 // zvkdump: its decoder against damaged input (every truncation and every flipped
 // byte of a real capture, buckets whose stream is sound but whose records aren't,
-// damage in the middle of a file), its JSON, its summary, its progress and its
-// command line. Under the sanitizers a stray read fails the run; here each result
-// must be a clean answer: true with nothing on err, or false with lines naming the
-// file.
+// damage in the middle of a file), its decoding of CPU sampling records, whole or
+// cut short, its JSON, its summary, its progress and its command line. Under the
+// sanitizers a stray read fails the run; here each result must be a clean answer:
+// true with nothing on err, or false with lines naming the file.
 
 #include <gtest/gtest.h>
+#include <linux/perf_event.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
 #include "tests/test_support.h"
 #include "tools/zvkdumper.h"
 #include "tools/zvkfilereader.h"
+#include "zorv/cpu/zvkperfevents.h"
+#include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkfilewriter.h"
 #include "zorv/zvkannotator.h"
 
@@ -512,6 +517,309 @@ TEST(ZvkdumpDamage, OddPayloadsInsideTheirRecordsAreShownAsTheyAre) {
   EXPECT_NE(text.find("UNKNOWN cpu=0"), std::string::npos) << text;
   EXPECT_NE(text.find("42 UNKNOWN device=0 event=0"), std::string::npos) << text;
   EXPECT_TRUE(dump_cleanly(dir, capture_with_bucket(capture, odd, 5)));
+}
+
+template <typename T>
+std::string bytes_of(const T& value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
+}
+
+std::string hex_of(const std::string& bytes) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string hex;
+  for (const char byte : bytes) {
+    hex += kDigits[static_cast<unsigned char>(byte) >> 4];
+    hex += kDigits[byte & 15];
+  }
+  return hex;
+}
+
+// An MMAP payload as the sampler writes it: the fixed fields, the name and its
+// terminator, zeros up to the rounded size.
+std::string mmap_payload(uint64_t addr, uint64_t len, uint64_t pgoff, const std::string& name) {
+  perfevent::ZVKPerfMMap fixed = {};
+  fixed.id = 77;
+  fixed.stream_id = 77;
+  fixed.addr = addr;
+  fixed.len = len;
+  fixed.pgoff = pgoff;
+  fixed.strsize = name.size();
+  std::string payload = bytes_of(fixed) + name;
+  payload.resize(perfevent::mmap_payload_size(name.size()), '\0');
+  return payload;
+}
+
+// One CPU record through the record helper; `chain` is every slot, two per entry.
+void write_cpu_record(ZVKBufferRecordHelper& helper, uint64_t timestamp, uint32_t type,
+                      uint32_t cpu, uint32_t pid, uint32_t tid, const std::vector<uint64_t>& chain,
+                      const std::string& payload) {
+  auto record = helper.new_record(timestamp, make_event_word(CPU, cpu, type), pid, tid,
+                                  static_cast<uint16_t>(chain.size() / 2),
+                                  static_cast<uint16_t>(payload.size()));
+  // An empty vector's data() may be null, which memcpy may not be given even for
+  // no bytes.
+  if (!chain.empty()) {
+    std::memcpy(record.get_callchain_array(), chain.data(), chain.size() * sizeof(uint64_t));
+  }
+  std::memcpy(record.get_payload_store(), payload.data(), payload.size());
+}
+
+// Two event configurations and one record of every other CPU kind, written by the
+// real record helper and file writer. The first sample's chain has three
+// addresses, so its fourth slot is left over; here it holds 0xdeadbeef.
+std::string make_cpu_capture() {
+  using namespace perfevent;
+  TempDir dir;
+  ZVKQueue<ZVKBuffer> fill(4, 4096), to_write;
+  CaptureStderr();  // as in make_capture: the writer's log lines stay out of the output
+  {
+    ZVKFileWriter writer(&fill, &to_write, JobMetadata{"job-1", "host", "m5.large"}, 1000001);
+    EXPECT_TRUE(writer.start(dir.file("cpu_%t")).ok());
+    {
+      ZVKBufferRecordHelper helper(&fill, &to_write);
+      write_cpu_record(helper, 100, CONFIGURATION, 2, 10, 10, {},
+                       bytes_of(ZVKPerfConfigData{0, 0, 0, 0, 2, 100000, 77}));
+      write_cpu_record(helper, 101, CONFIGURATION, 2, 10, 10, {},
+                       bytes_of(ZVKPerfConfigData{0x20d1, 1, 2, 4, 0, 5000, 78}));
+      write_cpu_record(helper, 200, SAMPLE, 3, 10, 11,
+                       {PERF_CONTEXT_USER, 0x401000, 0x401234, 0xdeadbeef},
+                       bytes_of(ZVKPerfSample{0x401000, 77, 77}));
+      write_cpu_record(helper, 201, SAMPLE, 1, 10, 12, {PERF_CONTEXT_KERNEL, 0xffffffff81000010},
+                       bytes_of(ZVKPerfSample{0xffffffff81000010, 78, 77}));
+      write_cpu_record(helper, 202, SAMPLE, 3, 10, 11, {},
+                       bytes_of(ZVKPerfSample{0x401100, 77, 77}));
+      write_cpu_record(helper, 300, MMAP, 3, 10, 10, {},
+                       mmap_payload(0x7f0000001000, 0x2000, 0x1000, "/usr/lib/libm.so.6"));
+      write_cpu_record(helper, 400, LOST, 3, 10, 11, {}, bytes_of(ZVKPerfLost{77, 77, 5}));
+      write_cpu_record(helper, 500, THROTTLE, 3, 10, 11, {}, bytes_of(ZVKPerfThrottle{77, 77}));
+      write_cpu_record(helper, 600, UNTHROTTLE, 3, 10, 11, {}, bytes_of(ZVKPerfThrottle{77, 77}));
+      write_cpu_record(helper, 700, FORK, 3, 13, 13, {}, bytes_of(ZVKPerfExitFork{77, 77, 10, 11}));
+      write_cpu_record(helper, 800, EXIT, 3, 13, 13, {}, bytes_of(ZVKPerfExitFork{77, 77, 10, 11}));
+    }
+    EXPECT_TRUE(writer.stop().ok());
+  }
+  GetCapturedStderr();
+  const auto files = dir.list();
+  EXPECT_EQ(files.size(), 1u);
+  return files.empty() ? std::string() : read_text_file(dir.file(files[0]));
+}
+
+// The lines of a text dump that are records.
+std::vector<std::string> record_lines(const std::string& text) {
+  std::vector<std::string> records;
+  for (const std::string& line : lines_of(text)) {
+    if (line.rfind("    ", 0) == 0) records.push_back(line);
+  }
+  return records;
+}
+
+// The summary's lines from the CPU section on.
+std::vector<std::string> cpu_summary_lines(const std::string& text) {
+  const std::vector<std::string> lines = lines_of(text);
+  const auto start = std::find(lines.begin(), lines.end(), "CPU records by event:");
+  return std::vector<std::string>(start, lines.end());
+}
+
+class ZvkdumpCpu : public testing::Test {
+ protected:
+  void SetUp() override {
+    static const std::string capture = make_cpu_capture();
+    m_path = m_dir.file("cpu.zvkraw");
+    write_bytes(m_path, capture);
+  }
+
+  Dumped dump_capture(DumpFormat format, bool summary) const {
+    const Dumped result = dump({m_path}, mode(format, summary));
+    EXPECT_TRUE(result.whole) << result.err;
+    EXPECT_EQ(result.err, "");
+    if (format == DumpFormat::kJson) {
+      EXPECT_TRUE(is_one_json_document(result.out)) << result.out;
+    }
+    return result;
+  }
+
+  TempDir m_dir;
+  std::string m_path;
+};
+
+TEST_F(ZvkdumpCpu, EveryKindIsDecodedInText) {
+  const Dumped result = dump_capture(DumpFormat::kText, false);
+  const std::vector<std::string> expected = {
+      "    100 CPU CONFIGURATION cpu=2 pid=10 tid=10 type=PERF_TYPE_HARDWARE(0) "
+      "config=PERF_COUNT_HW_CPU_CYCLES(0x0) config1=0x0 config2=0x0 precise=2 period=100000 "
+      "format_id=77",
+      "    101 CPU CONFIGURATION cpu=2 pid=10 tid=10 type=PERF_TYPE_RAW(4) config=20d1(0x20d1) "
+      "config1=0x1 config2=0x2 precise=0 period=5000 format_id=78",
+      "    200 CPU SAMPLE cpu=3 pid=10 tid=11 ip=0x401000 id=77 stream_id=77 "
+      "call_chain=[user 0x401000 0x401234 0xdeadbeef]",
+      "    201 CPU SAMPLE cpu=1 pid=10 tid=12 ip=0xffffffff81000010 id=78 stream_id=77 "
+      "call_chain=[kernel 0xffffffff81000010]",
+      "    202 CPU SAMPLE cpu=3 pid=10 tid=11 ip=0x401100 id=77 stream_id=77 call_chain=[]",
+      "    300 CPU MMAP cpu=3 pid=10 tid=10 id=77 stream_id=77 addr=0x7f0000001000 len=0x2000 "
+      "pgoff=0x1000 file=\"/usr/lib/libm.so.6\"",
+      "    400 CPU LOST cpu=3 pid=10 tid=11 id=77 stream_id=77 lost=5",
+      "    500 CPU THROTTLE cpu=3 pid=10 tid=11 id=77 stream_id=77",
+      "    600 CPU UNTHROTTLE cpu=3 pid=10 tid=11 id=77 stream_id=77",
+      "    700 CPU FORK cpu=3 pid=13 tid=13 id=77 stream_id=77 ppid=10 ptid=11",
+      "    800 CPU EXIT cpu=3 pid=13 tid=13 id=77 stream_id=77 ppid=10 ptid=11",
+  };
+  EXPECT_EQ(record_lines(result.out), expected) << result.out;
+  EXPECT_NE(result.out.find("\n1 whole buckets\n"), std::string::npos) << result.out;
+}
+
+TEST_F(ZvkdumpCpu, EveryKindIsDecodedInJson) {
+  const Dumped result = dump_capture(DumpFormat::kJson, false);
+  for (const char* record : {
+           "{\"timestamp\":100,\"hw_type\":0,\"device_id\":2,\"event_type\":0,\"pid\":10,"
+           "\"tid\":10,\"call_chain_size\":0,\"payload_size\":48,\"event\":\"CONFIGURATION\","
+           "\"type\":0,\"type_name\":\"PERF_TYPE_HARDWARE\",\"config\":\"0x0\","
+           "\"config_name\":\"PERF_COUNT_HW_CPU_CYCLES\",\"config1\":\"0x0\",\"config2\":\"0x0\","
+           "\"precise\":2,\"period\":100000,\"format_id\":77,\"payload_hex\":\"",
+           "\"event\":\"CONFIGURATION\",\"type\":4,\"type_name\":\"PERF_TYPE_RAW\","
+           "\"config\":\"0x20d1\",\"config_name\":\"20d1\",",
+           "{\"timestamp\":200,\"hw_type\":0,\"device_id\":3,\"event_type\":1,\"pid\":10,"
+           "\"tid\":11,\"call_chain_size\":2,\"payload_size\":24,\"event\":\"SAMPLE\","
+           "\"ip\":\"0x401000\",\"id\":77,\"stream_id\":77,"
+           "\"call_chain\":[\"user\",\"0x401000\",\"0x401234\",\"0xdeadbeef\"],"
+           "\"payload_hex\":\"0010400000000000",
+           "\"event\":\"SAMPLE\",\"ip\":\"0x401100\",\"id\":77,\"stream_id\":77,"
+           "\"call_chain\":[],",
+           "\"payload_size\":72,\"event\":\"MMAP\",\"id\":77,\"stream_id\":77,"
+           "\"addr\":\"0x7f0000001000\",\"len\":\"0x2000\",\"pgoff\":\"0x1000\","
+           "\"file\":\"/usr/lib/libm.so.6\",\"payload_hex\":\"",
+           "\"event\":\"LOST\",\"id\":77,\"stream_id\":77,\"lost\":5,\"payload_hex\":\"",
+           "\"event\":\"THROTTLE\",\"id\":77,\"stream_id\":77,\"payload_hex\":\"",
+           "\"event\":\"UNTHROTTLE\",\"id\":77,\"stream_id\":77,\"payload_hex\":\"",
+           "\"pid\":13,\"tid\":13,\"call_chain_size\":0,\"payload_size\":24,\"event\":\"FORK\","
+           "\"id\":77,\"stream_id\":77,\"ppid\":10,\"ptid\":11,\"payload_hex\":\"",
+           "\"event\":\"EXIT\",\"id\":77,\"stream_id\":77,\"ppid\":10,\"ptid\":11,"}) {
+    EXPECT_NE(result.out.find(record), std::string::npos) << record << "\n" << result.out;
+  }
+}
+
+TEST_F(ZvkdumpCpu, TheSummaryHasACpuSection) {
+  const Dumped result = dump_capture(DumpFormat::kText, true);
+  const std::vector<std::string> expected = {
+      "CPU records by event:",
+      "  CONFIGURATION                       2",
+      "  SAMPLE                              3",
+      "  THROTTLE                            1",
+      "  UNTHROTTLE                          1",
+      "  LOST                                1",
+      "  MMAP                                1",
+      "  FORK                                1",
+      "  EXIT                                1",
+      "CPU samples by thread:",
+      "         pid        tid      samples",
+      "          10         11            2",
+      "          10         12            1",
+      "CPU lost: 5 in 1 LOST records",
+      "CPU throttles: 1, unthrottles: 1",
+      "CPU mappings: 1",
+      "  0x7f0000001000-0x7f0000003000 pgoff=0x1000 \"/usr/lib/libm.so.6\"",
+      "CPU configurations: 2",
+      "  type=PERF_TYPE_HARDWARE(0) config=PERF_COUNT_HW_CPU_CYCLES(0x0) config1=0x0 "
+      "config2=0x0 precise=2 period=100000 format_id=77 samples=2",
+      "  type=PERF_TYPE_RAW(4) config=20d1(0x20d1) config1=0x1 config2=0x2 precise=0 "
+      "period=5000 format_id=78 samples=1",
+  };
+  EXPECT_EQ(cpu_summary_lines(result.out), expected) << result.out;
+  // The sections before it stay as they were.
+  EXPECT_NE(result.out.find("Records by kind:\n  CPU                                11\n"
+                            "Annotation ranges:\n"),
+            std::string::npos)
+      << result.out;
+}
+
+TEST_F(ZvkdumpCpu, TheJsonSummaryHasACpuMember) {
+  const Dumped result = dump_capture(DumpFormat::kJson, true);
+  const std::string expected =
+      "\"records_by_kind\":{\"CPU\":11},\"cpu\":{\"record_count\":11,\"undecoded\":0,"
+      "\"events\":{\"CONFIGURATION\":2,\"SAMPLE\":3,\"THROTTLE\":1,\"UNTHROTTLE\":1,\"LOST\":1,"
+      "\"MMAP\":1,\"FORK\":1,\"EXIT\":1},"
+      "\"samples_by_thread\":[{\"pid\":10,\"tid\":11,\"samples\":2},"
+      "{\"pid\":10,\"tid\":12,\"samples\":1}],"
+      "\"lost\":5,\"lost_records\":1,\"throttles\":1,\"unthrottles\":1,\"mapping_count\":1,"
+      "\"mappings\":[{\"addr\":\"0x7f0000001000\",\"len\":\"0x2000\",\"pgoff\":\"0x1000\","
+      "\"file\":\"/usr/lib/libm.so.6\"}],"
+      "\"configurations\":[{\"type\":0,\"type_name\":\"PERF_TYPE_HARDWARE\",\"config\":\"0x0\","
+      "\"config_name\":\"PERF_COUNT_HW_CPU_CYCLES\",\"config1\":\"0x0\",\"config2\":\"0x0\","
+      "\"precise\":2,\"period\":100000,\"format_id\":77,\"samples\":2},"
+      "{\"type\":4,\"type_name\":\"PERF_TYPE_RAW\",\"config\":\"0x20d1\",\"config_name\":\"20d1\","
+      "\"config1\":\"0x1\",\"config2\":\"0x2\",\"precise\":0,\"period\":5000,\"format_id\":78,"
+      "\"samples\":1}]},\"ranges\":[],";
+  EXPECT_NE(result.out.find(expected), std::string::npos) << result.out;
+}
+
+TEST(ZvkdumpCpuOdd, PayloadsThatDontFitTheirFormatAreShownAsBytes) {
+  using namespace perfevent;
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const auto cpu = [](uint32_t type) { return make_event_word(CPU, 0, type); };
+  std::string unterminated = mmap_payload(0x1000, 0x1000, 0, "abcdefg");  // 56 bytes
+  unterminated.back() = 'h';  // the name's terminator, and the payload has no other
+  perfevent::ZVKPerfMMap lying = {};
+  lying.strsize = 1000000;  // far past the payload; the name ends well before
+  const std::string lying_name = bytes_of(lying) + "ok.so" + std::string(3, '\0');
+  const std::string odd_name = mmap_payload(0x2000, 0x10, 0, "bad \xff\nname");
+  const std::vector<std::string> records = {
+      record_bytes(cpu(SAMPLE), 1, 8, std::string(16, '\1') + "short!!!"),
+      record_bytes(cpu(MMAP), 0, 56, unterminated),
+      record_bytes(cpu(MMAP), 0, 47, unterminated.substr(0, 47)),
+      record_bytes(cpu(MMAP), 0, 56, lying_name),
+      record_bytes(cpu(MMAP), 0, static_cast<uint16_t>(odd_name.size()), odd_name),
+      record_bytes(cpu(CONFIGURATION), 0, 47, std::string(47, '\0')),
+      record_bytes(cpu(LOST), 0, 16, std::string(16, '\2')),
+      record_bytes(cpu(THROTTLE), 0, 8, std::string(8, '\3')),
+      record_bytes(cpu(FORK), 0, 0, ""),
+      record_bytes(cpu(READ), 0, 16, std::string(16, '\4')),
+      record_bytes(cpu(PERF_EVENT_MAX), 0, 0, ""),
+      record_bytes(cpu(0xfffff), 0, 0, ""),
+      // Longer than its format: the format's bytes are read, the rest only shown.
+      record_bytes(cpu(SAMPLE), 0, 32, bytes_of(ZVKPerfSample{0x10, 1, 1}) + "trailing"),
+  };
+  std::string bytes;
+  for (const std::string& record : records) bytes += record;
+  const std::string probe = capture_with_bucket(capture, bytes, records.size());
+  EXPECT_TRUE(dump_cleanly(dir, probe));
+
+  const std::string path = dir.file("odd_cpu.zvkraw");
+  write_bytes(path, probe);
+  const Dumped text = dump({path}, mode(DumpFormat::kText, false));
+  ASSERT_TRUE(text.whole) << text.err;
+  const std::vector<std::string> expected = {
+      "    42 CPU device=0 event=1 pid=0 tid=0 callchain=1 payload=8 73686f7274212121",
+      "    42 CPU device=0 event=6 pid=0 tid=0 callchain=0 payload=56 " + hex_of(unterminated),
+      "    42 CPU device=0 event=6 pid=0 tid=0 callchain=0 payload=47 " +
+          hex_of(unterminated.substr(0, 47)),
+      "    42 CPU MMAP cpu=0 pid=0 tid=0 id=0 stream_id=0 addr=0x0 len=0x0 pgoff=0x0 "
+      "file=\"ok.so\"",
+      "    42 CPU MMAP cpu=0 pid=0 tid=0 id=77 stream_id=77 addr=0x2000 len=0x10 pgoff=0x0 "
+      "file=\"bad \\ufffd\\u000aname\"",
+      "    42 CPU device=0 event=0 pid=0 tid=0 callchain=0 payload=47 " + std::string(94, '0'),
+      "    42 CPU device=0 event=4 pid=0 tid=0 callchain=0 payload=16 " +
+          hex_of(std::string(16, '\2')),
+      "    42 CPU device=0 event=2 pid=0 tid=0 callchain=0 payload=8 " +
+          hex_of(std::string(8, '\3')),
+      "    42 CPU device=0 event=7 pid=0 tid=0 callchain=0 payload=0 ",
+      "    42 CPU device=0 event=5 pid=0 tid=0 callchain=0 payload=16 " +
+          hex_of(std::string(16, '\4')),
+      "    42 CPU device=0 event=9 pid=0 tid=0 callchain=0 payload=0 ",
+      "    42 CPU device=0 event=1048575 pid=0 tid=0 callchain=0 payload=0 ",
+      "    42 CPU SAMPLE cpu=0 pid=0 tid=0 ip=0x10 id=1 stream_id=1 call_chain=[]",
+  };
+  EXPECT_EQ(record_lines(text.out), expected) << text.out;
+
+  const Dumped summary = dump({path}, mode(DumpFormat::kText, true));
+  ASSERT_TRUE(summary.whole) << summary.err;
+  EXPECT_NE(summary.out.find("  (10 not decoded: payload too short or event unknown)\n"),
+            std::string::npos)
+      << summary.out;
+  EXPECT_NE(summary.out.find("  event 9                             1\n"
+                             "  event 1048575                       1\n"),
+            std::string::npos)
+      << summary.out;
+  EXPECT_NE(summary.out.find("CPU mappings: 2\n"), std::string::npos) << summary.out;
 }
 
 TEST(ZvkdumpJson, KeepsUtf8AndEscapesOnlyWhatJsonNeeds) {

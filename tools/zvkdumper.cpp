@@ -2,6 +2,11 @@
 
 #include "tools/zvkdumper.h"
 
+#include <linux/perf_event.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -12,6 +17,8 @@
 #include <vector>
 
 #include "tools/zvkfilereader.h"
+#include "zorv/cpu/perf_helpers.h"
+#include "zorv/cpu/zvkperfevents.h"
 #include "zorv/io/zvkfile.h"
 #include "zorv/zvkannotator.h"
 
@@ -115,6 +122,185 @@ std::string hex_bytes(const void* data, size_t size) {
   return out;
 }
 
+std::string hex_number(uint64_t value) {
+  char text[19];
+  std::snprintf(text, sizeof(text), "0x%" PRIx64, value);
+  return text;
+}
+
+// One decoded member of a record in both printed forms, so that text and JSON
+// come from one extraction.
+struct Field {
+  std::string text;  // name=value
+  std::string json;  // "name":value, one member or more
+};
+
+Field field(const std::string& name, const std::string& text_value, const std::string& json_value) {
+  return {name + '=' + text_value, json_string(name) + ':' + json_value};
+}
+
+Field number_field(const std::string& name, uint64_t value) {
+  const std::string digits = std::to_string(value);
+  return field(name, digits, digits);
+}
+
+// Addresses and bit fields go to JSON as hex strings: many readers hold numbers as
+// doubles, which can't hold every 64-bit value.
+Field hex_field(const std::string& name, uint64_t value) {
+  const std::string hex = hex_number(value);
+  return field(name, hex, '"' + hex + '"');
+}
+
+// Text is quoted and escaped as in JSON, so a name can't break a line apart.
+Field text_field(const std::string& name, const std::string& value) {
+  const std::string quoted = json_string(value);
+  return field(name, quoted, quoted);
+}
+
+// A number with its decoded name: NAME(number) in text, and in JSON the number
+// with the name beside it as a member of its own.
+Field named_field(const std::string& name, const std::string& number_text,
+                  const std::string& number_json, const std::string& decoded) {
+  Field named = field(name, decoded + '(' + number_text + ')', number_json);
+  named.json += ',' + json_string(name + "_name") + ':' + json_string(decoded);
+  return named;
+}
+
+const char* cpu_event_name(uint32_t type) {
+  static const char* const kNames[] = {"CONFIGURATION", "SAMPLE", "THROTTLE", "UNTHROTTLE", "LOST",
+                                       "READ",          "MMAP",   "FORK",     "EXIT"};
+  static_assert(sizeof(kNames) / sizeof(kNames[0]) == perfevent::PERF_EVENT_MAX,
+                "a name for every CPU event");
+  return type < perfevent::PERF_EVENT_MAX ? kNames[type] : "UNKNOWN";
+}
+
+// The kernel's call-chain context markers stay in the chain; a name says what
+// follows them better than their address-like value.
+std::string call_chain_slot(uint64_t address) {
+  switch (address) {
+    case PERF_CONTEXT_HV: return "hv";
+    case PERF_CONTEXT_KERNEL: return "kernel";
+    case PERF_CONTEXT_USER: return "user";
+    case PERF_CONTEXT_GUEST: return "guest";
+    case PERF_CONTEXT_GUEST_KERNEL: return "guest_kernel";
+    case PERF_CONTEXT_GUEST_USER: return "guest_user";
+    default: return hex_number(address);
+  }
+}
+
+// Every slot of the chain, two addresses per entry. For an odd number of
+// addresses the last slot holds whatever the buffer held before: the record
+// doesn't say which case it is, so that slot is shown too.
+Field call_chain_field(const ZVKRecordReader& record) {
+  std::string text, json;
+  for (int i = 0; i < record.num_callchains(); ++i) {
+    CallChain entry;
+    std::memcpy(&entry, record.callchain_at(i), sizeof(entry));
+    for (uint64_t address : {entry.from, entry.to}) {
+      const std::string slot = call_chain_slot(address);
+      text += (text.empty() ? "" : " ") + slot;
+      json += (json.empty() ? "\"" : ",\"") + slot + '"';
+    }
+  }
+  return field("call_chain", '[' + text + ']', '[' + json + ']');
+}
+
+// A payload of at least T's size, copied out: payloads may be unaligned.
+template <typename T>
+bool read_payload(const ZVKRecordReader& record, T* out) {
+  if (record.payload_size() < sizeof(T)) return false;
+  std::memcpy(out, record.payload(), sizeof(T));
+  return true;
+}
+
+// An MMAP's fixed fields and its file name, which must end inside the payload:
+// strsize isn't trusted, since it could point past the record.
+bool read_mmap(const ZVKRecordReader& record, perfevent::ZVKPerfMMap* fixed, std::string* name) {
+  if (!read_payload(record, fixed)) return false;
+  const char* text = static_cast<const char*>(record.payload()) + sizeof(*fixed);
+  const void* nul = std::memchr(text, '\0', record.payload_size() - sizeof(*fixed));
+  if (nul == nullptr) return false;
+  name->assign(text, static_cast<const char*>(nul) - text);
+  return true;
+}
+
+std::vector<Field> config_fields(const perfevent::ZVKPerfConfigData& config) {
+  const std::string type = std::to_string(config.type);
+  const std::string hex_config = hex_number(config.config);
+  return {named_field("type", type, type, decode_perf_event_type(config.type)),
+          named_field("config", hex_config, '"' + hex_config + '"',
+                      decode_perf_config(config.type, config.config)),
+          hex_field("config1", config.config1),
+          hex_field("config2", config.config2),
+          number_field("precise", config.precise),
+          number_field("period", config.sample_period),
+          number_field("format_id", config.format_id)};
+}
+
+bool config_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
+  perfevent::ZVKPerfConfigData config;
+  if (!read_payload(record, &config)) return false;
+  *fields = config_fields(config);
+  return true;
+}
+
+bool sample_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
+  perfevent::ZVKPerfSample sample;
+  if (!read_payload(record, &sample)) return false;
+  *fields = {hex_field("ip", sample.ip), number_field("id", sample.id),
+             number_field("stream_id", sample.stream_id), call_chain_field(record)};
+  return true;
+}
+
+bool throttle_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
+  perfevent::ZVKPerfThrottle throttle;
+  if (!read_payload(record, &throttle)) return false;
+  *fields = {number_field("id", throttle.id), number_field("stream_id", throttle.stream_id)};
+  return true;
+}
+
+bool lost_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
+  perfevent::ZVKPerfLost lost;
+  if (!read_payload(record, &lost)) return false;
+  *fields = {number_field("id", lost.id), number_field("stream_id", lost.stream_id),
+             number_field("lost", lost.lost)};
+  return true;
+}
+
+bool mmap_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
+  perfevent::ZVKPerfMMap mmap;
+  std::string name;
+  if (!read_mmap(record, &mmap, &name)) return false;
+  *fields = {number_field("id", mmap.id), number_field("stream_id", mmap.stream_id),
+             hex_field("addr", mmap.addr), hex_field("len", mmap.len),
+             hex_field("pgoff", mmap.pgoff), text_field("file", name)};
+  return true;
+}
+
+// FORK and EXIT: the child's pid and tid are the record's own.
+bool fork_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
+  perfevent::ZVKPerfExitFork fork;
+  if (!read_payload(record, &fork)) return false;
+  *fields = {number_field("id", fork.id), number_field("stream_id", fork.stream_id),
+             number_field("ppid", fork.ppid), number_field("ptid", fork.ptid)};
+  return true;
+}
+
+// The decoded payload of a CPU record. False for an event without a payload
+// format (READ is reserved and never written) or a payload too short for its
+// format: such a record is shown as bytes.
+bool cpu_fields(const ZVKRecordReader& record, std::vector<Field>* fields) {
+  using Reader = bool (*)(const ZVKRecordReader&, std::vector<Field>*);
+  static const Reader kReaders[] = {config_record, sample_record, throttle_record,
+                                    throttle_record, lost_record, nullptr,
+                                    mmap_record,   fork_record,   fork_record};
+  static_assert(sizeof(kReaders) / sizeof(kReaders[0]) == perfevent::PERF_EVENT_MAX,
+                "a slot for every CPU event");
+  const uint32_t type = record.event_type();
+  return type < perfevent::PERF_EVENT_MAX && kReaders[type] != nullptr &&
+         kReaders[type](record, fields);
+}
+
 // Table cells: padded to at least `width`, never cut, so a long name only widens
 // its own row.
 std::string left_cell(const std::string& text, size_t width) {
@@ -138,6 +324,231 @@ struct RangeStats {
   uint64_t total_ns = 0;
 };
 
+// What a file's CPU sampling records add up to: samples by thread, what the
+// kernel dropped or throttled, the mappings and the event configurations.
+class CpuSummary {
+ public:
+  void add(const ZVKRecordReader& record) {
+    ++m_records;
+    ++m_events[record.event_type()];
+    if (!take(record)) ++m_undecoded;
+  }
+
+  bool empty() const { return m_records == 0; }
+
+  void print_text(std::ostream& out) const {
+    print_events_text(out);
+    print_threads_text(out);
+    out << "CPU lost: " << m_lost << " in " << m_lost_records << " LOST records\n"
+        << "CPU throttles: " << m_throttles << ", unthrottles: " << m_unthrottles << '\n';
+    print_mappings_text(out);
+    out << "CPU configurations: " << m_configurations.size() << '\n';
+    for (const std::vector<Field>& configuration : configuration_rows()) {
+      out << " ";
+      for (const Field& field : configuration) out << ' ' << field.text;
+      out << '\n';
+    }
+  }
+
+  // The object of the summary's "cpu" member.
+  void print_json(std::ostream& out) const {
+    out << "{\"record_count\":" << m_records << ",\"undecoded\":" << m_undecoded << ",\"events\":{";
+    const char* separator = "";
+    for (const auto& event : m_events) {
+      out << separator << json_string(event_label(event.first)) << ':' << event.second;
+      separator = ",";
+    }
+    out << "},\"samples_by_thread\":";
+    print_json_array(out, thread_rows());
+    out << ",\"lost\":" << m_lost << ",\"lost_records\":" << m_lost_records
+        << ",\"throttles\":" << m_throttles << ",\"unthrottles\":" << m_unthrottles
+        << ",\"mapping_count\":" << m_mappings.size() << ",\"mappings\":";
+    print_json_array(out, mapping_rows());
+    out << ",\"configurations\":";
+    print_json_array(out, configuration_rows());
+    out << '}';
+  }
+
+ private:
+  struct Mapping {
+    uint64_t addr;
+    uint64_t len;
+    uint64_t pgoff;
+    std::string file;
+  };
+
+  struct ThreadSamples {
+    uint32_t pid;
+    uint32_t tid;
+    uint64_t samples;
+  };
+
+  // Counts what the record adds; false when its payload couldn't be read.
+  bool take(const ZVKRecordReader& record) {
+    switch (record.event_type()) {
+      case perfevent::CONFIGURATION: return take_configuration(record);
+      case perfevent::SAMPLE: return take_sample(record);
+      case perfevent::LOST: return take_lost(record);
+      case perfevent::THROTTLE: return take_throttle(record, &m_throttles);
+      case perfevent::UNTHROTTLE: return take_throttle(record, &m_unthrottles);
+      case perfevent::MMAP: return take_mapping(record);
+      case perfevent::FORK:
+      case perfevent::EXIT: {
+        perfevent::ZVKPerfExitFork fork;
+        return read_payload(record, &fork);
+      }
+      default: return false;
+    }
+  }
+
+  bool take_configuration(const ZVKRecordReader& record) {
+    perfevent::ZVKPerfConfigData config;
+    if (!read_payload(record, &config)) return false;
+    m_configurations.push_back(config);
+    return true;
+  }
+
+  bool take_sample(const ZVKRecordReader& record) {
+    perfevent::ZVKPerfSample sample;
+    if (!read_payload(record, &sample)) return false;
+    ++m_samples_by_thread[{record.pid(), record.tid()}];
+    ++m_samples_by_id[sample.id];
+    return true;
+  }
+
+  bool take_lost(const ZVKRecordReader& record) {
+    perfevent::ZVKPerfLost lost;
+    if (!read_payload(record, &lost)) return false;
+    m_lost += lost.lost;
+    ++m_lost_records;
+    return true;
+  }
+
+  static bool take_throttle(const ZVKRecordReader& record, uint64_t* count) {
+    perfevent::ZVKPerfThrottle throttle;
+    if (!read_payload(record, &throttle)) return false;
+    ++*count;
+    return true;
+  }
+
+  bool take_mapping(const ZVKRecordReader& record) {
+    perfevent::ZVKPerfMMap mmap;
+    std::string name;
+    if (!read_mmap(record, &mmap, &name)) return false;
+    m_mappings.push_back({mmap.addr, mmap.len, mmap.pgoff, std::move(name)});
+    return true;
+  }
+
+  // Most samples first; ties by pid, then tid, so that the order is stable.
+  std::vector<ThreadSamples> threads_by_samples() const {
+    std::vector<ThreadSamples> threads;
+    for (const auto& thread : m_samples_by_thread) {
+      threads.push_back({thread.first.first, thread.first.second, thread.second});
+    }
+    std::stable_sort(threads.begin(), threads.end(),
+                     [](const ThreadSamples& a, const ThreadSamples& b) {
+                       return a.samples > b.samples;
+                     });
+    return threads;
+  }
+
+  // Samples whose id is a configuration's format_id: the events it fired.
+  uint64_t samples_of(uint64_t format_id) const {
+    const auto found = m_samples_by_id.find(format_id);
+    return found == m_samples_by_id.end() ? 0 : found->second;
+  }
+
+  void print_events_text(std::ostream& out) const {
+    out << "CPU records by event:\n";
+    for (const auto& event : m_events) {
+      out << "  " << left_cell(event_label(event.first), 24) << ' '
+          << right_cell(std::to_string(event.second), 12) << '\n';
+    }
+    if (m_undecoded != 0) {
+      out << "  (" << m_undecoded << " not decoded: payload too short or event unknown)\n";
+    }
+  }
+
+  void print_threads_text(std::ostream& out) const {
+    out << "CPU samples by thread:\n";
+    print_thread_row(out, "pid", "tid", "samples");
+    for (const ThreadSamples& thread : threads_by_samples()) {
+      print_thread_row(out, std::to_string(thread.pid), std::to_string(thread.tid),
+                       std::to_string(thread.samples));
+    }
+  }
+
+  // Each mapping as the range it covers, in file order.
+  void print_mappings_text(std::ostream& out) const {
+    out << "CPU mappings: " << m_mappings.size() << '\n';
+    for (const Mapping& mapping : m_mappings) {
+      out << "  " << hex_number(mapping.addr) << '-' << hex_number(mapping.addr + mapping.len)
+          << " pgoff=" << hex_number(mapping.pgoff) << ' ' << json_string(mapping.file) << '\n';
+    }
+  }
+
+  static std::string event_label(uint32_t type) {
+    return type < perfevent::PERF_EVENT_MAX ? cpu_event_name(type)
+                                            : "event " + std::to_string(type);
+  }
+
+  static void print_thread_row(std::ostream& out, const std::string& pid, const std::string& tid,
+                               const std::string& samples) {
+    out << "  " << right_cell(pid, 10) << ' ' << right_cell(tid, 10) << ' '
+        << right_cell(samples, 12) << '\n';
+  }
+
+  std::vector<std::vector<Field>> thread_rows() const {
+    std::vector<std::vector<Field>> rows;
+    for (const ThreadSamples& thread : threads_by_samples()) {
+      rows.push_back({number_field("pid", thread.pid), number_field("tid", thread.tid),
+                      number_field("samples", thread.samples)});
+    }
+    return rows;
+  }
+
+  std::vector<std::vector<Field>> mapping_rows() const {
+    std::vector<std::vector<Field>> rows;
+    for (const Mapping& mapping : m_mappings) {
+      rows.push_back({hex_field("addr", mapping.addr), hex_field("len", mapping.len),
+                      hex_field("pgoff", mapping.pgoff), text_field("file", mapping.file)});
+    }
+    return rows;
+  }
+
+  // Each configuration decoded, with the number of samples of its event.
+  std::vector<std::vector<Field>> configuration_rows() const {
+    std::vector<std::vector<Field>> rows;
+    for (const perfevent::ZVKPerfConfigData& config : m_configurations) {
+      rows.push_back(config_fields(config));
+      rows.back().push_back(number_field("samples", samples_of(config.format_id)));
+    }
+    return rows;
+  }
+
+  static void print_json_array(std::ostream& out, const std::vector<std::vector<Field>>& rows) {
+    out << '[';
+    for (size_t i = 0; i < rows.size(); ++i) {
+      out << (i ? ",{" : "{");
+      for (size_t j = 0; j < rows[i].size(); ++j) out << (j ? "," : "") << rows[i][j].json;
+      out << '}';
+    }
+    out << ']';
+  }
+
+  uint64_t m_records = 0;
+  uint64_t m_undecoded = 0;
+  std::map<uint32_t, uint64_t> m_events;  // event code -> records
+  std::map<std::pair<uint32_t, uint32_t>, uint64_t> m_samples_by_thread;  // (pid, tid) -> samples
+  std::unordered_map<uint64_t, uint64_t> m_samples_by_id;
+  uint64_t m_lost = 0;
+  uint64_t m_lost_records = 0;
+  uint64_t m_throttles = 0;
+  uint64_t m_unthrottles = 0;
+  std::vector<Mapping> m_mappings;  // in file order
+  std::vector<perfevent::ZVKPerfConfigData> m_configurations;
+};
+
 // Records by kind, and annotation ranges by name: BEGIN and END matched by token.
 class Summary {
  public:
@@ -146,6 +557,7 @@ class Summary {
     std::string kind = hardware_name(hw);
     if (hw == ANNOTATION) kind += std::string(" ") + annotation_name(record.event_type());
     ++m_records_by_kind[kind];
+    if (hw == CPU) m_cpu.add(record);
     if (hw != ANNOTATION || record.payload_size() < 8) return;
     const uint64_t token = read_u64(record.payload());
     if (record.event_type() == annotations::BEGIN) {
@@ -170,6 +582,8 @@ class Summary {
     }
     if (!m_open_ranges.empty()) out << "  (" << m_open_ranges.size() << " begins without an end)\n";
     if (m_unmatched_ends != 0) out << "  (" << m_unmatched_ends << " ends without a begin)\n";
+    // A capture without CPU sampling keeps its summary as it was.
+    if (!m_cpu.empty()) m_cpu.print_text(out);
   }
 
   // The summary's members of a JSON object, without the braces.
@@ -180,7 +594,9 @@ class Summary {
       out << separator << json_string(kind.first) << ':' << kind.second;
       separator = ",";
     }
-    out << "},\"ranges\":[";
+    out << "},\"cpu\":";
+    m_cpu.print_json(out);
+    out << ",\"ranges\":[";
     separator = "";
     for (const auto& range : m_ranges) {
       out << separator << "{\"name\":" << json_string(range.first)
@@ -215,36 +631,58 @@ class Summary {
   std::unordered_map<uint64_t, std::pair<std::string, uint64_t>> m_open_ranges;  // token -> begin
   std::map<std::string, RangeStats> m_ranges;
   uint64_t m_unmatched_ends = 0;
+  CpuSummary m_cpu;
 };
 
-void print_record_text(const ZVKRecordReader& record, std::ostream& out) {
-  const uint32_t hw = record.hardware_type();
-  out << "    " << record.timestamp() << ' ' << hardware_name(hw);
-  if (hw == ANNOTATION) {
-    const uint32_t type = record.event_type();
-    out << " " << annotation_name(type) << " cpu=" << record.device_id() << " pid=" << record.pid()
-        << " tid=" << record.tid();
-    if ((type == annotations::BEGIN || type == annotations::MARKER) && record.payload_size() >= 8) {
-      out << " token=" << read_u64(record.payload()) << " msg=\"" << message_of(record) << "\"";
-    } else if (type == annotations::END && record.payload_size() >= 8) {
-      out << " token=" << read_u64(record.payload());
-    } else if (type == annotations::TIME_MARKER &&
-               record.payload_size() >= sizeof(annotations::time_marker)) {
-      annotations::time_marker marker;
-      std::memcpy(&marker, record.payload(), sizeof(marker));
-      for (int i = 0; i < annotations::kClockPairs; ++i) {
-        out << "\n      monotonic_raw=" << marker.monotic[i] << " realtime=" << marker.realtime[i];
-      }
-    } else {
-      out << " payload=" << hex_bytes(record.payload(), record.payload_size());
+void print_annotation_text(const ZVKRecordReader& record, std::ostream& out) {
+  const uint32_t type = record.event_type();
+  out << " " << annotation_name(type) << " cpu=" << record.device_id() << " pid=" << record.pid()
+      << " tid=" << record.tid();
+  if ((type == annotations::BEGIN || type == annotations::MARKER) && record.payload_size() >= 8) {
+    out << " token=" << read_u64(record.payload()) << " msg=\"" << message_of(record) << "\"";
+  } else if (type == annotations::END && record.payload_size() >= 8) {
+    out << " token=" << read_u64(record.payload());
+  } else if (type == annotations::TIME_MARKER &&
+             record.payload_size() >= sizeof(annotations::time_marker)) {
+    annotations::time_marker marker;
+    std::memcpy(&marker, record.payload(), sizeof(marker));
+    for (int i = 0; i < annotations::kClockPairs; ++i) {
+      out << "\n      monotonic_raw=" << marker.monotic[i] << " realtime=" << marker.realtime[i];
     }
-    out << "\n";
-    return;
+  } else {
+    out << " payload=" << hex_bytes(record.payload(), record.payload_size());
   }
+  out << "\n";
+}
+
+void print_cpu_text(const ZVKRecordReader& record, const std::vector<Field>& fields,
+                    std::ostream& out) {
+  out << ' ' << cpu_event_name(record.event_type()) << " cpu=" << record.device_id()
+      << " pid=" << record.pid() << " tid=" << record.tid();
+  for (const Field& field : fields) out << ' ' << field.text;
+  out << '\n';
+}
+
+// A record of a source or event this dump doesn't decode, or one whose payload is
+// too short for its format: the header's numbers and the payload's bytes.
+void print_raw_text(const ZVKRecordReader& record, std::ostream& out) {
   out << " device=" << record.device_id() << " event=" << record.event_type()
       << " pid=" << record.pid() << " tid=" << record.tid()
       << " callchain=" << record.num_callchains() << " payload=" << record.payload_size() << " "
       << hex_bytes(record.payload(), record.payload_size()) << "\n";
+}
+
+void print_record_text(const ZVKRecordReader& record, std::ostream& out) {
+  const uint32_t hw = record.hardware_type();
+  out << "    " << record.timestamp() << ' ' << hardware_name(hw);
+  std::vector<Field> fields;
+  if (hw == ANNOTATION) {
+    print_annotation_text(record, out);
+  } else if (hw == CPU && cpu_fields(record, &fields)) {
+    print_cpu_text(record, fields, out);
+  } else {
+    print_raw_text(record, out);
+  }
 }
 
 void print_record_json(const ZVKRecordReader& record, std::ostream& out) {
@@ -271,6 +709,11 @@ void print_record_json(const ZVKRecordReader& record, std::ostream& out) {
       for (int i = 0; i < annotations::kClockPairs; ++i) out << (i ? "," : "") << marker.realtime[i];
       out << "]";
     }
+  }
+  std::vector<Field> fields;
+  if (hw == CPU && cpu_fields(record, &fields)) {
+    out << ",\"event\":\"" << cpu_event_name(record.event_type()) << '"';
+    for (const Field& field : fields) out << ',' << field.json;
   }
   out << ",\"payload_hex\":\"" << hex_bytes(record.payload(), record.payload_size()) << "\"}";
 }
@@ -493,7 +936,7 @@ bool dump_file(const std::string& path, const DumpOptions& options, Progress& pr
 const char kUsage[] =
     "usage: zvkdump [--json] [--summary] [--progress | --no-progress] [--] FILE...\n"
     "Prints capture files (.zvkraw): the header, then every bucket and record.\n"
-    "  --summary      records by kind and annotation ranges instead\n"
+    "  --summary      records by kind, annotation ranges and CPU sampling instead\n"
     "  --json         as one JSON document: an object for one file, an array for several\n"
     "  --progress     progress on stderr even when it isn't a terminal\n"
     "  --no-progress  no progress, not even on a terminal\n"
