@@ -1,6 +1,7 @@
 """A small real model trained on the CPU under the profiler: each step and its
 forward, backward and optimizer phases are annotated, from a data-loading thread
-too. Run by `make demo`, which then shows what was captured."""
+too, and every thread is sampled with its call chain. Run by `make demo`, which
+then shows what was captured."""
 
 import threading
 import time
@@ -40,7 +41,12 @@ def make_batches(queue, ready):
 
 def main():
     config = _zorv.Config()
-    config.profiler = {"BucketCount": "8", "BucketSizeMB": "4", "RecordFile": "zorvek_demo_%p"}
+    config.profiler = {"BucketCount": "8", "BucketSizeMB": "4", "RecordFile": "zorvek_demo_%p",
+                       "EnablePerf": "1"}
+    # CPU samples at about 1 kHz from the kernel's software clock, which every
+    # machine has (many VMs have no hardware PMU), of this thread and of every
+    # thread started after the start: the data loader and torch's workers.
+    config.perf = {"EventConfigs": "1,0,1000003,743,0,0,0", "InheritEvents": "1"}
     profiler = _zorv.Zorvek.instance()
     print("configure:", repr(profiler.configure(config)))
     profiler.start_profiling()

@@ -447,57 +447,39 @@ TEST(PerfHandlerConfigure, ASecondConfigureAppendsAndRetestsTheList) {
   EXPECT_EQ(kernel.calls("perf_event_open"), 3);
 }
 
-struct PagesCase {
-  const char* log2;
-  uint32_t pages;
-  const char* message;  // the one log line, or empty
-};
+// The ring size a "Log2NumPages" comes to, and what configure said of it.
+std::pair<uint32_t, Strings> ring_size_for(const std::string& log2) {
+  Pipeline pipeline;
+  ZVKPerfHandler handler(pipeline.helper);
+  CaptureStderr();
+  EXPECT_TRUE(handler.configure({{"Log2NumPages", log2}}).ok());
+  Strings lines = log_messages(GetCapturedStderr());
+  lines.pop_back();  // the configuration summary
+  return {handler.pages_per_handle(), lines};
+}
 
 TEST(PerfHandlerConfigure, RingSizeIsClampedAndToldAsItShouldBe) {
   const long page = sysconf(_SC_PAGESIZE);
-  const std::string p21 = std::to_string(page << 21);
-  const std::string p31 = std::to_string(page << 31);
-  const std::vector<PagesCase> cases = {
-      {"0", 128, "ERROR| Number of pages per perf handle is 1<128, setting it to 128"},
-      {"6", 128, "ERROR| Number of pages per perf handle is 64<128, setting it to 128"},
-      {"7", 128, "WARNING| Number of pages per perf handle is 128<512, could lead to dropped events"},
-      {"8", 256, "WARNING| Number of pages per perf handle is 256<512, could lead to dropped events"},
-      {"9", 512, ""},
-      {"10", 1024, ""},
-      {"", 1024, ""},
+  const std::map<std::string, std::pair<uint32_t, Strings>> expected = {
+      {"0", {128, {"ERROR| Number of pages per perf handle is 1<128, setting it to 128"}}},
+      {"6", {128, {"ERROR| Number of pages per perf handle is 64<128, setting it to 128"}}},
+      {"7",
+       {128, {"WARNING| Number of pages per perf handle is 128<512, could lead to dropped events"}}},
+      {"8",
+       {256, {"WARNING| Number of pages per perf handle is 256<512, could lead to dropped events"}}},
+      {"9", {512, {}}},
+      {"10", {1024, {}}},
+      {"", {1024, {}}},
+      {"21",
+       {2097152,
+        {"WARNING| Log2NumPages is 21 which correspond to 2097152 pages or " +
+         std::to_string(page << 21) + " bytes per handle!"}}},
+      {"31",
+       {1048576,
+        {"ERROR| Log2NumPages is 31 which correspond to 2147483648 pages or " +
+         std::to_string(page << 31) + " bytes per handle! Reducing it to 20"}}},
   };
-  for (const PagesCase& c : cases) {
-    Pipeline pipeline;
-    ZVKPerfHandler handler(pipeline.helper);
-    CaptureStderr();
-    ASSERT_TRUE(handler.configure({{"Log2NumPages", c.log2}}).ok());
-    Strings lines = log_messages(GetCapturedStderr());
-    lines.pop_back();  // the configuration summary
-    EXPECT_EQ(handler.pages_per_handle(), c.pages) << c.log2;
-    EXPECT_EQ(lines, std::string(c.message).empty() ? Strings{} : Strings{c.message}) << c.log2;
-  }
-  {
-    Pipeline pipeline;
-    ZVKPerfHandler handler(pipeline.helper);
-    CaptureStderr();
-    ASSERT_TRUE(handler.configure({{"Log2NumPages", "21"}}).ok());
-    Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_EQ(handler.pages_per_handle(), 2097152u);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "WARNING| Log2NumPages is 21 which correspond to 2097152 pages or " + p21 +
-                            " bytes per handle!");
-  }
-  {
-    Pipeline pipeline;
-    ZVKPerfHandler handler(pipeline.helper);
-    CaptureStderr();
-    ASSERT_TRUE(handler.configure({{"Log2NumPages", "31"}}).ok());
-    Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_EQ(handler.pages_per_handle(), 1048576u);
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "ERROR| Log2NumPages is 31 which correspond to 2147483648 pages or " + p31 +
-                            " bytes per handle! Reducing it to 20");
-  }
+  for (const auto& entry : expected) EXPECT_EQ(ring_size_for(entry.first), entry.second) << entry.first;
 }
 
 TEST(PerfHandlerConfigure, TheSummaryTellsTheSettings) {
