@@ -17,6 +17,7 @@
 #include <mutex>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -102,6 +103,7 @@ class ScriptedKernel : public ZVKPerfKernel {
     const int err = errno;
     std::lock_guard<std::mutex> lock(m_mutex);
     m_opens.push_back(Open{*attr, pid, cpu, group_fd, flags, fd});
+    if (fd >= 0) m_descriptor_log.emplace_back(true, fd);
     errno = err;
     return fd;
   }
@@ -112,6 +114,7 @@ class ScriptedKernel : public ZVKPerfKernel {
     {
       std::lock_guard<std::mutex> lock(m_mutex);
       m_closed.push_back(fd);
+      m_descriptor_log.emplace_back(false, fd);
     }
     return note("close", ZVKPerfKernel::close(fd));
   }
@@ -131,6 +134,7 @@ class ScriptedKernel : public ZVKPerfKernel {
     const int fd = ZVKPerfKernel::epoll_create1(flags);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_epoll_fds.push_back(fd);
+    m_descriptor_log.emplace_back(true, fd);
     return fd;
   }
   int epoll_ctl(int epfd, int op, int fd, epoll_event* event) override {
@@ -147,6 +151,17 @@ class ScriptedKernel : public ZVKPerfKernel {
   std::vector<int> epoll_fds() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_epoll_fds;
+  }
+
+  // How often `fd` was closed since the kernel last gave out that number.
+  size_t times_closed_since_opened(int fd) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    size_t closes = 0;
+    for (const auto& entry : m_descriptor_log) {
+      if (entry.second != fd) continue;
+      closes = entry.first ? 0 : closes + 1;
+    }
+    return closes;
   }
 
  private:
@@ -187,6 +202,7 @@ class ScriptedKernel : public ZVKPerfKernel {
   std::vector<Open> m_opens;
   std::vector<int> m_closed;
   std::vector<int> m_epoll_fds;
+  std::vector<std::pair<bool, int>> m_descriptor_log;  // opened (true) or closed, and the number
 };
 
 // The flag word of a perf_event_attr, the 64 bits after read_format.
@@ -786,7 +802,6 @@ struct StartedCapture {
     EXPECT_TRUE(configure_quietly(handler, settings).ok());
   }
   Status start() {
-    closed_before = kernel.closed().size();
     CaptureStderr();
     const Status status = handler.start();
     start_log = GetCapturedStderr();
@@ -807,12 +822,7 @@ struct StartedCapture {
     }
     return true;
   }
-  // Since the start: numbers are reused, the probes' among them.
-  size_t times_closed(int fd) const {
-    const auto closed = kernel.closed();
-    return static_cast<size_t>(
-        std::count(closed.begin() + static_cast<long>(closed_before), closed.end(), fd));
-  }
+  size_t times_closed(int fd) const { return kernel.times_closed_since_opened(fd); }
 
   Pipeline pipeline;
   ScriptedKernel kernel;
@@ -820,13 +830,11 @@ struct StartedCapture {
   std::vector<PerfConfFD> fds;
   std::string start_log;
   std::string stop_log;
-  size_t closed_before = 0;
 };
 
 TEST(PerfWorker, AFailedEpollCreationEndsTheWorkerAndItsDescriptorsAreClosedOnce) {
   StartedCapture capture;
   capture.kernel.fail("epoll_create1", EMFILE);
-  capture.closed_before = capture.kernel.closed().size();
   CaptureStderr();
   ASSERT_TRUE(capture.handler.start().ok());
   capture.fds = capture.handler.perf_fds();
@@ -849,7 +857,6 @@ TEST(PerfWorker, AFailedEpollCreationEndsTheWorkerAndItsDescriptorsAreClosedOnce
 TEST(PerfWorker, AFailedEpollRegistrationClosesTheEpollDescriptor) {
   StartedCapture capture;
   capture.kernel.fail("epoll_ctl", EPERM);
-  capture.closed_before = capture.kernel.closed().size();
   CaptureStderr();
   ASSERT_TRUE(capture.handler.start().ok());
   capture.fds = capture.handler.perf_fds();
@@ -870,7 +877,6 @@ TEST(PerfWorker, AFailedMappingUnmapsTheRingsMappedSoFar) {
   if (get_nprocs_conf() < 2) GTEST_SKIP() << "needs two descriptors";
   StartedCapture capture;
   capture.kernel.fail("map_ring", ENOMEM, 1);
-  capture.closed_before = capture.kernel.closed().size();
   CaptureStderr();
   ASSERT_TRUE(capture.handler.start().ok());
   capture.fds = capture.handler.perf_fds();
@@ -894,7 +900,6 @@ TEST(PerfWorker, AnInterruptedWaitEndsTheWorkerWithoutAFinalDrain) {
     errno = EINTR;
     return -1;
   };
-  capture.closed_before = capture.kernel.closed().size();
   CaptureStderr();
   ASSERT_TRUE(capture.handler.start().ok());
   capture.fds = capture.handler.perf_fds();
@@ -909,6 +914,24 @@ TEST(PerfWorker, AnInterruptedWaitEndsTheWorkerWithoutAFinalDrain) {
   const auto records = capture.pipeline.written();
   EXPECT_EQ(of_event(records, perfevent::CONFIGURATION).size(), capture.fds.size());
   EXPECT_TRUE(of_event(records, perfevent::SAMPLE).empty());
+}
+
+TEST(PerfWorker, AnExceptionEndsTheWorkerNotTheProcess) {
+  StartedCapture capture;
+  capture.kernel.epoll_wait_script = [](epoll_event*, int) -> int {
+    throw std::runtime_error("no memory for the wait");
+  };
+  CaptureStderr();
+  ASSERT_TRUE(capture.handler.start().ok());
+  capture.fds = capture.handler.perf_fds();
+  ASSERT_TRUE(eventually([&] { return capture.worker_closed_all(); }));
+  const Strings lines = log_messages(GetCapturedStderr());
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "ERROR| Perf worker ended by an exception: no memory for the wait"),
+            lines.end());
+  capture.stop();
+  for (const PerfConfFD& fd : capture.fds) EXPECT_EQ(capture.times_closed(static_cast<int>(fd.fd)), 1u);
+  EXPECT_EQ(capture.times_closed(capture.kernel.epoll_fds()[0]), 1u);
 }
 
 TEST(PerfWorker, SamplesWrittenBeforeTheDisableAreRecordedByTheFinalDrain) {

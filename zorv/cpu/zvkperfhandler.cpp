@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <set>
 #include <sstream>
 
@@ -166,9 +167,15 @@ Status ZVKPerfHandler::PerfWorker::run() {
   ScopedSignalsBlocked blocked;
   // The thread works on its own copy of the list, which no move of this worker
   // can pull away from under it.
+  // An exception that escaped would end the job: it ends the worker instead, whose
+  // cleaner has released the descriptors and rings on the way out.
   m_thread = std::make_unique<std::thread>(
       [processor = m_processor, fds = m_fds, rh = m_rh.get(), running = m_switch.get()]() mutable {
-        processor(fds, rh, running);
+        try {
+          processor(fds, rh, running);
+        } catch (const std::exception& e) {
+          LOG(ERROR) << "Perf worker ended by an exception: " << e.what();
+        }
       });
   return Status::OK();
 }
