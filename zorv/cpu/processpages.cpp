@@ -199,6 +199,8 @@ void process_pages(int cpu, perf_event_mmap_page* page, uint64_t sample_mask, vo
     if (evt_end <= rb_end) {
       parse_event(cpu, sample_mask, index, ehdr, rh);
     } else {
+      // Longer than the ring: not a record the kernel wrote, and nothing after it can be found.
+      if (esize > page->data_size) return;
       if (*page_buffer_size < esize) {
         free(*page_buffer);
         *page_buffer_size = esize;
