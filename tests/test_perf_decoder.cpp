@@ -909,6 +909,23 @@ TEST(PerfDecoder, HeaderShorterThanItselfStopsTheDrainWhereItIs) {
   }
 }
 
+TEST(PerfDecoder, AHeaderLongerThanTheRingStopsTheDrainWhereItIs) {
+  Ring ring;  // one data page
+  Decoder decoder;
+  const Sample first = sample_with_chain(2, 1);
+  ring.start_at(3 * ring.data_size());
+  ring.push(kernel(first));
+  const uint64_t stuck = ring.head();
+  // Claims far more bytes than the whole data area: a copy would read past the ring.
+  const uint16_t size = 65528;
+  ring.put(stuck, Bytes().u32(PERF_RECORD_SAMPLE).u16(0).u16(size).str());
+  ring.set_head(stuck + size);
+  EXPECT_TRUE(same_bytes(decoder.drain_and_take(ring), expected(first)));
+  EXPECT_EQ(ring.tail(), stuck);
+  EXPECT_EQ(decoder.drain_and_take(ring), "");
+  EXPECT_EQ(ring.tail(), stuck);
+}
+
 TEST(PerfDecoder, RecordsTooShortForTheirTypeAreSteppedOver) {
   Ring ring;
   Decoder decoder;
