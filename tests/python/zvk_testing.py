@@ -45,6 +45,41 @@ _HEADER_FIELDS = ("key", "version", "compression", "config", "start_time", "end_
 ANNOTATION = 5
 BEGIN, END, TIME_MARKER = 0, 1, 2
 
+# CPU sampling records (hw_type 0): event types and the payload of each, decoded
+# into the record's dict under these names. The event type of the record stays
+# under "type"; the perf_event_attr type of a CONFIGURATION is "perf_type".
+CPU = 0
+CONFIGURATION, SAMPLE, THROTTLE, UNTHROTTLE, LOST, MMAP, FORK, EXIT = 0, 1, 2, 3, 4, 6, 7, 8
+_CPU_PAYLOADS = {
+    CONFIGURATION: (struct.Struct("<QQQIIQQ"), ("config", "config1", "config2", "perf_type",
+                                                "precise", "period", "format_id")),
+    SAMPLE: (struct.Struct("<QQQ"), ("ip", "id", "stream_id")),
+    THROTTLE: (struct.Struct("<QQ"), ("id", "stream_id")),
+    UNTHROTTLE: (struct.Struct("<QQ"), ("id", "stream_id")),
+    LOST: (struct.Struct("<QQQ"), ("id", "stream_id", "lost")),
+    MMAP: (struct.Struct("<QQQQQQ"), ("id", "stream_id", "addr", "len", "pgoff", "strsize")),
+    FORK: (struct.Struct("<QQII"), ("id", "stream_id", "ppid", "ptid")),
+    EXIT: (struct.Struct("<QQII"), ("id", "stream_id", "ppid", "ptid")),
+}
+
+
+def _decode_cpu(record, word, chain_bytes, payload):
+    """Adds the CPU number and the payload's fields; a SAMPLE also gets its call
+    chain as the plain list of 64-bit slots the record carries (two per entry, so
+    an odd-length chain ends in one slot of whatever the buffer held)."""
+    record["device"] = (word >> 20) & 0xFF
+    layout = _CPU_PAYLOADS.get(record["type"])
+    if layout is None:
+        return
+    shape, names = layout
+    record.update(zip(names, shape.unpack_from(payload)))
+    if record["type"] == SAMPLE:
+        record["chain"] = list(struct.unpack_from("<%dQ" % (len(chain_bytes) // 8), chain_bytes))
+    elif record["type"] == MMAP:
+        name = payload[shape.size:shape.size + record["strsize"]]
+        record["filename"] = name.decode(errors="replace")
+
+
 Capture = collections.namedtuple("Capture", "header buckets records torn")
 
 
@@ -72,6 +107,8 @@ def read_capture(path):
             payload = raw[at + 24 + 16 * chain:at + 24 + 16 * chain + size]
             record = {"timestamp": stamp, "hw": word >> 28, "type": word & 0xFFFFF,
                       "pid": pid, "tid": tid}
+            if record["hw"] == CPU:
+                _decode_cpu(record, word, raw[at + 24:at + 24 + 16 * chain], payload)
             if record["hw"] == ANNOTATION and record["type"] != TIME_MARKER:
                 record["token"] = struct.unpack_from("<Q", payload)[0]
                 if record["type"] != END:
@@ -93,3 +130,8 @@ def begins(capture, msg=None, pid=None):
 
 def ends(capture):
     return [r for r in capture.records if r["hw"] == ANNOTATION and r["type"] == END]
+
+
+def cpu_records(capture, event_type, pid=None, tid=None):
+    return [r for r in capture.records if r["hw"] == CPU and r["type"] == event_type
+            and (pid is None or r["pid"] == pid) and (tid is None or r["tid"] == tid)]
