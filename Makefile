@@ -4,8 +4,8 @@
 SHELL := /bin/bash
 PYTHON ?= python3
 JOBS ?= $(shell nproc)
-APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev
-PIP_PACKAGES := scikit-build-core pybind11 pytest
+APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind-dev
+PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt
 CMAKE_CONFIGURE = cmake -G Ninja -S . -DZORV_BUILD_PYTHON=OFF
 
 .PHONY: deps build test test-cpp test-asan test-tsan test-python install demo bench clean
