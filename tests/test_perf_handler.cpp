@@ -1171,7 +1171,7 @@ TEST(PerfFork, AChildNeitherJoinsItsParentsWorkerNorClosesAnotherFile) {
     CaptureStderr();
     const Status stopped = capture.handler.stop();
     GetCapturedStderr();
-    EXPECT_EQ(stopped.msg_, "No active workers!");
+    EXPECT_TRUE(stopped.ok()) << stopped.msg_;
     // The child's copies of the descriptors are closed...
     for (const PerfConfFD& fd : fds) EXPECT_FALSE(is_open(static_cast<int>(fd.fd)));
     // ...and a capture of its own can start and stop.

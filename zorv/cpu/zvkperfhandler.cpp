@@ -563,7 +563,9 @@ Status ZVKPerfHandler::flush() {
 }
 
 Status ZVKPerfHandler::stop() {
-  release_workers_lost_to_fork();
+  // In a forked child the capture's workers stayed in the parent: letting go of
+  // them is all there is to stop here.
+  if (release_workers_lost_to_fork()) return Status::OK();
   if (m_workers.empty()) return Status(error::FAILED_PRECONDITION, "No active workers!");
   for (PerfWorker& worker : m_workers) worker.stop();
   // The workers and descriptors are released whatever the flush answers: a helper
@@ -596,16 +598,17 @@ void ZVKPerfHandler::close_handler_fds() {
   m_perf_fds.clear();
 }
 
-void ZVKPerfHandler::release_workers_lost_to_fork() {
+bool ZVKPerfHandler::release_workers_lost_to_fork() {
   bool lost = false;
   for (PerfWorker& worker : m_workers) {
     if (!worker.lost_to_fork()) continue;
     worker.forget_thread();
     lost = true;
   }
-  if (!lost) return;
+  if (!lost) return false;
   close_handler_fds();
   m_workers.clear();
+  return true;
 }
 
 }  // namespace zorvek

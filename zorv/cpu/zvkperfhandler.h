@@ -164,8 +164,9 @@ class ZVKPerfHandler {
   // Closes what this process owns of a failed or finished capture's descriptors:
   // those of workers that never ran, and after a fork those that still are ours.
   void close_handler_fds();
-  // In a forked child: the workers' threads stayed in the parent.
-  void release_workers_lost_to_fork();
+  // In a forked child: the workers' threads stayed in the parent. True when there
+  // were such workers, now let go of with the child's copies of their descriptors.
+  bool release_workers_lost_to_fork();
 
   std::string m_cgroup_dir;
   std::vector<PerfWorker> m_workers;
