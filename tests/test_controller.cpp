@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -224,25 +225,25 @@ TEST(Configure, EmptyConfigBuildsOnlyAnnotatorAndWriter) {
 
 // "EnablePerf" with no "PERF" section, and "EnableCuda" with no "CUDA": both are
 // announced and configure goes on. The CPU collector is configured with an empty
-// map, which gives the default sampling summary; the GPU collector is not in this
-// build, so its announcement is followed by a warning that says so.
+// map, which gives the default sampling summary. Unshared, each collector and the
+// annotator hold a buffer of their own, and the writer one more.
 TEST(Configure, CollectorsAreAnnouncedAndUnsharedAnnotatorNamed) {
   EXPECT_EQ(0, run_in_child([] {
     clear_environment();
     Zorv& zorv = Zorv::instance();
     CaptureStderr();
     ASSERT_TRUE(zorv.configure({{"ZORV",
-                                 {{"BucketCount", "3"}, {"BucketSizeMB", "1"}, {"EnableCuda", "1"},
+                                 {{"BucketCount", "4"}, {"BucketSizeMB", "1"}, {"EnableCuda", "1"},
                                   {"EnablePerf", "1"}, {"SharedBuffers", "0"},
                                   {"SharedAnnotations", "0"}, {"EnableForkFollow", "1"}}}})
                     .ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    ASSERT_GE(lines.size(), 4u);
+    ASSERT_GE(lines.size(), 3u);
     EXPECT_EQ(lines[0], "INFO| CPU capture enabled ");
     EXPECT_EQ(lines[1], "INFO| CUDA capture enabled ");
-    EXPECT_EQ(lines[2],
-              "WARNING| GPU tracing is not part of this build yet; the capture runs without it");
-    EXPECT_EQ(lines[3], "INFO| Perf capture configuration= ");
+    EXPECT_EQ(lines[2], "INFO| Perf capture configuration= ");
+    ASSERT_NE(ZorvTestPeer::cuda(zorv), nullptr);
+    EXPECT_EQ(ZorvTestPeer::cuda(zorv)->name(), "CUDACollector");
     ASSERT_NE(ZorvTestPeer::perf(zorv), nullptr);
     EXPECT_EQ(ZorvTestPeer::perf(zorv)->name(), "PERFCollector");
     EXPECT_EQ(ZorvTestPeer::annotator(zorv)->name(), "Annotator");
@@ -290,6 +291,16 @@ TEST(Configure, SettingsThatCanOnlyHangOrLoseEverythingAreRefused) {
       "level alone; got ";
   expect_refused({}, "ZVK_BUCKET_COMPRESSION", "1000042", compression + "1000042");
   expect_refused({{"ZORV", {{"Compression", "10"}}}}, nullptr, nullptr, compression + "10");
+  // Unshared, every producer holds a buffer: per-CPU sampling workers one per CPU.
+  const std::string cpus = std::to_string(get_nprocs_conf());
+  const std::string needed = std::to_string(get_nprocs_conf() + 3);
+  expect_refused({{"ZORV",
+                   {{"BucketCount", cpus}, {"EnablePerf", "1"}, {"EnableCuda", "1"},
+                    {"SharedBuffers", "0"}, {"SharedAnnotations", "0"}}},
+                  {"PERF", {{"SingleWorker", "0"}, {"SharedBuckets", "0"}}}},
+                 nullptr, nullptr,
+                 "BucketCount must be at least " + needed +
+                     ", one buffer for each record producer and one for the writer; got " + cpus);
 }
 
 TEST(Configure, AFailedAllocationLeavesTheProfilerUnconfiguredAndSound) {

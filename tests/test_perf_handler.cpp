@@ -724,11 +724,10 @@ TEST(PerfHandlerStart, AHandlerBuiltOnAHelperRefusesPerWorkerHelpers) {
             "Configuration mismatch! Needs to be constructed with queues instead of helper!");
   EXPECT_EQ(lines.back(), "ERROR| Handler constructed with a bucket helper! needs to be constructed "
                           "with queue pointers instead!");
-  // The descriptors stay open and in the list, until the handler goes.
-  ASSERT_EQ(handler.perf_fds().size(), static_cast<size_t>(get_nprocs_conf()));
-  const int fd = static_cast<int>(handler.perf_fds()[0].fd);
-  EXPECT_TRUE(is_open(fd));
+  // Refused before anything is opened: a retry leaves nothing behind either.
+  EXPECT_TRUE(handler.perf_fds().empty());
   EXPECT_TRUE(handler.workers().empty());
+  for (const auto& open : kernel.opens()) EXPECT_EQ(open.pid, -1);  // the list's test only
 }
 
 // ---- A real capture ----------------------------------------------------------------
@@ -762,8 +761,9 @@ TEST(PerfCapture, SamplesOfTheCallingThreadFollowTheirConfigurationRecords) {
     ids.insert(config.format_id);
   }
   const auto samples = of_event(records, perfevent::SAMPLE);
-  // 300 ms at 1 kHz on a thread that never sleeps; far fewer would mean trouble.
-  EXPECT_GT(samples.size(), 50u);
+  // 300 ms at 1 kHz on a thread that never sleeps: even a loaded machine under a
+  // sanitizer gives it a good share of that.
+  EXPECT_GT(samples.size(), 10u);
   const uint32_t tid = static_cast<uint32_t>(syscall(SYS_gettid));
   for (const auto& sample : samples) {
     const auto payload = payload_of<perfevent::ZVKPerfSample>(sample);
@@ -945,9 +945,35 @@ TEST(PerfWorker, SamplesWrittenBeforeTheDisableAreRecordedByTheFinalDrain) {
   ASSERT_TRUE(eventually([&] { return capture.kernel.calls("enable") == static_cast<int>(capture.fds.size()); }));
   spin_for(std::chrono::milliseconds(300));
   EXPECT_TRUE(capture.stop().ok());
-  EXPECT_GT(of_event(capture.pipeline.written(), perfevent::SAMPLE).size(), 50u);
+  EXPECT_GT(of_event(capture.pipeline.written(), perfevent::SAMPLE).size(), 10u);
   // The worker disabled every descriptor before it drained, then closed each once.
   for (const PerfConfFD& fd : capture.fds) EXPECT_EQ(capture.times_closed(static_cast<int>(fd.fd)), 1u);
+}
+
+TEST(PerfWorker, ARingWhoseTargetEndedDoesNotSpinTheWorker) {
+  // A thread of its own is the target, and ends while the capture goes on.
+  std::atomic<int> target_tid{0};
+  std::atomic<bool> go{false};
+  std::thread target([&] {
+    target_tid = static_cast<int>(syscall(SYS_gettid));
+    while (!go) std::this_thread::yield();
+    spin_for(std::chrono::milliseconds(100));
+  });
+  while (target_tid == 0) std::this_thread::yield();
+  StartedCapture capture(Settings{{"PID", std::to_string(target_tid.load())}});
+  ASSERT_TRUE(capture.start().ok());
+  go = true;
+  target.join();
+  const int waits_at_exit = capture.kernel.calls("epoll_wait");
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const int waits = capture.kernel.calls("epoll_wait") - waits_at_exit;
+  EXPECT_TRUE(capture.stop().ok());
+  // Woken by its 100 ms time-out, not by the hang-up over and over.
+  EXPECT_LE(waits, 12);
+  EXPECT_GT(capture.kernel.calls("epoll_ctl"), static_cast<int>(capture.fds.size()));
+  const auto samples = of_event(capture.pipeline.written(), perfevent::SAMPLE);
+  EXPECT_FALSE(samples.empty());
+  for (const auto& sample : samples) EXPECT_EQ(sample.tid, static_cast<uint32_t>(target_tid.load()));
 }
 
 TEST(PerfWorker, AWorkerWithNoDescriptorsWaitsUntilItIsStopped) {

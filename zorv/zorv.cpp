@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "zorv/cpu/zvkperfcollector.h"
+#include "zorv/cuda/zvkcudacollector.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkforklocks.h"
 #include "zorv/io/zvkfilewriter.h"
@@ -174,9 +175,14 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   flush_interval_ms = get_env_value_as<uint32_t>("ZVK_FLUSH_INTERVAL_MS", flush_interval_ms);
 
   const bool shared = shared_buffers || shared_annotations;
-  // Without sharing, each producer holds a buffer of its own: the annotator, and
-  // CPU sampling's worker.
-  const uint32_t record_helpers = shared ? 1 : 1 + (enable_perf ? 1 : 0);
+  // Without sharing, each producer holds a buffer of its own: the annotator, CPU
+  // sampling's workers and GPU tracing.
+  const auto perf_section = config.find("PERF");
+  const uint32_t perf_helpers =
+      !enable_perf ? 0
+                   : ZVKPerfHandler::record_helpers_for(
+                         perf_section != config.end() ? perf_section->second : ZVKConfigSection());
+  const uint32_t record_helpers = shared ? 1 : 1 + perf_helpers + (enable_cuda ? 1 : 0);
   const Status settings =
       check_settings(bucket_count, record_helpers + 1, bucket_size_mb, compression);
   if (!settings.ok()) {
@@ -207,7 +213,8 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   }
   if (enable_cuda) {
     LOG(INFO) << "CUDA capture enabled " << "\n";
-    LOG(WARNING) << "GPU tracing is not part of this build yet; the capture runs without it";
+    m_cuda_collector = shared ? new ZVKCudaCollector("CUDACollector", helper)
+                              : new ZVKCudaCollector("CUDACollector", m_to_fill, m_to_write);
   }
 
   // The annotator writes its time marker now, ahead of every later record.

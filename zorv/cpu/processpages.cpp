@@ -188,7 +188,6 @@ void process_pages(int cpu, perf_event_mmap_page* page, uint64_t sample_mask, vo
   char* const base = reinterpret_cast<char*>(page) + page_size;
   const uint64_t rbmask = page->data_size - 1;
   const char* const rb_end = base + page->data_size;
-  uint32_t index = 0;
   while (tail < head) {
     const perf_event_header* ehdr =
         reinterpret_cast<const perf_event_header*>(base + (tail & rbmask));
@@ -197,7 +196,7 @@ void process_pages(int cpu, perf_event_mmap_page* page, uint64_t sample_mask, vo
     if (esize < sizeof(perf_event_header)) return;
     const char* evt_end = reinterpret_cast<const char*>(ehdr) + esize;
     if (evt_end <= rb_end) {
-      parse_event(cpu, sample_mask, index, ehdr, rh);
+      parse_event(cpu, sample_mask, 0, ehdr, rh);
     } else {
       // Longer than the ring: not a record the kernel wrote, and nothing after it can be found.
       if (esize > page->data_size) return;
@@ -215,12 +214,11 @@ void process_pages(int cpu, perf_event_mmap_page* page, uint64_t sample_mask, vo
       char* copy = static_cast<char*>(*page_buffer);
       std::memcpy(copy, ehdr, chunk1);
       std::memcpy(copy + chunk1, base, static_cast<size_t>(evt_end - rb_end));
-      parse_event(cpu, sample_mask, index, reinterpret_cast<const perf_event_header*>(copy), rh);
+      parse_event(cpu, sample_mask, 0, reinterpret_cast<const perf_event_header*>(copy), rh);
     }
     tail += esize;
     // At once, so the kernel has the space back while the drain goes on.
     zvk_store_release(&page->data_tail, tail);
-    ++index;
   }
 }
 

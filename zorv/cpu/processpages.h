@@ -15,14 +15,20 @@ namespace zorvek {
 //
 // On x86-64 every load is already an acquire and every store a release, so each
 // of these compiles to one plain 8-byte load or store between compiler barriers,
-// with no fence instruction (checked with objdump -d on process_pages: one mov
-// from data_head, one mov to data_tail per record, no mfence/lock prefix).
+// with no fence instruction (as objdump -d of process_pages showed when this was
+// written: one mov from data_head, one mov to data_tail per record, no fence or
+// lock prefix).
+//
+// The kernel header spells the words __u64, which is not uint64_t's type: the
+// accesses go through a type that may alias any other.
+typedef uint64_t __attribute__((__may_alias__)) any_u64;
+
 template <size_t N>
 struct read_once;
 template <>
 struct read_once<8> {
   static void apply(const volatile void* from, void* to) {
-    *static_cast<uint64_t*>(to) = *static_cast<const volatile uint64_t*>(from);
+    *static_cast<any_u64*>(to) = *static_cast<const volatile any_u64*>(from);
   }
 };
 
@@ -31,7 +37,7 @@ struct write_once;
 template <>
 struct write_once<8> {
   static void apply(void* from, volatile void* to) {
-    *static_cast<volatile uint64_t*>(to) = *static_cast<uint64_t*>(from);
+    *static_cast<volatile any_u64*>(to) = *static_cast<any_u64*>(from);
   }
 };
 
@@ -72,14 +78,15 @@ inline T zvk_load_acquire(const T* word) {
 #endif
 }
 
-// The value converts to the word's type: kernel headers spell 64 bits differently.
+// The value converts to the word's type: kernel headers spell 64 bits differently,
+// so the value's own type must not take part in deducing T.
 template <typename T>
-struct same_type {
+struct non_deduced {
   using type = T;
 };
 
 template <typename T>
-inline void zvk_store_release(T* word, typename same_type<T>::type value) {
+inline void zvk_store_release(T* word, typename non_deduced<T>::type value) {
 #if defined(__x86_64__)
   compiler_barrier();
   WOT(*word, value);

@@ -52,7 +52,8 @@ namespace {
 // PERF_SAMPLE_BRANCH_USER | KERNEL | CALL_STACK | NO_FLAGS | NO_CYCLES
 constexpr uint64_t kBranchSampleType = 0xC803;
 
-// Everything but the flag word and read_format, which capture and probe set apart.
+// What capture and probe share; they differ in exclude_callchain_kernel and
+// read_format, which each sets apart.
 void fill_event_attr(const CaptureConfig& c, perf_event_attr* attr) {
   std::memset(attr, 0, sizeof(*attr));
   attr->size = kPerfAttrSize;
@@ -148,11 +149,14 @@ ZVKPerfHandler::PerfWorker::PerfWorker(Processor processor, std::vector<PerfConf
       m_switch(std::move(sw)) {}
 
 ZVKPerfHandler::PerfWorker::~PerfWorker() {
-  if (m_thread == nullptr) return;
+  if (m_thread != nullptr) end_thread();
+}
+
+void ZVKPerfHandler::PerfWorker::end_thread() {
+  *m_switch = false;
   if (lost_to_fork()) {
     forget_thread();
   } else if (m_thread->joinable()) {
-    *m_switch = false;
     m_thread->join();
   }
 }
@@ -185,12 +189,7 @@ Status ZVKPerfHandler::PerfWorker::stop() {
     LOG(ERROR) << "Worker is not running!";
     return Status(error::FAILED_PRECONDITION, "Worker thread is not running!");
   }
-  *m_switch = false;
-  if (lost_to_fork()) {
-    forget_thread();
-  } else if (m_thread->joinable()) {
-    m_thread->join();
-  }
+  end_thread();
   return Status::OK();
 }
 
@@ -240,10 +239,12 @@ const char* const kDefaultEvents[][2] = {
 
 // PERF_SAMPLE_BRANCH_STACK never, PERF_SAMPLE_CALLCHAIN always: the one layout
 // the decoder reads.
-uint64_t forced_sample_type(uint64_t configured) {
+constexpr uint64_t forced_sample_type(uint64_t configured) {
   return (configured & ~static_cast<uint64_t>(PERF_SAMPLE_BRANCH_STACK | PERF_SAMPLE_CALLCHAIN)) |
          PERF_SAMPLE_CALLCHAIN;
 }
+static_assert(forced_sample_type(2791) == perfevent::kDecodedSampleType,
+              "the default sample type becomes the layout the decoder reads");
 
 }  // namespace
 
@@ -327,6 +328,13 @@ Status ZVKPerfHandler::configure(const std::map<std::string, std::string>& m) {
   return Status::OK();
 }
 
+uint32_t ZVKPerfHandler::record_helpers_for(const std::map<std::string, std::string>& m) {
+  if (key_value_as<bool>(m, "SingleWorker", true) || key_value_as<bool>(m, "SharedBuckets", true)) {
+    return 1;
+  }
+  return key_value_as<int32_t>(m, "CPU", -1) != -1 ? 1 : static_cast<uint32_t>(get_nprocs_conf());
+}
+
 Status ZVKPerfHandler::init_perf() {
   if (perf_init_done) return Status::OK();
   perf_event_attr attr;
@@ -371,26 +379,26 @@ Status ZVKPerfHandler::open_perf_fd(pid_t pid, int cpu, std::vector<PerfConfFD>&
     attr.inherit = m_inherit_events;
     attr.disabled = group == -1;  // the leader starts disabled, the others follow it
     const int fd = m_kernel.perf_event_open(&attr, target, cpu, group, flags);
-    std::ostringstream description;
-    description << "PID=" << target << ", CPU=" << cpu
-                << ", type=" << decode_perf_event_type(attr.type)
-                << ", config=" << decode_perf_config(attr.type, attr.config)
-                << ", precise=" << attr.precise_ip;
-    const std::string attributes = description.str();
-    const std::string branches =
-        ", branch_sample_type= " + decode_branch_sample_type(attr.branch_sample_type) +
-        ", group leader= " + std::to_string(group);
+    const int err = errno;
+    // The descriptor's line, with the sample type's separator of the caller's.
+    auto described = [&](const char* sample_type) {
+      std::ostringstream text;
+      text << "PID=" << target << ", CPU=" << cpu << ", type=" << decode_perf_event_type(attr.type)
+           << ", config=" << decode_perf_config(attr.type, attr.config)
+           << ", precise=" << attr.precise_ip << sample_type << decode_sample_type(m_sample_type)
+           << ", branch_sample_type= " << decode_branch_sample_type(attr.branch_sample_type)
+           << ", group leader= " << group;
+      return text.str();
+    };
     if (fd < 0) {
-      const int err = errno;
       LOG(ERROR) << "Failed to open perf handle! " << strerror(err) << " errno=" << err;
       errno = 0;
       for (const PerfConfFD& opened : fds) m_kernel.close(static_cast<int>(opened.fd));
       fds.clear();
-      LOG(ERROR) << attributes << ", sample_type=" << decode_sample_type(m_sample_type) << branches;
+      LOG(ERROR) << described(", sample_type=");
       return Status(error::FAILURE, strerror(err));
     }
-    VLOG(1) << "Opened perf_event at fd=" << fd << " with " << attributes
-            << ", sample_type= " << decode_sample_type(m_sample_type) << branches;
+    VLOG(1) << "Opened perf_event at fd=" << fd << " with " << described(", sample_type= ");
     uint64_t id = 0;
     m_kernel.event_id(fd, &id);
     fds.push_back(PerfConfFD{attr.config, attr.sample_period, attr.config1, attr.config2, attr.type,
@@ -475,6 +483,10 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
       kernel->enable(descriptor);
     }
 
+    // Rings whose event hung up (its target ended) are taken out of epoll, where,
+    // level-triggered, they would wake every wait at once and spin this thread.
+    // Threads that inherited the event may still write to them: drained each round.
+    std::vector<uint32_t> hung_up;
     while (*running) {
       const int r = kernel->epoll_wait(epfd, eb.data(), max_events, 100);
       if (r == -1) {
@@ -482,8 +494,17 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
         return;
       }
       for (int k = 0; k < r; ++k) {
-        const uint32_t i = eb[static_cast<size_t>(k)].data.u32;
+        const epoll_event& ready = eb[static_cast<size_t>(k)];
+        const uint32_t i = ready.data.u32;
         if (i >= n) continue;
+        process_pages(static_cast<int>(i), pe_buff[i], sample_type, &rb_pages,
+                      &rb_page_wrap_store_size, rh);
+        if ((ready.events & (EPOLLHUP | EPOLLERR)) != 0 &&
+            kernel->epoll_ctl(epfd, EPOLL_CTL_DEL, static_cast<int>(fds[i].fd), nullptr) == 0) {
+          hung_up.push_back(i);
+        }
+      }
+      for (uint32_t i : hung_up) {
         process_pages(static_cast<int>(i), pe_buff[i], sample_type, &rb_pages,
                       &rb_page_wrap_store_size, rh);
       }
@@ -502,6 +523,13 @@ Status ZVKPerfHandler::start() {
   if (!perf_init_done) ZVK_LOG_NOT_OK(ERROR, init_perf(), "init_perf() call failed!");
   if (!m_workers.empty()) {
     return Status(error::FAILED_PRECONDITION, "There seems to be active workers!");
+  }
+  // Refused before anything is opened, so that a retry doesn't pile up descriptors.
+  if (!m_single_thread && !m_shared_buckets && m_helper) {
+    LOG(ERROR) << "Handler constructed with a bucket helper! needs to be constructed with queue "
+                  "pointers instead!";
+    return Status(error::INVALID_ARGUMENT,
+                  "Configuration mismatch! Needs to be constructed with queues instead of helper!");
   }
   std::vector<int> cpus;
   if (m_cpu != -1) {
@@ -536,14 +564,7 @@ Status ZVKPerfHandler::start() {
   }
   // One worker per CPU; these are built and never started, so they yield no samples.
   std::shared_ptr<ZVKBufferRecordHelper> helper;
-  if (m_shared_buckets) {
-    helper = helper_for_workers();
-  } else if (m_helper) {
-    LOG(ERROR) << "Handler constructed with a bucket helper! needs to be constructed with queue "
-                  "pointers instead!";
-    return Status(error::INVALID_ARGUMENT,
-                  "Configuration mismatch! Needs to be constructed with queues instead of helper!");
-  }
+  if (m_shared_buckets) helper = helper_for_workers();
   for (size_t first = 0; per_cpu != 0 && first < all_fds.size(); first += per_cpu) {
     std::vector<PerfConfFD> fds(all_fds.begin() + static_cast<long>(first),
                                 all_fds.begin() + static_cast<long>(first + per_cpu));

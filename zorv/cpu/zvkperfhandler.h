@@ -121,6 +121,9 @@ class ZVKPerfHandler {
     ZVKBufferRecordHelper* helper() const { return m_rh.get(); }
 
    private:
+    // Tells the thread to end and joins it, or lets go of it after a fork.
+    void end_thread();
+
     std::unique_ptr<std::thread> m_thread;
     Processor m_processor;
     std::vector<PerfConfFD> m_fds;
@@ -139,6 +142,9 @@ class ZVKPerfHandler {
   ~ZVKPerfHandler();
 
   Status configure(const std::map<std::string, std::string>& m);
+  // How many record helpers of its own a handler built on the queues makes with
+  // these settings: one, or one per CPU for workers that don't share buckets.
+  static uint32_t record_helpers_for(const std::map<std::string, std::string>& m);
   // Asks the kernel once per process whether perf_event can be opened at all.
   Status init_perf();
   // Opens one group, one descriptor per configuration, on `cpu`; appends to `fds`.

@@ -8,10 +8,11 @@ namespace zorvek {
 // the moment of a fork would stay held for ever in the child, so the forking
 // thread takes every registered lock before the fork and lets go of them on both
 // sides after it. Locks are taken by rank, lower first, in the pipeline's lock
-// order: the list of record helpers, the helpers, the queues.
+// order: the list of record helpers, the helpers, the queues; then the leaf locks
+// that are never held with another, like the GPU collector's name tables.
 class ZVKForkLocks {
  public:
-  enum Rank : int { HELPER_LIST = 0, RECORD_HELPER = 1, QUEUE = 2 };
+  enum Rank : int { HELPER_LIST = 0, RECORD_HELPER = 1, QUEUE = 2, LEAF = 3 };
   // Called right after `lock` is taken for a fork, before any lock of a higher
   // rank: the owner's chance to let work already under way finish.
   using Settle = void (*)(void* owner);

@@ -1,0 +1,669 @@
+#include "zorv/cuda/zvkcudacollector.h"
+
+#define UNW_LOCAL_ONLY
+#include <libunwind.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include "zorv/cuda/zvkcudastructs.h"
+#include "zorv/cuda/zvkcupti.h"
+#include "zorv/io/zvkforklocks.h"
+#include "zorv/io/zvkrecord.h"
+#include "zorv/utils/config_values.h"
+#include "zorv/utils/logging.h"
+#include "zorv/utils/signals.h"
+
+namespace zorvek {
+
+// ---- What CUPTI's records are read through ----------------------------------------
+//
+// CUPTI hands out the newest version of each record its release knows; the fields
+// kept here are read through the oldest definition, and sit at the same offset in
+// the newest, so one build reads CUPTI 11, 12 and 13 alike.
+
+#define ZVK_SAME_OFFSET(OLDEST, NEWEST, FIELD)                                \
+  static_assert(offsetof(OLDEST, FIELD) == offsetof(NEWEST, FIELD),           \
+                #FIELD " lies where it did from " #OLDEST " to " #NEWEST)
+
+using KernelRecord = CUpti_ActivityKernel4;
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, kind);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, sharedMemoryConfig);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, registersPerThread);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, start);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, end);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, completed);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, deviceId);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, streamId);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, gridX);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, gridY);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, gridZ);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, blockX);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, blockY);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, blockZ);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, staticSharedMemory);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, correlationId);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, gridId);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, name);
+ZVK_SAME_OFFSET(CUpti_ActivityKernel4, CUpti_ActivityKernel13, launchType);
+
+using MemcpyRecord = CUpti_ActivityMemcpy;
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, copyKind);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, srcKind);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, dstKind);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, flags);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, bytes);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, start);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, end);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, deviceId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, contextId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, streamId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, correlationId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpy, CUpti_ActivityMemcpy7, runtimeCorrelationId);
+
+using PeerCopyRecord = CUpti_ActivityMemcpyPtoP;
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, copyKind);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, srcKind);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, dstKind);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, flags);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, bytes);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, start);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, end);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, deviceId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, streamId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, srcDeviceId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, srcContextId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, dstDeviceId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, dstContextId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemcpyPtoP, CUpti_ActivityMemcpyPtoP4, correlationId);
+
+using MemsetRecord = CUpti_ActivityMemset;
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, value);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, bytes);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, start);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, end);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, deviceId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, streamId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, correlationId);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, flags);
+ZVK_SAME_OFFSET(CUpti_ActivityMemset, CUpti_ActivityMemset5, memoryKind);
+
+using SyncRecord = CUpti_ActivitySynchronization;
+ZVK_SAME_OFFSET(CUpti_ActivitySynchronization, CUpti_ActivitySynchronization2, type);
+ZVK_SAME_OFFSET(CUpti_ActivitySynchronization, CUpti_ActivitySynchronization2, start);
+ZVK_SAME_OFFSET(CUpti_ActivitySynchronization, CUpti_ActivitySynchronization2, end);
+ZVK_SAME_OFFSET(CUpti_ActivitySynchronization, CUpti_ActivitySynchronization2, correlationId);
+ZVK_SAME_OFFSET(CUpti_ActivitySynchronization, CUpti_ActivitySynchronization2, streamId);
+ZVK_SAME_OFFSET(CUpti_ActivitySynchronization, CUpti_ActivitySynchronization2, cudaEventId);
+
+using ApiRecord = CUpti_ActivityAPI;  // one version since CUPTI 11
+
+#undef ZVK_SAME_OFFSET
+
+namespace {
+
+// ---- What the callbacks share -------------------------------------------------------
+//
+// CUPTI's buffer callbacks carry no user argument, so the collector publishes what
+// they and the driver API callback need here.
+
+ZVKQueue<ZVKCuptiActivityBuffer>* to_send = nullptr;
+ZVKQueue<ZVKCuptiActivityBuffer>* to_parse = nullptr;
+// Read on CUPTI's and the application's threads while a start writes them.
+std::atomic<ZVKBufferRecordHelper*> helper{nullptr};
+std::atomic<uint32_t> pid{0};
+std::atomic<bool> rotator_switch{false};
+std::atomic<bool> time_limit_switch{false};
+
+// Names by id, counted from 0 in order of first sight, for the life of the process.
+class NameTable {
+ public:
+  NameTable() { ZVKForkLocks::add(&m_lock, ZVKForkLocks::LEAF); }
+
+  // The name's id, and whether this is its first sight.
+  std::pair<uint32_t, bool> intern(std::string name) {
+    std::lock_guard<std::mutex> guard(m_lock);
+    const uint32_t next = static_cast<uint32_t>(m_ids.size());
+    auto entry = m_ids.emplace(std::move(name), next);
+    return {entry.first->second, entry.second};
+  }
+
+ private:
+  std::mutex m_lock;
+  std::unordered_map<std::string, uint32_t> m_ids;
+};
+
+// Never destroyed: CUPTI may call back while the process exits.
+NameTable& kernel_names() {
+  static NameTable* table = new NameTable();
+  return *table;
+}
+
+NameTable& function_names() {
+  static NameTable* table = new NameTable();
+  return *table;
+}
+
+// The longest name a record holds: 8 bytes of id and length plus the name and its
+// NUL, rounded to 8, must stay within a 16-bit payload.
+constexpr size_t kMaxNameLength = 65519;
+
+uint32_t gpu_event_word(uint32_t atype, uint32_t akind) {
+  return make_event_word(GPU, 0, cuda_event_value(atype, akind));
+}
+
+// Copies `len` bytes of `name` and a NUL behind the name record's fixed fields.
+void write_name_record(uint32_t akind, uint64_t timestamp, uint32_t tid, uint32_t id,
+                       const char* name, size_t len, uint32_t len_name) {
+  ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
+  if (rh == nullptr) return;
+  const uint32_t stored = static_cast<uint32_t>(len < kMaxNameLength ? len : kMaxNameLength);
+  const uint16_t payload_size =
+      static_cast<uint16_t>(cudaevent::aligned_name_size(stored) + sizeof(cudaevent::kernel_name));
+  auto writer = rh->new_record(timestamp, gpu_event_word(cudaevent::KERNEL_NAME, akind),
+                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(tid), 0,
+                               payload_size);
+  auto* record = static_cast<cudaevent::kernel_name*>(writer.get_payload_store());
+  record->id = id;
+  record->len_name = len_name < stored ? len_name : stored;
+  std::memcpy(record->name, name, stored);
+  record->name[stored] = '\0';
+}
+
+// The kernel's name id, after its name record when this is its first sight.
+uint32_t kernel_name_id(const KernelRecord* kernel) {
+  // A null name is an empty one: nothing on this thread may end the process.
+  const char* name = kernel->name != nullptr ? kernel->name : "";
+  const auto id = kernel_names().intern(name);
+  if (id.second) {
+    const size_t len = strlen(name);
+    write_name_record(cudaevent::kKernelNameKind, kernel->start, kernel->deviceId, id.first, name,
+                      len, static_cast<uint32_t>(len));
+  }
+  return id.first;
+}
+
+void record_kernel(const KernelRecord* k, uint32_t atype, ZVKBufferRecordHelper* rh) {
+  const uint32_t name_id = kernel_name_id(k);
+  auto writer = rh->new_record(k->start, gpu_event_word(atype, 0), static_cast<int32_t>(pid.load()),
+                               static_cast<int32_t>(k->deviceId), 0, sizeof(cudaevent::kernel));
+  cudaevent::kernel payload;
+  payload.end = k->end;
+  payload.completed = k->completed;
+  payload.gridX = k->gridX;
+  payload.gridY = k->gridY;
+  payload.gridZ = k->gridZ;
+  payload.blockX = k->blockX;
+  payload.blockY = k->blockY;
+  payload.blockZ = k->blockZ;
+  payload.gridId = k->gridId;
+  payload.pack.nameId = name_id;
+  payload.pack.registersPerThread = k->registersPerThread;
+  payload.pack.shmConfig = k->sharedMemoryConfig;
+  payload.pack.launchType = k->launchType;
+  payload.deviceId = k->deviceId;
+  payload.staticSharedMem = static_cast<uint32_t>(k->staticSharedMemory);
+  payload.correlationId = k->correlationId;
+  payload.streamId = k->streamId;
+  std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
+}
+
+// Only the four kind bytes of a copy's attribute word are written; the other four
+// stay as the buffer held them.
+template <typename Copy>
+void store_copy_attr(void* payload_attr, const Copy* c) {
+  const cudaevent::copy_attr attr = {c->copyKind, c->srcKind, c->dstKind, c->flags};
+  std::memcpy(payload_attr, &attr, sizeof(attr));
+}
+
+void record_memcpy(const MemcpyRecord* c, ZVKBufferRecordHelper* rh) {
+  auto writer = rh->new_record(c->start, gpu_event_word(cudaevent::MEMCOPY, c->copyKind),
+                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(c->deviceId),
+                               0, sizeof(cudaevent::memcopy));
+  char* out = static_cast<char*>(writer.get_payload_store());
+  const uint64_t times[2] = {c->end, c->bytes};
+  std::memcpy(out + offsetof(cudaevent::memcopy, end), times, sizeof(times));
+  store_copy_attr(out + offsetof(cudaevent::memcopy, attr), c);
+  const uint32_t ids[4] = {c->correlationId, c->streamId, c->runtimeCorrelationId, c->contextId};
+  std::memcpy(out + offsetof(cudaevent::memcopy, correlationId), ids, sizeof(ids));
+}
+
+void record_peer_copy(const PeerCopyRecord* c, ZVKBufferRecordHelper* rh) {
+  auto writer = rh->new_record(c->start, gpu_event_word(cudaevent::MEMCOPY_P2P, c->copyKind),
+                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(c->deviceId),
+                               0, sizeof(cudaevent::memcopy_p2p));
+  char* out = static_cast<char*>(writer.get_payload_store());
+  const uint64_t times[2] = {c->end, c->bytes};
+  std::memcpy(out + offsetof(cudaevent::memcopy_p2p, end), times, sizeof(times));
+  store_copy_attr(out + offsetof(cudaevent::memcopy_p2p, attr), c);
+  const uint32_t ids[6] = {c->srcDeviceId, c->dstDeviceId,  c->correlationId,
+                           c->streamId,    c->srcContextId, c->dstContextId};
+  std::memcpy(out + offsetof(cudaevent::memcopy_p2p, srcDevice), ids, sizeof(ids));
+}
+
+void record_memset(const MemsetRecord* m, ZVKBufferRecordHelper* rh) {
+  auto writer = rh->new_record(m->start, gpu_event_word(cudaevent::MEMSET, cudaevent::kMemsetKind),
+                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(m->deviceId),
+                               0, sizeof(cudaevent::memset));
+  const cudaevent::memset payload = {m->end,      m->bytes,    m->value,
+                                     m->correlationId, m->streamId, m->flags,
+                                     m->memoryKind};
+  std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
+}
+
+void record_api(const ApiRecord* a, uint32_t atype, ZVKBufferRecordHelper* rh) {
+  auto writer = rh->new_record(a->start, gpu_event_word(atype, 0), static_cast<int32_t>(pid.load()),
+                               static_cast<int32_t>(a->threadId), 0, sizeof(cudaevent::driver));
+  const cudaevent::driver payload = {a->end, a->processId, a->threadId, a->correlationId,
+                                     a->returnValue};
+  std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
+}
+
+void record_sync(const SyncRecord* s, ZVKBufferRecordHelper* rh) {
+  auto writer = rh->new_record(s->start, gpu_event_word(cudaevent::SYNCRONIZATION, s->type),
+                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(s->cudaEventId),
+                               0, sizeof(cudaevent::sync));
+  const cudaevent::sync payload = {s->end, s->correlationId, s->streamId};
+  std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
+}
+
+// Failures of the walk in a row after which a buffer is given up: a failure that
+// kept coming back would hold the rotator, and every buffer behind it, for ever.
+constexpr int kMaxWalkFailuresInARow = 8;
+
+// Walks one completed buffer into records.
+void walk_buffer(ZVKCuptiActivityBuffer* buffer) {
+  if (buffer->valid_size == 0) return;
+  CUpti_Activity* record = nullptr;
+  for (int failures = 0; failures < kMaxWalkFailuresInARow;) {
+    const CUptiResult result =
+        cupti().cuptiActivityGetNextRecord(buffer->buffer, buffer->valid_size, &record);
+    if (result == CUPTI_SUCCESS) {
+      record_activity(record);
+      failures = 0;
+    } else if (result == CUPTI_ERROR_MAX_LIMIT_REACHED) {
+      return;
+    } else {
+      LOG(ERROR) << "Cupti call " << "status" << " failed with " << cupti_result_text(result);
+      ++failures;
+    }
+  }
+}
+
+void return_buffer(ZVKCuptiActivityBuffer* buffer) {
+  buffer->valid_size = 0;
+  to_send->push(buffer);
+}
+
+void rotator_loop() {
+  while (rotator_switch) {
+    ZVKCuptiActivityBuffer* buffer = nullptr;
+    to_parse->pop(&buffer);
+    while (buffer == nullptr) {
+      timespec pause = {0, 1000000};
+      nanosleep(&pause, nullptr);
+      if (!rotator_switch) break;
+      to_parse->pop(&buffer);
+    }
+    if (buffer == nullptr) break;
+    walk_buffer(buffer);
+    return_buffer(buffer);
+  }
+  // A suspend or stop loses no completed buffer.
+  ZVKCuptiActivityBuffer* buffer = nullptr;
+  for (to_parse->pop(&buffer); buffer != nullptr; to_parse->pop(&buffer)) {
+    walk_buffer(buffer);
+    return_buffer(buffer);
+    buffer = nullptr;
+  }
+}
+
+// ---- Driver API callbacks ----------------------------------------------------------
+
+constexpr int kMaxFrames = 32;
+
+uint32_t current_tid() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+
+bool is_filtered(CUpti_CallbackDomain domain, uint32_t cbid) {
+  return domain == CUPTI_CB_DOMAIN_DRIVER_API &&
+         (cbid == CUPTI_DRIVER_TRACE_CBID_cuCtxGetDevice ||
+          cbid == CUPTI_DRIVER_TRACE_CBID_cuFuncGetAttribute ||
+          cbid == CUPTI_DRIVER_TRACE_CBID_cuOccupancyMaxActiveBlocksPerMultiprocessorWithFlags);
+}
+
+// The name's id in the function table, after its name record on first sight.
+uint32_t function_name_id(const char* symbol_name, uint64_t start, uint32_t tid) {
+  static const char kUnknown[] = "Unknown";
+  const auto id = function_names().intern(symbol_name != nullptr ? symbol_name : kUnknown);
+  if (id.second) {
+    if (symbol_name != nullptr) {
+      const size_t len = strlen(symbol_name);
+      write_name_record(cudaevent::kFunctionNameKind, start, tid, id.first, symbol_name, len,
+                        static_cast<uint32_t>(len));
+    } else {
+      // The fixed text is stored with a length of 0.
+      write_name_record(cudaevent::kFunctionNameKind, start, tid, id.first, kUnknown,
+                        sizeof(kUnknown) - 1, 0);
+    }
+  }
+  return id.first;
+}
+
+void OnDriverApiExit(CUpti_CallbackDomain domain, uint32_t cbid, const CUpti_CallbackData* info) {
+  uint64_t end = 0;
+  cupti().cuptiGetTimestamp(&end);
+  if (is_filtered(domain, cbid)) return;
+  void* frames[kMaxFrames];
+  const int unwound = unw_backtrace(frames, kMaxFrames);
+  const int depth = unwound > 0 ? unwound : 0;
+  const uint64_t start = info->correlationData != nullptr ? *info->correlationData : 0;
+  const uint32_t tid = current_tid();
+  const uint32_t name_id = function_name_id(info->symbolName, start, tid);
+  ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
+  if (rh == nullptr) return;
+  const uint16_t entries = static_cast<uint16_t>((depth + 1) / 2);
+  auto writer = rh->new_record(start, gpu_event_word(cudaevent::CUDA_API, 0),
+                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(tid), entries,
+                               sizeof(cudaevent::callback));
+  CallChain* chain = writer.get_callchain_array();
+  for (int i = 0; i < depth; i += 2) {
+    chain[i / 2].from = reinterpret_cast<uint64_t>(frames[i]);
+    chain[i / 2].to = i + 1 < depth ? reinterpret_cast<uint64_t>(frames[i + 1]) : 0;
+  }
+  const cudaevent::callback payload = {end, static_cast<uint32_t>(domain), cbid,
+                                       info->correlationId, name_id};
+  std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
+}
+
+// The collector's operations, as written in their failure lines.
+void check(CUptiResult result, const char* call) {
+  if (result == CUPTI_SUCCESS) return;
+  LOG(ERROR) << "Cupti call " << call << " failed with " << cupti_result_text(result);
+}
+
+struct ActivityFlag {
+  uint64_t flag;
+  CUpti_ActivityKind kind;
+  const char* enable;
+  const char* disable;
+};
+
+const ActivityFlag kActivityFlags[] = {
+    {A_KERNEL, CUPTI_ACTIVITY_KIND_KERNEL, "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_KERNEL)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_KERNEL)"},
+    {A_CONTEXT, CUPTI_ACTIVITY_KIND_CONTEXT, "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_CONTEXT)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_CONTEXT)"},
+    {A_DRIVER, CUPTI_ACTIVITY_KIND_DRIVER, "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_DRIVER)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_DRIVER)"},
+    {A_RUNTIME, CUPTI_ACTIVITY_KIND_RUNTIME, "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_RUNTIME)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_RUNTIME)"},
+    {A_MEMCOPY, CUPTI_ACTIVITY_KIND_MEMCPY, "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_MEMCPY)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_MEMCPY)"},
+    {A_MEMSET, CUPTI_ACTIVITY_KIND_MEMSET, "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_MEMSET)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_MEMSET)"},
+    {A_NAME, CUPTI_ACTIVITY_KIND_NAME, "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_NAME)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_NAME)"},
+    {A_SYNC, CUPTI_ACTIVITY_KIND_SYNCHRONIZATION,
+     "cuptiActivityEnable(CUPTI_ACTIVITY_KIND_SYNCHRONIZATION)",
+     "cuptiActivityDisable(CUPTI_ACTIVITY_KIND_SYNCHRONIZATION)"},
+};
+
+constexpr uint64_t kDefaultCaptureLimitSeconds = 315360000;  // 3650 days
+
+}  // namespace
+
+// ---- Buffer callbacks ------------------------------------------------------------------
+
+void bufferRequested(uint8_t** buffer, size_t* size, size_t* maxNumRecords) {
+  ZVKCuptiActivityBuffer* free_buffer = nullptr;
+  if (to_send != nullptr) to_send->pop(&free_buffer);
+  // Every buffer is out: wait for the rotator to hand one back, but only while a
+  // rotator runs. Without one (suspended, or a child that doesn't follow) nothing
+  // would, and CUPTI drops what it can't place rather than wait for ever.
+  while (free_buffer == nullptr && rotator_switch) {
+    to_send->pop_wait_for(&free_buffer, std::chrono::milliseconds(10), rotator_switch);
+  }
+  *buffer = free_buffer != nullptr ? free_buffer->buffer : nullptr;
+  *size = free_buffer != nullptr ? free_buffer->size : 0;
+  *maxNumRecords = 0;
+}
+
+void bufferCompleted(CUctx_st* /*ctx*/, uint32_t /*streamId*/, uint8_t* buffer, size_t /*size*/,
+                     size_t validSize) {
+  if (buffer == nullptr) return;
+  auto* owner = reinterpret_cast<ZVKCuptiActivityBuffer*>(buffer -
+                                                          offsetof(ZVKCuptiActivityBuffer, buffer));
+  owner->valid_size = validSize;
+  to_parse->push(owner);
+}
+
+void record_activity(CUpti_Activity* record) {
+  ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
+  if (rh == nullptr) return;
+  switch (record->kind) {
+    case CUPTI_ACTIVITY_KIND_MEMCPY:
+      record_memcpy(reinterpret_cast<const MemcpyRecord*>(record), rh);
+      break;
+    case CUPTI_ACTIVITY_KIND_MEMSET:
+      record_memset(reinterpret_cast<const MemsetRecord*>(record), rh);
+      break;
+    case CUPTI_ACTIVITY_KIND_KERNEL:
+      record_kernel(reinterpret_cast<const KernelRecord*>(record), cudaevent::KERNEL, rh);
+      break;
+    case CUPTI_ACTIVITY_KIND_DRIVER:
+      record_api(reinterpret_cast<const ApiRecord*>(record), cudaevent::DRIVER, rh);
+      break;
+    case CUPTI_ACTIVITY_KIND_RUNTIME:
+      record_api(reinterpret_cast<const ApiRecord*>(record), cudaevent::RUNTIME, rh);
+      break;
+    case CUPTI_ACTIVITY_KIND_CONCURRENT_KERNEL:
+      record_kernel(reinterpret_cast<const KernelRecord*>(record), cudaevent::CONCURRENT_KERNEL, rh);
+      break;
+    case CUPTI_ACTIVITY_KIND_MEMCPY2:
+      record_peer_copy(reinterpret_cast<const PeerCopyRecord*>(record), rh);
+      break;
+    case CUPTI_ACTIVITY_KIND_SYNCHRONIZATION:
+      record_sync(reinterpret_cast<const SyncRecord*>(record), rh);
+      break;
+    default:  // CONTEXT, NAME and every other kind say nothing kept here
+      break;
+  }
+}
+
+void CUPTIAPI trace_callback(void* /*userdata*/, CUpti_CallbackDomain domain, CUpti_CallbackId cbid,
+                             const void* cbdata) {
+  const auto* info = static_cast<const CUpti_CallbackData*>(cbdata);
+  if (info->callbackSite == CUPTI_API_ENTER) {
+    cupti().cuptiGetTimestamp(info->correlationData);
+    return;
+  }
+  OnDriverApiExit(domain, cbid, info);
+}
+
+// ---- The collector ---------------------------------------------------------------------
+
+namespace {
+
+std::unique_ptr<ZVKQueue<ZVKCuptiActivityBuffer>> make_activity_pool() {
+  ZVKCuptiActivityBuffer prototype = {kActivityBufferSize, 0};
+  return std::make_unique<ZVKQueue<ZVKCuptiActivityBuffer>>(kActivityBufferCount,
+                                                            kActivityBufferSize, prototype);
+}
+
+}  // namespace
+
+ZVKCudaCollector::ZVKCudaCollector(const std::string& name, ZVKQueue<ZVKBuffer>* to_fill,
+                                   ZVKQueue<ZVKBuffer>* to_write)
+    : ZVKDataCollectorBase(name, to_fill, to_write),
+      m_to_send(make_activity_pool()),
+      m_to_parse(std::make_unique<ZVKQueue<ZVKCuptiActivityBuffer>>()),
+      m_own_helper(std::make_unique<ZVKBufferRecordHelper>(to_fill, to_write)),
+      m_max_capture_duration(
+          get_env_value_as<uint64_t>("ZVK_CAPTURE_LIMIT_SECONDS", kDefaultCaptureLimitSeconds)),
+      m_current_config(DEFAULT_CUPTI_CONFIG) {
+  helper = m_own_helper.get();
+  to_send = m_to_send.get();
+  to_parse = m_to_parse.get();
+}
+
+ZVKCudaCollector::ZVKCudaCollector(const std::string& name,
+                                   std::shared_ptr<ZVKBufferRecordHelper> shared_helper)
+    : ZVKDataCollectorBase(name, std::move(shared_helper)),
+      m_to_send(make_activity_pool()),
+      m_to_parse(std::make_unique<ZVKQueue<ZVKCuptiActivityBuffer>>()),
+      m_max_capture_duration(
+          get_env_value_as<uint64_t>("ZVK_CAPTURE_LIMIT_SECONDS", kDefaultCaptureLimitSeconds)) {
+  helper = m_helper.get();
+  to_send = m_to_send.get();
+  to_parse = m_to_parse.get();
+}
+
+ZVKCudaCollector::~ZVKCudaCollector() {
+  end_time_limiter();
+  // A collector destroyed without its stop must not leave a thread on its queues.
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
+  end_buffer_rotator();
+  // CUPTI may still call back: it finds nothing to write to.
+  helper = nullptr;
+}
+
+ZVKBufferRecordHelper* ZVKCudaCollector::record_helper() const {
+  return m_own_helper ? m_own_helper.get() : m_helper.get();
+}
+
+Status ZVKCudaCollector::configure(const std::map<std::string, std::string>& /*config*/) {
+  return Status::OK();
+}
+
+Status ZVKCudaCollector::start_profiling() {
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
+  m_pid = getpid();
+  pid = static_cast<uint32_t>(m_pid);
+  helper = record_helper();
+  const auto deadline = m_first_capture + std::chrono::seconds(m_max_capture_duration);
+  if (m_time_limiter_started && std::chrono::system_clock::now() < deadline) {
+    return Status(error::UNSUPPORTED, "Capture beyond time threshold of " +
+                                          std::to_string(m_max_capture_duration) +
+                                          " is not possible!");
+  }
+  if (!m_time_limiter_started) {
+    m_first_capture = std::chrono::system_clock::now();
+    m_time_limiter = start_time_limiter();
+    m_time_limiter_started = true;
+  }
+  m_current_config = get_env_value_as<uint64_t>("ZVK_CUDA_CONFIG", DEFAULT_CUPTI_CONFIG);
+  const ZVKCuptiFunctions& api = cupti();
+  for (const ActivityFlag& flag : kActivityFlags) {
+    if (m_current_config & flag.flag) check(api.cuptiActivityEnable(flag.kind), flag.enable);
+  }
+  check(api.cuptiSubscribe(&m_subscriber, reinterpret_cast<CUpti_CallbackFunc>(trace_callback), this),
+        "cuptiSubscribe(&m_subscriber, (CUpti_CallbackFunc)trace_callback, this)");
+  if (m_current_config & CB_DRIVER) {
+    check(api.cuptiEnableDomain(1, m_subscriber, CUPTI_CB_DOMAIN_DRIVER_API),
+          "cuptiEnableDomain(1, m_subscriber, CUPTI_CB_DOMAIN_DRIVER_API)");
+  }
+  check(api.cuptiActivityRegisterCallbacks(bufferRequested, bufferCompleted),
+        "cuptiActivityRegisterCallbacks(bufferRequested, bufferCompleted)");
+  if (m_buffer_rotator == nullptr) m_buffer_rotator = start_buffer_rotator();
+  return Status::OK();
+}
+
+Status ZVKCudaCollector::stop_profiling() {
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
+  const ZVKCuptiFunctions& api = cupti();
+  if (m_current_config & CB_DRIVER) {
+    check(api.cuptiEnableDomain(0, m_subscriber, CUPTI_CB_DOMAIN_DRIVER_API),
+          "cuptiEnableDomain(0, m_subscriber, CUPTI_CB_DOMAIN_DRIVER_API)");
+  }
+  check(api.cuptiUnsubscribe(m_subscriber), "cuptiUnsubscribe(m_subscriber)");
+  for (const ActivityFlag& flag : kActivityFlags) {
+    if (m_current_config & flag.flag) check(api.cuptiActivityDisable(flag.kind), flag.disable);
+  }
+  check(api.cuptiActivityFlushAll(1), "cuptiActivityFlushAll(1)");
+  end_buffer_rotator();
+  ZVK_LOG_NOT_OK(ERROR, record_helper()->flush(), "flushing buffer helper returned not OK");
+  return Status::OK();
+}
+
+Status ZVKCudaCollector::suspend_profiling() {
+  {
+    std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
+    end_buffer_rotator();
+  }
+  // Not under the lifecycle lock: a limiter whose deadline came is inside a stop
+  // that needs it, and the join below waits for that stop.
+  end_time_limiter();
+  return Status::OK();
+}
+
+Status ZVKCudaCollector::resume_profiling() {
+  std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
+  m_pid = getpid();
+  pid = static_cast<uint32_t>(m_pid);
+  m_buffer_rotator = start_buffer_rotator();
+  // A new limiter (its start clears the cancel) for the old deadline, where a
+  // suspend ended the last one.
+  if (m_time_limiter_started && m_time_limiter == nullptr) m_time_limiter = start_time_limiter();
+  return Status::OK();
+}
+
+std::thread* ZVKCudaCollector::start_buffer_rotator() {
+  if (m_buffer_rotator != nullptr) {
+    LOG(WARNING) << "Buffer rotator is already active! Returning same rotator";
+    return m_buffer_rotator;
+  }
+  rotator_switch = true;
+  ScopedSignalsBlocked blocked;
+  return new std::thread(rotator_loop);
+}
+
+void ZVKCudaCollector::end_buffer_rotator() {
+  rotator_switch = false;
+  if (m_buffer_rotator == nullptr) return;
+  // A bufferRequested waiting for the rotator's buffers gives up now.
+  m_to_send->wake_consumers();
+  m_buffer_rotator->join();
+  delete m_buffer_rotator;
+  m_buffer_rotator = nullptr;
+}
+
+std::thread* ZVKCudaCollector::start_time_limiter() {
+  {
+    std::lock_guard<std::mutex> guard(m_time_limiter_mutex);
+    time_limit_switch = false;
+  }
+  const auto deadline = m_first_capture + std::chrono::seconds(m_max_capture_duration);
+  ScopedSignalsBlocked blocked;
+  return new std::thread([this, deadline] {
+    std::unique_lock<std::mutex> lock(m_time_limiter_mutex);
+    m_cv.wait_until(lock, deadline, [] { return time_limit_switch.load(); });
+    if (time_limit_switch) return;
+    if (std::chrono::system_clock::now() >= deadline) {
+      VLOG(1) << "Cuda capture time limit reached. Stopping capture";
+    }
+    stop_profiling();
+  });
+}
+
+void ZVKCudaCollector::end_time_limiter() {
+  {
+    // Under the limiter's lock, so that the flag can't fall between its test and
+    // its wait: the cancel always lands.
+    std::lock_guard<std::mutex> guard(m_time_limiter_mutex);
+    time_limit_switch = true;
+  }
+  m_cv.notify_all();
+  if (m_time_limiter == nullptr) return;
+  m_time_limiter->join();
+  delete m_time_limiter;
+  m_time_limiter = nullptr;
+}
+
+}  // namespace zorvek
