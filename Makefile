@@ -48,7 +48,7 @@ test-tsan: deps
 install: deps
 	$(PYTHON) -m pip install -q --disable-pip-version-check --no-build-isolation .
 
-test-python: install
+test-python: install build
 	$(PYTHON) -m pytest -q tests/python
 
 test: test-cpp test-asan test-tsan test-python

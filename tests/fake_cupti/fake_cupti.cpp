@@ -652,3 +652,44 @@ bool fake_cupti_fire_api_between(CUpti_CallbackDomain domain, CUpti_CallbackId c
 }
 
 }  // extern "C"
+
+bool fake_cupti_emit_kernel(const char* name, uint32_t device_id, uint32_t stream_id,
+                            uint32_t correlation_id, uint64_t start, uint64_t end) {
+  static std::mutex names_lock;
+  static std::set<std::string>* names = new std::set<std::string>();  // never freed
+  const char* kept = nullptr;
+  if (name != nullptr) {
+    std::lock_guard<std::mutex> guard(names_lock);
+    kept = names->insert(name).first->c_str();
+  }
+  CUpti_ActivityKernel13 kernel;
+  std::memset(&kernel, 0, sizeof(kernel));
+  kernel.kind = CUPTI_ACTIVITY_KIND_KERNEL;
+  kernel.name = kept;
+  kernel.deviceId = device_id;
+  kernel.streamId = stream_id;
+  kernel.correlationId = correlation_id;
+  kernel.start = start;
+  kernel.end = end;
+  kernel.completed = end;
+  kernel.gridX = kernel.gridY = kernel.gridZ = 1;
+  kernel.blockX = 128;
+  kernel.blockY = kernel.blockZ = 1;
+  return fake_cupti_emit(&kernel, sizeof(kernel));
+}
+
+bool fake_cupti_emit_memcpy(uint8_t copy_kind, uint64_t bytes, uint32_t device_id,
+                            uint32_t stream_id, uint32_t correlation_id, uint64_t start,
+                            uint64_t end) {
+  CUpti_ActivityMemcpy7 copy;
+  std::memset(&copy, 0, sizeof(copy));
+  copy.kind = CUPTI_ACTIVITY_KIND_MEMCPY;
+  copy.copyKind = copy_kind;
+  copy.bytes = bytes;
+  copy.deviceId = device_id;
+  copy.streamId = stream_id;
+  copy.correlationId = correlation_id;
+  copy.start = start;
+  copy.end = end;
+  return fake_cupti_emit(&copy, sizeof(copy));
+}

@@ -112,6 +112,16 @@ bool fake_cupti_kind_enabled(CUpti_ActivityKind kind);
 bool fake_cupti_callbacks_registered(void);
 size_t fake_cupti_next_record_calls(void);
 
+// For callers without CUPTI's C structures (the Python tests): one record each,
+// built from the newest structure of its kind and given to fake_cupti_emit. The
+// kernel's name is copied into storage the fake keeps for its life, as CUPTI's
+// names outlive the records that point at them.
+bool fake_cupti_emit_kernel(const char* name, uint32_t device_id, uint32_t stream_id,
+                            uint32_t correlation_id, uint64_t start, uint64_t end);
+bool fake_cupti_emit_memcpy(uint8_t copy_kind, uint64_t bytes, uint32_t device_id,
+                            uint32_t stream_id, uint32_t correlation_id, uint64_t start,
+                            uint64_t end);
+
 // --- Clock -------------------------------------------------------------------
 // cuptiGetTimestamp call number n, counting from 1 since load or reset, returns
 // FAKE_CUPTI_TIMESTAMP_BASE + (n - 1) * FAKE_CUPTI_TIMESTAMP_STEP, so the clock is

@@ -80,6 +80,33 @@ def _decode_cpu(record, word, chain_bytes, payload):
         record["filename"] = name.decode(errors="replace")
 
 
+GPU = 1
+KERNEL_NAME, KERNEL, MEMCOPY, CUDA_API = 0, 1, 4, 9
+
+
+def _decode_gpu(record, chain_bytes, payload):
+    """The fields of the GPU records the tests check: atype in `type` & 0xfff, akind
+    above it."""
+    atype, akind = record["type"] & 0xFFF, record["type"] >> 12
+    record["atype"], record["akind"] = atype, akind
+    if atype == KERNEL_NAME:
+        record["id"], record["len_name"] = struct.unpack_from("<II", payload)
+        record["name"] = payload[8:].split(b"\0", 1)[0].decode(errors="replace")
+    elif atype == KERNEL:
+        record["end"] = struct.unpack_from("<Q", payload, 0)[0]
+        record["name_id"] = struct.unpack_from("<I", payload, 48)[0]
+        record["device"], _, record["correlation"], record["stream"] = struct.unpack_from(
+            "<IIII", payload, 56)
+    elif atype == MEMCOPY:
+        record["end"], record["bytes"] = struct.unpack_from("<QQ", payload)
+        record["copy_kind"] = payload[16]
+        record["correlation"], record["stream"] = struct.unpack_from("<II", payload, 24)
+    elif atype == CUDA_API:
+        (record["end"], record["domain"], record["cbid"], record["correlation"],
+         record["func_name_id"]) = struct.unpack_from("<QIIII", payload)
+        record["chain"] = list(struct.unpack_from(f"<{len(chain_bytes) // 8}Q", chain_bytes))
+
+
 Capture = collections.namedtuple("Capture", "header buckets records torn")
 
 
@@ -109,6 +136,8 @@ def read_capture(path):
                       "pid": pid, "tid": tid}
             if record["hw"] == CPU:
                 _decode_cpu(record, word, raw[at + 24:at + 24 + 16 * chain], payload)
+            if record["hw"] == GPU:
+                _decode_gpu(record, raw[at + 24:at + 24 + 16 * chain], payload)
             if record["hw"] == ANNOTATION and record["type"] != TIME_MARKER:
                 record["token"] = struct.unpack_from("<Q", payload)[0]
                 if record["type"] != END:
@@ -135,3 +164,18 @@ def ends(capture):
 def cpu_records(capture, event_type, pid=None, tid=None):
     return [r for r in capture.records if r["hw"] == CPU and r["type"] == event_type
             and (pid is None or r["pid"] == pid) and (tid is None or r["tid"] == tid)]
+
+
+def gpu_records(capture, atype, pid=None):
+    return [r for r in capture.records if r["hw"] == GPU and r["atype"] == atype
+            and (pid is None or r["pid"] == pid)]
+
+
+def fake_cupti_library():
+    """The test stand-in for CUPTI, built with the C++ tests (make test builds it
+    before the Python tests run)."""
+    root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    path = os.environ.get("ZORV_FAKE_CUPTI_LIBRARY",
+                          os.path.join(root, "build", "dev", "tests", "libzorv_fake_cupti.so"))
+    assert os.path.exists(path), f"{path} is missing: build it with make build"
+    return path
