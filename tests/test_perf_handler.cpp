@@ -26,6 +26,7 @@
 #include "zorv/cpu/zvkperfcollector.h"
 #include "zorv/cpu/zvkperfevents.h"
 #include "zorv/cpu/zvkperfhandler.h"
+#include "zorv/utils/clock.h"
 
 namespace zorvek {
 
@@ -1185,6 +1186,76 @@ TEST(PerfHandlerFresh, VerboseLevelTellsEveryOpenAndEventId) {
   std::ostringstream id;
   id << "INFO| Event id for " << fd.fd << " is " << fd.id << " 0x" << std::hex << fd.id;
   EXPECT_NE(std::find(lines.begin(), lines.end(), id.str()), lines.end());
+}
+
+// ---- Mappings at the start --------------------------------------------------------------
+
+TEST(PerfMappings, EachExecutableMappingBecomesAnMmapRecordWithNoEventId) {
+  testing_support::TempDir dir;
+  const std::string maps = dir.file("maps");
+  FILE* file = fopen(maps.c_str(), "w");
+  ASSERT_NE(file, nullptr);
+  fputs("55d0c0000000-55d0c0001000 r--p 00000000 08:01 100 /usr/bin/python3.11\n"
+        "55d0c0001000-55d0c0201000 r-xp 00001000 08:01 100 /usr/bin/python3.11\n"
+        "7f0000000000-7f0000002000 rw-p 00000000 00:00 0 \n"
+        "7f1000000000-7f1000010000 r-xp 00000000 00:00 0 \n"
+        "7ffd00000000-7ffd00002000 r-xp 00000000 00:00 0                          [vdso]\n",
+        file);
+  fclose(file);
+  Pipeline pipeline;
+  timespec before;
+  clock_gettime(CLOCK_MONOTONIC_RAW, &before);
+  save_process_mappings(pipeline.helper.get(), maps.c_str());
+  pipeline.helper->flush();
+  const auto mmaps = of_event(pipeline.written(), perfevent::MMAP);
+  ASSERT_EQ(mmaps.size(), 3u);
+  const std::vector<std::string> names = {"/usr/bin/python3.11", "", "[vdso]"};
+  const std::vector<uint64_t> starts = {0x55d0c0001000, 0x7f1000000000, 0x7ffd00000000};
+  const std::vector<uint64_t> lengths = {0x200000, 0x10000, 0x2000};
+  for (size_t i = 0; i < mmaps.size(); ++i) {
+    const auto fixed = payload_of<perfevent::ZVKPerfMMap>(mmaps[i]);
+    EXPECT_EQ(fixed.id, 0u);
+    EXPECT_EQ(fixed.stream_id, 0u);
+    EXPECT_EQ(fixed.addr, starts[i]);
+    EXPECT_EQ(fixed.len, lengths[i]);
+    EXPECT_EQ(fixed.pgoff, i == 0 ? 0x1000u : 0u);
+    EXPECT_EQ(fixed.strsize, names[i].size());
+    EXPECT_EQ(mmaps[i].payload_size, perfevent::mmap_payload_size(names[i].size()));
+    EXPECT_EQ(std::string(mmaps[i].payload.data() + sizeof(fixed)), names[i]);
+    EXPECT_EQ(mmaps[i].pid, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(mmaps[i].tid, static_cast<uint32_t>(getpid()));
+    EXPECT_GE(mmaps[i].timestamp, timespec_to_ns(before));
+  }
+}
+
+TEST(PerfMappings, RecordMappingsPutsTheProcesssCodeAheadOfTheSamples) {
+  for (const char* on : {"0", "1"}) {
+    StartedCapture capture(Settings{{"RecordMappings", on}, {"CPU", "0"}});
+    ASSERT_TRUE(capture.start().ok());
+    spin_for(std::chrono::milliseconds(100));
+    capture.stop();
+    const auto records = capture.pipeline.written();
+    std::vector<std::string> at_start;
+    for (const auto& record : records) {
+      if (record.hw_type != CPU) continue;
+      if (record.event_type == perfevent::SAMPLE) break;
+      if (record.event_type != perfevent::MMAP) continue;
+      if (payload_of<perfevent::ZVKPerfMMap>(record).id == 0) {
+        at_start.emplace_back(record.payload.data() + sizeof(perfevent::ZVKPerfMMap));
+      }
+    }
+    if (std::string(on) == "0") {
+      EXPECT_TRUE(at_start.empty());
+      continue;
+    }
+    // The test's own program and the C library are among them.
+    char self[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", self, sizeof(self) - 1), 0);
+    EXPECT_NE(std::find(at_start.begin(), at_start.end(), std::string(self)), at_start.end());
+    EXPECT_TRUE(std::any_of(at_start.begin(), at_start.end(), [](const std::string& name) {
+      return name.find("libc.so") != std::string::npos;
+    }));
+  }
 }
 
 #if !defined(__SANITIZE_THREAD__)

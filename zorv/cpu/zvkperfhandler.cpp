@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -19,6 +20,7 @@
 #include "zorv/cpu/processpages.h"
 #include "zorv/cpu/zvkperfevents.h"
 #include "zorv/io/zvkrecord.h"
+#include "zorv/utils/clock.h"
 #include "zorv/utils/config_values.h"
 #include "zorv/utils/logging.h"
 #include "zorv/utils/signals.h"
@@ -100,21 +102,59 @@ bool test_config(const CaptureConfig& c, ZVKPerfKernel& kernel) {
   return false;
 }
 
-void save_perf_config(ZVKBufferRecordHelper* rh, const PerfConfFD& fd, ZVKPerfKernel& kernel) {
-  if (rh == nullptr) return;
+namespace {
+
+// A record the worker writes of its own, not from a ring: stamped with
+// CLOCK_MONOTONIC_RAW, the worker's CPU, and the process as both pid and tid.
+ZVKBufferRecordHelper::RecordWriter new_worker_record(ZVKBufferRecordHelper* rh, uint32_t event,
+                                                      uint16_t payload_size) {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_RAW, &now);
-  const uint64_t timestamp =
-      static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
+  const uint64_t timestamp = timespec_to_ns(now);
   const int32_t pid = static_cast<int32_t>(getpid());
   const uint32_t cpu = static_cast<uint32_t>(sched_getcpu()) & 0xffu;
-  auto writer = rh->new_record(timestamp, make_event_word(CPU, cpu, perfevent::CONFIGURATION), pid,
-                               pid, 0, sizeof(perfevent::ZVKPerfConfigData));
+  return rh->new_record(timestamp, make_event_word(CPU, cpu, event), pid, pid, 0, payload_size);
+}
+
+}  // namespace
+
+void save_perf_config(ZVKBufferRecordHelper* rh, const PerfConfFD& fd, ZVKPerfKernel& kernel) {
+  if (rh == nullptr) return;
+  auto writer = new_worker_record(rh, perfevent::CONFIGURATION, sizeof(perfevent::ZVKPerfConfigData));
   perfevent::ZVKPerfConfigData data = {fd.config, fd.config1, fd.config2,     fd.type,
                                        fd.precise, fd.sampling_rate, fd.id};
   // Asked again rather than trusted: the record says what the kernel says now.
   kernel.event_id(static_cast<int>(fd.fd), &data.format_id);
   std::memcpy(writer.get_payload_store(), &data, sizeof(data));
+}
+
+void save_process_mappings(ZVKBufferRecordHelper* rh, const char* maps_path) {
+  if (rh == nullptr) return;
+  FILE* maps = fopen(maps_path, "re");
+  if (maps == nullptr) return;
+  char* line = nullptr;
+  size_t capacity = 0;
+  while (getline(&line, &capacity, maps) > 0) {
+    unsigned long start = 0;
+    unsigned long end = 0;
+    unsigned long offset = 0;
+    char permissions[5] = {};
+    int name_at = 0;
+    if (sscanf(line, "%lx-%lx %4s %lx %*s %*s %n", &start, &end, permissions, &offset, &name_at) < 4 ||
+        permissions[2] != 'x') {
+      continue;
+    }
+    const char* name = line + name_at;
+    const size_t name_length = strcspn(name, "\n");
+    auto writer = new_worker_record(rh, perfevent::MMAP, perfevent::mmap_payload_size(name_length));
+    const perfevent::ZVKPerfMMap fixed = {0, 0, start, end - start, offset, name_length};
+    char* payload = static_cast<char*>(writer.get_payload_store());
+    std::memcpy(payload, &fixed, sizeof(fixed));
+    std::memcpy(payload + sizeof(fixed), name, name_length);
+    payload[sizeof(fixed) + name_length] = '\0';
+  }
+  free(line);
+  fclose(maps);
 }
 
 PerfCleaner::~PerfCleaner() {
@@ -254,6 +294,7 @@ Status ZVKPerfHandler::configure(const std::map<std::string, std::string>& m) {
   m_inherit_events = key_value_as<bool>(m, "InheritEvents", false);
   m_single_thread = key_value_as<bool>(m, "SingleWorker", true);
   m_shared_buckets = key_value_as<bool>(m, "SharedBuckets", true);
+  m_record_mappings = key_value_as<bool>(m, "RecordMappings", false);
   const uint32_t log2 = key_value_as<uint32_t>(m, "Log2NumPages", 10);
   m_event_type = key_value_as<uint32_t>(m, "PerfEventType", 0);
   m_cgroup_dir = key_value_as<std::string>(m, "CgroupDir", "");
@@ -411,9 +452,11 @@ Status ZVKPerfHandler::open_perf_fd(pid_t pid, int cpu, std::vector<PerfConfFD>&
 ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
   const uint32_t pages = m_num_perf_pages_per_handle;
   const uint64_t sample_type = m_sample_type;
+  const bool record_mappings = m_record_mappings;
   ZVKPerfKernel* kernel = &m_kernel;
-  return [pages, sample_type, kernel](std::vector<PerfConfFD>& fds, ZVKBufferRecordHelper* rh,
-                                      std::atomic<bool>* running) {
+  return [pages, sample_type, record_mappings, kernel](std::vector<PerfConfFD>& fds,
+                                                       ZVKBufferRecordHelper* rh,
+                                                       std::atomic<bool>* running) {
     const size_t n = fds.size();
     const long page_size = sysconf(_SC_PAGESIZE);
     const size_t mmap_size = static_cast<size_t>(page_size) * (pages + 1);
@@ -473,6 +516,9 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
       ~WrapBufferFree() { free(*buffer); }
     } wrap_buffer_free{&rb_pages};
 
+    // The kernel announces only mappings made from here on; these place samples in
+    // what was loaded before.
+    if (record_mappings) save_process_mappings(rh);
     for (const PerfConfFD& fd : fds) {
       const int descriptor = static_cast<int>(fd.fd);
       kernel->set_nonblocking(descriptor);

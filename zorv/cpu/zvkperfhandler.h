@@ -69,6 +69,10 @@ struct PerfConfFD {
 void save_perf_config(ZVKBufferRecordHelper* rh, const PerfConfFD& fd,
                       ZVKPerfKernel& kernel = ZVKPerfKernel::real());
 
+// Writes an MMAP record (id and stream_id 0) for each executable mapping that
+// `maps_path` lists, in the process's own /proc/self/maps format.
+void save_process_mappings(ZVKBufferRecordHelper* rh, const char* maps_path = "/proc/self/maps");
+
 // Disables and closes a worker's descriptors and unmaps its rings when the worker
 // ends, on whatever way it ends.
 class PerfCleaner {
@@ -193,6 +197,8 @@ class ZVKPerfHandler {
   bool m_inherit_events = false;
   bool m_single_thread = true;
   bool m_shared_buckets = true;
+  // "RecordMappings": an MMAP record for each executable mapping at the start.
+  bool m_record_mappings = false;
   ZVKPerfKernel& m_kernel;
   // The descriptors opened in this process: the pid that opened m_perf_fds.
   pid_t m_fds_owner_pid = 0;
