@@ -926,11 +926,13 @@ TEST(PerfWorker, AnExceptionEndsTheWorkerNotTheProcess) {
   ASSERT_TRUE(capture.handler.start().ok());
   capture.fds = capture.handler.perf_fds();
   ASSERT_TRUE(eventually([&] { return capture.worker_closed_all(); }));
+  // The line comes after the unwinding that closed the descriptors: the join is
+  // what makes sure it is written.
+  capture.handler.stop();
   const Strings lines = log_messages(GetCapturedStderr());
   EXPECT_NE(std::find(lines.begin(), lines.end(),
                       "ERROR| Perf worker ended by an exception: no memory for the wait"),
             lines.end());
-  capture.stop();
   for (const PerfConfFD& fd : capture.fds) EXPECT_EQ(capture.times_closed(static_cast<int>(fd.fd)), 1u);
   EXPECT_EQ(capture.times_closed(capture.kernel.epoll_fds()[0]), 1u);
 }
