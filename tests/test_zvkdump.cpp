@@ -10,6 +10,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -18,6 +19,7 @@
 #include "tools/zvkdumper.h"
 #include "tools/zvkfilereader.h"
 #include "zorv/cpu/zvkperfevents.h"
+#include "zorv/cuda/zvkcudastructs.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkfilewriter.h"
 #include "zorv/zvkannotator.h"
@@ -747,7 +749,12 @@ TEST_F(ZvkdumpCpu, TheJsonSummaryHasACpuMember) {
       "\"precise\":2,\"period\":100000,\"format_id\":77,\"samples\":2},"
       "{\"type\":4,\"type_name\":\"PERF_TYPE_RAW\",\"config\":\"0x20d1\",\"config_name\":\"20d1\","
       "\"config1\":\"0x1\",\"config2\":\"0x2\",\"precise\":0,\"period\":5000,\"format_id\":78,"
-      "\"samples\":1}]},\"ranges\":[],";
+      "\"samples\":1}]},"
+      // A capture without GPU records has the member all the same, empty.
+      "\"gpu\":{\"record_count\":0,\"undecoded\":0,\"types\":{},\"kernels\":[],"
+      "\"copies\":[],\"memsets\":{\"count\":0,\"bytes\":0,\"total_ns\":0},\"syncs\":[],"
+      "\"driver\":{\"count\":0,\"total_ns\":0},\"runtime\":{\"count\":0,\"total_ns\":0},"
+      "\"calls\":[],\"kernel_names\":0,\"function_names\":0},\"ranges\":[],";
   EXPECT_NE(result.out.find(expected), std::string::npos) << result.out;
 }
 
@@ -820,6 +827,533 @@ TEST(ZvkdumpCpuOdd, PayloadsThatDontFitTheirFormatAreShownAsBytes) {
             std::string::npos)
       << summary.out;
   EXPECT_NE(summary.out.find("CPU mappings: 2\n"), std::string::npos) << summary.out;
+}
+
+// The event word of a GPU record: atype and akind as the collector packs them.
+uint32_t gpu_event(uint32_t type, uint32_t kind) {
+  return make_event_word(GPU, 0, cuda_event_value(type, kind));
+}
+
+// A KERNEL_NAME payload as the collector writes it: id, len_name, the stored text
+// and its terminator, zeros up to the aligned size.
+std::string name_payload(uint32_t id, uint32_t len_name, const std::string& stored) {
+  const uint32_t fixed[2] = {id, len_name};
+  std::string payload = bytes_of(fixed) + stored;
+  payload.resize(sizeof(cudaevent::kernel_name) + cudaevent::aligned_name_size(stored.size()),
+                 '\0');
+  return payload;
+}
+
+// One GPU record through the record helper, with the event type in the form the
+// collector passes it; `frames` go two to a call chain entry, and an odd count's
+// last `to` is 0, as a traced call leaves it.
+void write_gpu_record(ZVKBufferRecordHelper& helper, uint64_t timestamp, uint32_t type,
+                      uint32_t kind, uint32_t pid, uint32_t tid, const std::string& payload,
+                      const std::vector<uint64_t>& frames = {}) {
+  ZVKRecordEventType event = {};
+  event.hw_type = GPU;
+  event.event_type = cuda_event_value(type, kind);
+  std::vector<uint64_t> slots = frames;
+  slots.resize((frames.size() + 1) / 2 * 2, 0);
+  auto record = helper.new_record(timestamp, event, pid, tid,
+                                  static_cast<uint16_t>(slots.size() / 2),
+                                  static_cast<uint16_t>(payload.size()));
+  if (!slots.empty()) {
+    std::memcpy(record.get_callchain_array(), slots.data(), slots.size() * sizeof(uint64_t));
+  }
+  std::memcpy(record.get_payload_store(), payload.data(), payload.size());
+}
+
+cudaevent::kernel kernel_payload(uint64_t end, int32_t grid_x, int32_t block_x, int64_t grid_id,
+                                 uint32_t name_id, uint16_t registers, uint32_t device,
+                                 uint32_t shared, uint32_t correlation, uint32_t stream) {
+  cudaevent::kernel kernel = {};
+  kernel.end = end;
+  kernel.completed = end + 100;
+  kernel.gridX = grid_x;
+  kernel.gridY = 2;
+  kernel.gridZ = 1;
+  kernel.blockX = block_x;
+  kernel.blockY = 1;
+  kernel.blockZ = 1;
+  kernel.gridId = grid_id;
+  kernel.pack = {name_id, registers, 1, 0};
+  kernel.deviceId = device;
+  kernel.staticSharedMem = shared;
+  kernel.correlationId = correlation;
+  kernel.streamId = stream;
+  return kernel;
+}
+
+// The four attr bytes of a copy, over a slot whose other four bytes hold junk,
+// as the collector leaves them.
+template <typename Copy>
+void set_copy_attr(Copy* copy, uint8_t kind, uint8_t src, uint8_t dst, uint8_t flags) {
+  copy->v = 0xdeadbeef00000000u;
+  copy->attr = {kind, src, dst, flags};
+}
+
+// One record of every GPU kind, written by the real record helper and file
+// writer: three kernels with names, one without, each kind of activity, and
+// traced calls with function names of their own id space.
+std::string make_gpu_capture() {
+  using namespace cudaevent;
+  TempDir dir;
+  ZVKQueue<ZVKBuffer> fill(4, 4096), to_write;
+  CaptureStderr();  // as in make_capture: the writer's log lines stay out of the output
+  {
+    ZVKFileWriter writer(&fill, &to_write, JobMetadata{"job-1", "host", "m5.large"}, 1000001);
+    EXPECT_TRUE(writer.start(dir.file("gpu_%t")).ok());
+    {
+      ZVKBufferRecordHelper helper(&fill, &to_write);
+      write_gpu_record(helper, 1000, KERNEL_NAME, kKernelNameKind, 10, 0,
+                       name_payload(0, 10, "vector_add"));
+      write_gpu_record(helper, 1000, KERNEL, 0, 10, 0,
+                       bytes_of(kernel_payload(3000, 128, 256, 5, 0, 32, 0, 1024, 7, 13)));
+      write_gpu_record(helper, 4000, CONCURRENT_KERNEL, 0, 10, 1,
+                       bytes_of(kernel_payload(5000, 64, 128, 6, 0, 16, 1, 0, 8, 14)));
+      write_gpu_record(helper, 4500, KERNEL_NAME, kKernelNameKind, 10, 1,
+                       name_payload(1, 10, "reduce_sum"));
+      write_gpu_record(helper, 4500, CONCURRENT_KERNEL, 0, 10, 1,
+                       bytes_of(kernel_payload(9500, 32, 1024, 7, 1, 64, 1, 4096, 9, 14)));
+      write_gpu_record(helper, 9600, KERNEL, 0, 10, 0,
+                       bytes_of(kernel_payload(9700, 1, 32, 8, 9, 8, 0, 0, 10, 13)));
+      write_gpu_record(helper, 10000, SYNCRONIZATION, 3, 10, 21, bytes_of(sync{10400, 11, 13}));
+      memcopy copy = {};
+      copy.end = 11400;
+      copy.bytes = 4096;
+      set_copy_attr(&copy, 1, 1, 3, 1);
+      copy.correlationId = 12;
+      copy.streamId = 13;
+      copy.runtimeCorrId = 12;
+      copy.contextId = 1;
+      write_gpu_record(helper, 11000, MEMCOPY, 1, 10, 0, bytes_of(copy));
+      memcopy_p2p p2p = {};
+      p2p.end = 12800;
+      p2p.bytes = 1 << 20;
+      set_copy_attr(&p2p, 10, 3, 3, 0);
+      p2p.srcDevice = 0;
+      p2p.dstDevice = 1;
+      p2p.correlationId = 13;
+      p2p.streamId = 13;
+      p2p.srcContext = 1;
+      p2p.dstContext = 2;
+      write_gpu_record(helper, 12000, MEMCOPY_P2P, 10, 10, 0, bytes_of(p2p));
+      write_gpu_record(helper, 13000, MEMSET, kMemsetKind, 10, 0,
+                       bytes_of(cudaevent::memset{13100, 1024, 255, 14, 13, 1, 3}));
+      write_gpu_record(helper, 14000, DRIVER, 0, 10, 11, bytes_of(driver{14200, 10, 11, 15, 0}));
+      write_gpu_record(helper, 15000, RUNTIME, 0, 10, 11, bytes_of(driver{15300, 10, 11, 16, 2}));
+      write_gpu_record(helper, 16000, KERNEL_NAME, kFunctionNameKind, 10, 11,
+                       name_payload(0, 0, "Unknown"));
+      write_gpu_record(helper, 16000, CUDA_API, 0, 10, 11, bytes_of(callback{16500, 1, 307, 17, 0}),
+                       {0x401000, 0x401100, 0x401200, 0x401300, 0x401400});
+      write_gpu_record(helper, 17000, CUDA_API, 0, 10, 12, bytes_of(callback{17100, 1, 17, 18, 0}));
+      write_gpu_record(helper, 18000, KERNEL_NAME, kFunctionNameKind, 10, 12,
+                       name_payload(1, 10, "vector_add"));
+      write_gpu_record(helper, 18000, CUDA_API, 0, 10, 12, bytes_of(callback{18200, 1, 307, 19, 1}),
+                       {0x402000, 0x402100});
+      write_gpu_record(helper, 19000, CUDA_API, 0, 10, 11, bytes_of(callback{19050, 1, 307, 20, 0}),
+                       {0x403000});
+    }
+    EXPECT_TRUE(writer.stop().ok());
+  }
+  GetCapturedStderr();
+  const auto files = dir.list();
+  EXPECT_EQ(files.size(), 1u);
+  return files.empty() ? std::string() : read_text_file(dir.file(files[0]));
+}
+
+// The summary's lines from the line `first` to the end.
+std::vector<std::string> summary_section(const std::string& text, const std::string& first) {
+  const std::vector<std::string> lines = lines_of(text);
+  return std::vector<std::string>(std::find(lines.begin(), lines.end(), first), lines.end());
+}
+
+class ZvkdumpGpu : public testing::Test {
+ protected:
+  void SetUp() override {
+    static const std::string capture = make_gpu_capture();
+    m_path = m_dir.file("gpu.zvkraw");
+    write_bytes(m_path, capture);
+  }
+
+  Dumped dump_capture(DumpFormat format, bool summary) const {
+    const Dumped result = dump({m_path}, mode(format, summary));
+    EXPECT_TRUE(result.whole) << result.err;
+    EXPECT_EQ(result.err, "");
+    if (format == DumpFormat::kJson) {
+      EXPECT_TRUE(is_one_json_document(result.out)) << result.out;
+    }
+    return result;
+  }
+
+  TempDir m_dir;
+  std::string m_path;
+};
+
+TEST_F(ZvkdumpGpu, EveryKindIsDecodedInText) {
+  const Dumped result = dump_capture(DumpFormat::kText, false);
+  const std::vector<std::string> expected = {
+      "    1000 GPU KERNEL_NAME pid=10 table=kernel device=0 id=0 len_name=10 "
+      "name=\"vector_add\"",
+      "    1000 GPU KERNEL pid=10 device=0 end=3000 duration=2000 completed=3100 grid=128x2x1 "
+      "block=256x1x1 grid_id=5 registers=32 static_shared_mem=1024 shm_config=1 launch_type=0 "
+      "stream=13 correlation=7 name_id=0 name=\"vector_add\"",
+      "    4000 GPU CONCURRENT_KERNEL pid=10 device=1 end=5000 duration=1000 completed=5100 "
+      "grid=64x2x1 block=128x1x1 grid_id=6 registers=16 static_shared_mem=0 shm_config=1 "
+      "launch_type=0 stream=14 correlation=8 name_id=0 name=\"vector_add\"",
+      "    4500 GPU KERNEL_NAME pid=10 table=kernel device=1 id=1 len_name=10 "
+      "name=\"reduce_sum\"",
+      "    4500 GPU CONCURRENT_KERNEL pid=10 device=1 end=9500 duration=5000 completed=9600 "
+      "grid=32x2x1 block=1024x1x1 grid_id=7 registers=64 static_shared_mem=4096 shm_config=1 "
+      "launch_type=0 stream=14 correlation=9 name_id=1 name=\"reduce_sum\"",
+      "    9600 GPU KERNEL pid=10 device=0 end=9700 duration=100 completed=9800 grid=1x2x1 "
+      "block=32x1x1 grid_id=8 registers=8 static_shared_mem=0 shm_config=1 launch_type=0 "
+      "stream=13 correlation=10 name_id=9",
+      "    10000 GPU SYNCRONIZATION pid=10 event_id=21 type=STREAM_SYNCHRONIZE(3) end=10400 "
+      "duration=400 stream=13 correlation=11",
+      "    11000 GPU MEMCOPY pid=10 device=0 end=11400 duration=400 kind=HTOD(1) "
+      "src_kind=PAGEABLE(1) dst_kind=DEVICE(3) flags=0x1 bytes=4096 stream=13 correlation=12 "
+      "runtime_correlation=12 context=1",
+      "    12000 GPU MEMCOPY_P2P pid=10 device=0 end=12800 duration=800 kind=PTOP(10) "
+      "src_kind=DEVICE(3) dst_kind=DEVICE(3) flags=0x0 bytes=1048576 src_device=0 dst_device=1 "
+      "src_context=1 dst_context=2 stream=13 correlation=13",
+      "    13000 GPU MEMSET pid=10 device=0 end=13100 duration=100 bytes=1024 value=255 "
+      "memkind=DEVICE(3) flags=0x1 stream=13 correlation=14",
+      "    14000 GPU DRIVER pid=10 thread=11 end=14200 duration=200 process_id=10 thread_id=11 "
+      "correlation=15 return_value=0",
+      "    15000 GPU RUNTIME pid=10 thread=11 end=15300 duration=300 process_id=10 thread_id=11 "
+      "correlation=16 return_value=2",
+      "    16000 GPU KERNEL_NAME pid=10 table=function thread=11 id=0 len_name=0 "
+      "name=\"Unknown\"",
+      "    16000 GPU CUDA_API pid=10 thread=11 end=16500 duration=500 domain=DRIVER_API(1) "
+      "cbid=307 correlation=17 function_id=0 function=\"Unknown\" "
+      "call_chain=[0x401000 0x401100 0x401200 0x401300 0x401400 0x0]",
+      "    17000 GPU CUDA_API pid=10 thread=12 end=17100 duration=100 domain=DRIVER_API(1) "
+      "cbid=17 correlation=18 function_id=0 function=\"Unknown\" call_chain=[]",
+      "    18000 GPU KERNEL_NAME pid=10 table=function thread=12 id=1 len_name=10 "
+      "name=\"vector_add\"",
+      "    18000 GPU CUDA_API pid=10 thread=12 end=18200 duration=200 domain=DRIVER_API(1) "
+      "cbid=307 correlation=19 function_id=1 function=\"vector_add\" "
+      "call_chain=[0x402000 0x402100]",
+      "    19000 GPU CUDA_API pid=10 thread=11 end=19050 duration=50 domain=DRIVER_API(1) "
+      "cbid=307 correlation=20 function_id=0 function=\"Unknown\" call_chain=[0x403000 0x0]",
+  };
+  EXPECT_EQ(record_lines(result.out), expected) << result.out;
+}
+
+TEST_F(ZvkdumpGpu, EveryKindIsDecodedInJson) {
+  const Dumped result = dump_capture(DumpFormat::kJson, false);
+  for (const char* record : {
+           "{\"timestamp\":1000,\"hw_type\":1,\"device_id\":0,\"event_type\":0,\"pid\":10,"
+           "\"tid\":0,\"call_chain_size\":0,\"payload_size\":24,\"event\":\"KERNEL_NAME\","
+           "\"table\":\"kernel\",\"device\":0,\"id\":0,\"len_name\":10,\"name\":\"vector_add\","
+           "\"payload_hex\":\"000000000a000000766563746f725f616464000000000000\"}",
+           "{\"timestamp\":1000,\"hw_type\":1,\"device_id\":0,\"event_type\":1,\"pid\":10,"
+           "\"tid\":0,\"call_chain_size\":0,\"payload_size\":72,\"event\":\"KERNEL\","
+           "\"device\":0,\"end\":3000,\"duration\":2000,\"completed\":3100,\"grid\":[128,2,1],"
+           "\"block\":[256,1,1],\"grid_id\":5,\"registers\":32,\"static_shared_mem\":1024,"
+           "\"shm_config\":1,\"launch_type\":0,\"stream\":13,\"correlation\":7,\"name_id\":0,"
+           "\"name\":\"vector_add\",\"payload_hex\":\"",
+           "\"event\":\"KERNEL\",\"device\":0,\"end\":9700,\"duration\":100,\"completed\":9800,"
+           "\"grid\":[1,2,1],\"block\":[32,1,1],\"grid_id\":8,\"registers\":8,"
+           "\"static_shared_mem\":0,\"shm_config\":1,\"launch_type\":0,\"stream\":13,"
+           "\"correlation\":10,\"name_id\":9,\"payload_hex\":\"",
+           "\"event_type\":12291,\"pid\":10,\"tid\":21,\"call_chain_size\":0,\"payload_size\":16,"
+           "\"event\":\"SYNCRONIZATION\",\"event_id\":21,\"type\":3,"
+           "\"type_name\":\"STREAM_SYNCHRONIZE\",\"end\":10400,\"duration\":400,\"stream\":13,"
+           "\"correlation\":11,",
+           // The junk beside the attr bytes shows only among the payload's bytes.
+           "\"event_type\":4100,\"pid\":10,\"tid\":0,\"call_chain_size\":0,\"payload_size\":40,"
+           "\"event\":\"MEMCOPY\",\"device\":0,\"end\":11400,\"duration\":400,\"kind\":1,"
+           "\"kind_name\":\"HTOD\",\"src_kind\":1,\"src_kind_name\":\"PAGEABLE\",\"dst_kind\":3,"
+           "\"dst_kind_name\":\"DEVICE\",\"flags\":\"0x1\",\"bytes\":4096,\"stream\":13,"
+           "\"correlation\":12,\"runtime_correlation\":12,\"context\":1,"
+           "\"payload_hex\":\"882c0000000000000010000000000000" "01010301efbeadde",
+           "\"event_type\":40965,\"pid\":10,\"tid\":0,\"call_chain_size\":0,\"payload_size\":48,"
+           "\"event\":\"MEMCOPY_P2P\",\"device\":0,\"end\":12800,\"duration\":800,\"kind\":10,"
+           "\"kind_name\":\"PTOP\",\"src_kind\":3,\"src_kind_name\":\"DEVICE\",\"dst_kind\":3,"
+           "\"dst_kind_name\":\"DEVICE\",\"flags\":\"0x0\",\"bytes\":1048576,\"src_device\":0,"
+           "\"dst_device\":1,\"src_context\":1,\"dst_context\":2,\"stream\":13,"
+           "\"correlation\":13,",
+           "\"event_type\":8198,\"pid\":10,\"tid\":0,\"call_chain_size\":0,\"payload_size\":32,"
+           "\"event\":\"MEMSET\",\"device\":0,\"end\":13100,\"duration\":100,\"bytes\":1024,"
+           "\"value\":255,\"memkind\":3,\"memkind_name\":\"DEVICE\",\"flags\":\"0x1\","
+           "\"stream\":13,\"correlation\":14,",
+           "\"event\":\"DRIVER\",\"thread\":11,\"end\":14200,\"duration\":200,\"process_id\":10,"
+           "\"thread_id\":11,\"correlation\":15,\"return_value\":0,",
+           "\"event\":\"RUNTIME\",\"thread\":11,\"end\":15300,\"duration\":300,\"process_id\":10,"
+           "\"thread_id\":11,\"correlation\":16,\"return_value\":2,",
+           "\"event_type\":4096,\"pid\":10,\"tid\":11,\"call_chain_size\":0,\"payload_size\":16,"
+           "\"event\":\"KERNEL_NAME\",\"table\":\"function\",\"thread\":11,\"id\":0,"
+           "\"len_name\":0,\"name\":\"Unknown\",",
+           "{\"timestamp\":16000,\"hw_type\":1,\"device_id\":0,\"event_type\":9,\"pid\":10,"
+           "\"tid\":11,\"call_chain_size\":3,\"payload_size\":24,\"event\":\"CUDA_API\","
+           "\"thread\":11,\"end\":16500,\"duration\":500,\"domain\":1,"
+           "\"domain_name\":\"DRIVER_API\",\"cbid\":307,\"correlation\":17,\"function_id\":0,"
+           "\"function\":\"Unknown\",\"call_chain\":[\"0x401000\",\"0x401100\",\"0x401200\","
+           "\"0x401300\",\"0x401400\",\"0x0\"],\"payload_hex\":\"",
+           "\"call_chain_size\":0,\"payload_size\":24,\"event\":\"CUDA_API\",\"thread\":12,"
+           "\"end\":17100,\"duration\":100,\"domain\":1,\"domain_name\":\"DRIVER_API\","
+           "\"cbid\":17,\"correlation\":18,\"function_id\":0,\"function\":\"Unknown\","
+           "\"call_chain\":[],",
+           "\"function_id\":1,\"function\":\"vector_add\","
+           "\"call_chain\":[\"0x402000\",\"0x402100\"],"}) {
+    EXPECT_NE(result.out.find(record), std::string::npos) << record << "\n" << result.out;
+  }
+}
+
+TEST_F(ZvkdumpGpu, TheSummaryHasAGpuSection) {
+  const Dumped result = dump_capture(DumpFormat::kText, true);
+  const std::vector<std::string> expected = {
+      "GPU records by type:",
+      "  KERNEL_NAME                         4",
+      "  KERNEL                              2",
+      "  CONCURRENT_KERNEL                   2",
+      "  SYNCRONIZATION                      1",
+      "  MEMCOPY                             1",
+      "  MEMCOPY_P2P                         1",
+      "  MEMSET                              1",
+      "  DRIVER                              1",
+      "  RUNTIME                             1",
+      "  CUDA_API                            4",
+      "GPU kernels:",
+      "  name                                count       total ms        mean us",
+      "  reduce_sum                              1          0.005          5.000",
+      "  vector_add                              2          0.003          1.500",
+      "  (name id 9)                             1          0.000          0.100",
+      "GPU copies by kind:",
+      "  kind                                count          bytes       total ms",
+      "  HTOD                                    1           4096          0.000",
+      "  PTOP                                    1        1048576          0.001",
+      "GPU memsets: 1, 1024 bytes, 0.000 ms",
+      "GPU synchronizations by type:",
+      "  type                                count       total ms",
+      "  STREAM_SYNCHRONIZE                      1          0.000",
+      "GPU driver activity: 1, 0.000 ms",
+      "GPU runtime activity: 1, 0.000 ms",
+      "GPU traced calls by function:",
+      "  function                            count           cbid       total ms",
+      "  Unknown                                 2            307          0.001",
+      "  Unknown                                 1             17          0.000",
+      "  vector_add                              1            307          0.000",
+      "GPU names: 2 kernel, 2 function",
+  };
+  EXPECT_EQ(summary_section(result.out, "GPU records by type:"), expected) << result.out;
+  // The sections before it stay as they were, and a capture without CPU records
+  // has no CPU section.
+  EXPECT_NE(result.out.find("Records by kind:\n  GPU                                18\n"
+                            "Annotation ranges:\n"
+                            "  name                                count       total ms        "
+                            "mean us\nGPU records by type:\n"),
+            std::string::npos)
+      << result.out;
+}
+
+TEST_F(ZvkdumpGpu, TheJsonSummaryHasAGpuMember) {
+  const Dumped result = dump_capture(DumpFormat::kJson, true);
+  EXPECT_NE(result.out.find("\"records_by_kind\":{\"GPU\":18},\"cpu\":{\"record_count\":0,"),
+            std::string::npos)
+      << result.out;
+  const std::string gpu =
+          "\"gpu\":{\"record_count\":18,\"undecoded\":0,"
+          "\"types\":{\"KERNEL_NAME\":4,\"KERNEL\":2,\"CONCURRENT_KERNEL\":2,"
+          "\"SYNCRONIZATION\":1,\"MEMCOPY\":1,\"MEMCOPY_P2P\":1,\"MEMSET\":1,\"DRIVER\":1,"
+          "\"RUNTIME\":1,\"CUDA_API\":4},"
+          "\"kernels\":[{\"name\":\"reduce_sum\",\"count\":1,\"total_ns\":5000,\"mean_ns\":5000},"
+          "{\"name\":\"vector_add\",\"count\":2,\"total_ns\":3000,\"mean_ns\":1500},"
+          "{\"name\":null,\"name_id\":9,\"count\":1,\"total_ns\":100,\"mean_ns\":100}],"
+          "\"copies\":[{\"kind\":1,\"kind_name\":\"HTOD\",\"count\":1,\"bytes\":4096,"
+          "\"total_ns\":400},{\"kind\":10,\"kind_name\":\"PTOP\",\"count\":1,"
+          "\"bytes\":1048576,\"total_ns\":800}],"
+          "\"memsets\":{\"count\":1,\"bytes\":1024,\"total_ns\":100},"
+          "\"syncs\":[{\"type\":3,\"type_name\":\"STREAM_SYNCHRONIZE\",\"count\":1,"
+          "\"total_ns\":400}],"
+          "\"driver\":{\"count\":1,\"total_ns\":200},\"runtime\":{\"count\":1,\"total_ns\":300},"
+          "\"calls\":[{\"function\":\"Unknown\",\"cbid\":307,\"count\":2,\"total_ns\":550},"
+          "{\"function\":\"Unknown\",\"cbid\":17,\"count\":1,\"total_ns\":100},"
+          "{\"function\":\"vector_add\",\"cbid\":307,\"count\":1,\"total_ns\":200}],"
+          "\"kernel_names\":2,\"function_names\":2},\"ranges\":[],";
+  EXPECT_NE(result.out.find(gpu), std::string::npos) << result.out;
+}
+
+// A capture of one bucket of hand-made records, as a file in `dir`.
+std::string write_records(const TempDir& dir, const std::string& name,
+                          const std::vector<std::string>& records) {
+  std::string bytes;
+  for (const std::string& record : records) bytes += record;
+  const std::string path = dir.file(name);
+  write_bytes(path, capture_with_bucket(capture_bytes(), bytes, records.size()));
+  return path;
+}
+
+std::string with_pid(std::string record, uint32_t pid) {
+  std::memcpy(&record[offsetof(ZVKRecord, pid)], &pid, sizeof(pid));
+  return record;
+}
+
+// A kernel of 100 ns in process `pid`.
+std::string kernel_record(uint32_t pid, uint32_t name_id) {
+  return with_pid(record_bytes(gpu_event(cudaevent::KERNEL, 0), 0, sizeof(cudaevent::kernel),
+                               bytes_of(kernel_payload(142, 1, 1, 1, name_id, 1, 0, 0, 1, 1))),
+                  pid);
+}
+
+std::string kernel_name_record(uint32_t pid, uint32_t id, const std::string& name) {
+  const std::string payload = name_payload(id, name.size(), name);
+  return with_pid(record_bytes(gpu_event(cudaevent::KERNEL_NAME, cudaevent::kKernelNameKind), 0,
+                               static_cast<uint16_t>(payload.size()), payload),
+                  pid);
+}
+
+// A FORK record of a new process, as the sampler writes it: the child's.
+std::string fork_record(uint32_t child, uint32_t parent) {
+  return with_pid(record_bytes(make_event_word(CPU, 0, perfevent::FORK), 0, 24,
+                               bytes_of(perfevent::ZVKPerfExitFork{77, 77, parent, parent})),
+                  child);
+}
+
+// The name each KERNEL line of a text dump resolved, by its pid; "-" for none.
+std::vector<std::string> kernel_names_of(const std::string& text) {
+  std::vector<std::string> names;
+  for (const std::string& line : record_lines(text)) {
+    if (line.find(" GPU KERNEL ") == std::string::npos) continue;
+    const size_t pid = line.find(" pid=");
+    const size_t name = line.find(" name=");
+    names.push_back(line.substr(pid + 5, line.find(' ', pid + 1) - pid - 5) + ' ' +
+                    (name == std::string::npos ? "-" : line.substr(name + 6)));
+  }
+  return names;
+}
+
+TEST(ZvkdumpGpuNames, ComeFromEarlierFilesOfTheRunPerProcessAndFromAForkedParent) {
+  TempDir dir;
+  const std::string first = write_records(
+      dir, "first.zvkraw",
+      {kernel_name_record(10, 0, "parent_kernel"), kernel_name_record(20, 0, "other_process")});
+  const std::string second = write_records(
+      dir, "second.zvkraw",
+      {kernel_record(10, 0), kernel_record(20, 0), fork_record(13, 10), kernel_record(13, 0),
+       kernel_name_record(13, 1, "child_kernel"), kernel_record(13, 1),
+       // The child's id 1 isn't the parent's, and an unrelated process has none.
+       kernel_record(10, 1), kernel_record(14, 0),
+       // A thread's FORK links nothing; forks that loop end the search all the same.
+       fork_record(10, 10), fork_record(30, 31), fork_record(31, 30), kernel_record(30, 0)});
+
+  const Dumped both = dump({first, second}, mode(DumpFormat::kText, false));
+  ASSERT_TRUE(both.whole) << both.err;
+  const std::vector<std::string> resolved = {
+      "10 \"parent_kernel\"", "20 \"other_process\"", "13 \"parent_kernel\"",
+      "13 \"child_kernel\"",  "10 -",                 "14 -",
+      "30 -"};
+  EXPECT_EQ(kernel_names_of(both.out), resolved) << both.out;
+
+  const Dumped alone = dump({second}, mode(DumpFormat::kText, false));
+  ASSERT_TRUE(alone.whole) << alone.err;
+  const std::vector<std::string> unresolved = {"10 -", "20 -", "13 -", "13 \"child_kernel\"",
+                                               "10 -", "14 -", "30 -"};
+  EXPECT_EQ(kernel_names_of(alone.out), unresolved) << alone.out;
+
+  // The summary groups by the names the run knows; the rest by id.
+  const Dumped summary = dump({first, second}, mode(DumpFormat::kJson, true));
+  ASSERT_TRUE(summary.whole) << summary.err;
+  EXPECT_TRUE(is_one_json_document(summary.out)) << summary.out;
+  EXPECT_NE(summary.out.find("\"kernels\":[{\"name\":\"parent_kernel\",\"count\":2,"
+                             "\"total_ns\":200,\"mean_ns\":100},"
+                             "{\"name\":null,\"name_id\":0,\"count\":2,\"total_ns\":200,"
+                             "\"mean_ns\":100},"
+                             "{\"name\":\"child_kernel\",\"count\":1,\"total_ns\":100,"
+                             "\"mean_ns\":100},{\"name\":\"other_process\",\"count\":1,"
+                             "\"total_ns\":100,\"mean_ns\":100},"
+                             "{\"name\":null,\"name_id\":1,\"count\":1,"
+                             "\"total_ns\":100,\"mean_ns\":100}]"),
+            std::string::npos)
+      << summary.out;
+}
+
+TEST(ZvkdumpGpuOdd, PayloadsThatDontFitTheirFormatAreShownAsBytes) {
+  using namespace cudaevent;
+  TempDir dir;
+  const std::string unterminated = bytes_of(std::array<uint32_t, 2>{3, 8}) + "no_nul!!";
+  const std::string odd_name = name_payload(4, 12, "bad \xff\"name\n");
+  cudaevent::memcopy unknown_kinds = {};
+  unknown_kinds.end = 10;  // before the start: no time
+  set_copy_attr(&unknown_kinds, 200, 9, 0, 0xff);
+  const std::vector<std::string> records = {
+      record_bytes(gpu_event(KERNEL_NAME, 0), 0, 7, std::string(7, '\0')),
+      record_bytes(gpu_event(KERNEL_NAME, 0), 0, 16, unterminated),
+      record_bytes(gpu_event(KERNEL_NAME, 2), 0, 16, name_payload(5, 3, "abc")),
+      record_bytes(gpu_event(KERNEL, 0), 0, 71, std::string(71, '\1')),
+      record_bytes(gpu_event(CONCURRENT_KERNEL, 0), 0, 0, ""),
+      record_bytes(gpu_event(SYNCRONIZATION, 1), 0, 15, std::string(15, '\2')),
+      record_bytes(gpu_event(MEMCOPY, 1), 0, 39, std::string(39, '\3')),
+      record_bytes(gpu_event(MEMCOPY_P2P, 10), 0, 47, std::string(47, '\4')),
+      record_bytes(gpu_event(MEMSET, 2), 0, 31, std::string(31, '\5')),
+      record_bytes(gpu_event(DRIVER, 0), 0, 23, std::string(23, '\6')),
+      record_bytes(gpu_event(RUNTIME, 0), 0, 0, ""),
+      record_bytes(gpu_event(CUDA_API, 0), 1, 23, std::string(16, '\7') + std::string(23, '\7')),
+      record_bytes(gpu_event(NUM_CUDA_RECORD_TYPES, 0), 0, 0, ""),
+      record_bytes(make_event_word(GPU, 0, 0xfffff), 0, 8, "abcdefgh"),
+      // These decode: a name with bytes JSON must escape, kinds no table names, and
+      // a kernel longer than its format, whose format's bytes are read.
+      record_bytes(gpu_event(KERNEL_NAME, 0), 0, static_cast<uint16_t>(odd_name.size()), odd_name),
+      record_bytes(gpu_event(MEMCOPY, 200), 0, 40, bytes_of(unknown_kinds)),
+      record_bytes(gpu_event(KERNEL, 0), 0, 80,
+                   bytes_of(kernel_payload(50, 1, 1, -1, 4, 1, 0, 0, 1, 1)) + "trailing"),
+  };
+  const std::string path = write_records(dir, "odd_gpu.zvkraw", records);
+  EXPECT_TRUE(dump_cleanly(dir, read_text_file(path)));
+
+  const Dumped text = dump({path}, mode(DumpFormat::kText, false));
+  ASSERT_TRUE(text.whole) << text.err;
+  const auto raw = [](uint32_t event, int chains, size_t size, const std::string& bytes) {
+    return "    42 GPU device=0 event=" + std::to_string(event) + " pid=0 tid=0 callchain=" +
+           std::to_string(chains) + " payload=" + std::to_string(size) + " " + hex_of(bytes);
+  };
+  const std::vector<std::string> expected = {
+      raw(0, 0, 7, std::string(7, '\0')),
+      raw(0, 0, 16, unterminated),
+      raw(0x2000, 0, 16, name_payload(5, 3, "abc")),
+      raw(1, 0, 71, std::string(71, '\1')),
+      raw(2, 0, 0, ""),
+      raw(0x1003, 0, 15, std::string(15, '\2')),
+      raw(0x1004, 0, 39, std::string(39, '\3')),
+      raw(0xa005, 0, 47, std::string(47, '\4')),
+      raw(0x2006, 0, 31, std::string(31, '\5')),
+      raw(7, 0, 23, std::string(23, '\6')),
+      raw(8, 0, 0, ""),
+      raw(9, 1, 23, std::string(23, '\7')),
+      raw(10, 0, 0, ""),
+      raw(0xfffff, 0, 8, "abcdefgh"),
+      "    42 GPU KERNEL_NAME pid=0 table=kernel device=0 id=4 len_name=12 "
+      "name=\"bad \\ufffd\\\"name\\u000a\"",
+      "    42 GPU MEMCOPY pid=0 device=0 end=10 duration=0 kind=UNKNOWN(200) "
+      "src_kind=UNKNOWN(9) dst_kind=UNKNOWN(0) flags=0xff bytes=0 stream=0 correlation=0 "
+      "runtime_correlation=0 context=0",
+      "    42 GPU KERNEL pid=0 device=0 end=50 duration=8 completed=150 grid=1x2x1 block=1x1x1 "
+      "grid_id=-1 registers=1 static_shared_mem=0 shm_config=1 launch_type=0 stream=1 "
+      "correlation=1 name_id=4 name=\"bad \\ufffd\\\"name\\u000a\"",
+  };
+  EXPECT_EQ(record_lines(text.out), expected) << text.out;
+
+  const Dumped json = dump({path}, mode(DumpFormat::kJson, false));
+  EXPECT_NE(json.out.find("\"name\":\"bad \\ufffd\\\"name\\u000a\""), std::string::npos)
+      << json.out;
+
+  const Dumped summary = dump({path}, mode(DumpFormat::kText, true));
+  ASSERT_TRUE(summary.whole) << summary.err;
+  EXPECT_NE(summary.out.find("  (14 not decoded: payload too short or type unknown)\n"),
+            std::string::npos)
+      << summary.out;
+  EXPECT_NE(summary.out.find("  CUDA_API                            1\n"
+                             "  type 10                             1\n"
+                             "  type 4095                           1\n"),
+            std::string::npos)
+      << summary.out;
+  EXPECT_NE(summary.out.find("  UNKNOWN                                 1              0"
+                             "          0.000\n"),
+            std::string::npos)
+      << summary.out;
 }
 
 TEST(ZvkdumpJson, KeepsUtf8AndEscapesOnlyWhatJsonNeeds) {

@@ -2,6 +2,8 @@
 
 #include "tools/zvkdumper.h"
 
+#include <cupti_activity.h>
+#include <cupti_callbacks.h>
 #include <linux/perf_event.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -19,6 +22,7 @@
 #include "tools/zvkfilereader.h"
 #include "zorv/cpu/perf_helpers.h"
 #include "zorv/cpu/zvkperfevents.h"
+#include "zorv/cuda/zvkcudastructs.h"
 #include "zorv/io/zvkfile.h"
 #include "zorv/zvkannotator.h"
 
@@ -188,16 +192,17 @@ std::string call_chain_slot(uint64_t address) {
   }
 }
 
-// Every slot of the chain, two addresses per entry. For an odd number of
-// addresses the last slot holds whatever the buffer held before: the record
+// Every slot of the chain, two addresses per entry, each as `slot_text` shows it.
+// For an odd number of addresses the last slot holds whatever the writer left
+// there (the sampler: the buffer's old bytes; a traced call: 0): the record
 // doesn't say which case it is, so that slot is shown too.
-Field call_chain_field(const ZVKRecordReader& record) {
+Field call_chain_field(const ZVKRecordReader& record, std::string (*slot_text)(uint64_t)) {
   std::string text, json;
   for (int i = 0; i < record.num_callchains(); ++i) {
     CallChain entry;
     std::memcpy(&entry, record.callchain_at(i), sizeof(entry));
     for (uint64_t address : {entry.from, entry.to}) {
-      const std::string slot = call_chain_slot(address);
+      const std::string slot = slot_text(address);
       text += (text.empty() ? "" : " ") + slot;
       json += (json.empty() ? "\"" : ",\"") + slot + '"';
     }
@@ -213,15 +218,21 @@ bool read_payload(const ZVKRecordReader& record, T* out) {
   return true;
 }
 
+// The text from `offset` of the payload up to its terminator, which must lie
+// inside the payload. False when the payload ends first.
+bool terminated_text(const ZVKRecordReader& record, size_t offset, std::string* text) {
+  if (record.payload_size() < offset) return false;
+  const char* start = static_cast<const char*>(record.payload()) + offset;
+  const void* nul = std::memchr(start, '\0', record.payload_size() - offset);
+  if (nul == nullptr) return false;
+  text->assign(start, static_cast<const char*>(nul) - start);
+  return true;
+}
+
 // An MMAP's fixed fields and its file name, which must end inside the payload:
 // strsize isn't trusted, since it could point past the record.
 bool read_mmap(const ZVKRecordReader& record, perfevent::ZVKPerfMMap* fixed, std::string* name) {
-  if (!read_payload(record, fixed)) return false;
-  const char* text = static_cast<const char*>(record.payload()) + sizeof(*fixed);
-  const void* nul = std::memchr(text, '\0', record.payload_size() - sizeof(*fixed));
-  if (nul == nullptr) return false;
-  name->assign(text, static_cast<const char*>(nul) - text);
-  return true;
+  return read_payload(record, fixed) && terminated_text(record, sizeof(*fixed), name);
 }
 
 std::vector<Field> config_fields(const perfevent::ZVKPerfConfigData& config) {
@@ -248,7 +259,8 @@ bool sample_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
   perfevent::ZVKPerfSample sample;
   if (!read_payload(record, &sample)) return false;
   *fields = {hex_field("ip", sample.ip), number_field("id", sample.id),
-             number_field("stream_id", sample.stream_id), call_chain_field(record)};
+             number_field("stream_id", sample.stream_id),
+             call_chain_field(record, call_chain_slot)};
   return true;
 }
 
@@ -301,6 +313,319 @@ bool cpu_fields(const ZVKRecordReader& record, std::vector<Field>* fields) {
          kReaders[type](record, fields);
 }
 
+// GPU records: the low 12 bits of the event type say which payload follows, the
+// 8 bits above them a kind within it.
+uint32_t gpu_type(const ZVKRecordReader& record) { return record.event_type() & 0xfffu; }
+uint32_t gpu_kind(const ZVKRecordReader& record) { return record.event_type() >> 12; }
+
+const char* gpu_type_name(uint32_t type) {
+  static const char* const kNames[] = {
+      "KERNEL_NAME", "KERNEL", "CONCURRENT_KERNEL", "SYNCRONIZATION", "MEMCOPY",
+      "MEMCOPY_P2P", "MEMSET", "DRIVER",            "RUNTIME",        "CUDA_API"};
+  static_assert(sizeof(kNames) / sizeof(kNames[0]) == cudaevent::NUM_CUDA_RECORD_TYPES,
+                "a name for every GPU record type");
+  return type < cudaevent::NUM_CUDA_RECORD_TYPES ? kNames[type] : "UNKNOWN";
+}
+
+template <size_t N>
+const char* name_in(const char* const (&names)[N], uint64_t value) {
+  return value < N ? names[value] : "UNKNOWN";
+}
+
+// CUPTI's enumerations by the names NVIDIA's headers give them, less the common
+// prefix. Kept here rather than taken from CUPTI at run time, which a machine
+// reading captures needn't have; the asserts hold the tables to the headers.
+const char* copy_kind_name(uint32_t kind) {
+  static const char* const kNames[] = {"UNKNOWN", "HTOD", "DTOH", "HTOA", "ATOH", "ATOA",
+                                       "ATOD",    "DTOA", "DTOD", "HTOH", "PTOP"};
+  static_assert(CUPTI_ACTIVITY_MEMCPY_KIND_HTOD == 1 && CUPTI_ACTIVITY_MEMCPY_KIND_DTOD == 8 &&
+                    sizeof(kNames) / sizeof(kNames[0]) == CUPTI_ACTIVITY_MEMCPY_KIND_PTOP + 1,
+                "CUpti_ActivityMemcpyKind");
+  return name_in(kNames, kind);
+}
+
+const char* memory_kind_name(uint32_t kind) {
+  static const char* const kNames[] = {"UNKNOWN", "PAGEABLE", "PINNED",        "DEVICE",
+                                       "ARRAY",   "MANAGED",  "DEVICE_STATIC", "MANAGED_STATIC"};
+  static_assert(CUPTI_ACTIVITY_MEMORY_KIND_DEVICE == 3 &&
+                    sizeof(kNames) / sizeof(kNames[0]) ==
+                        CUPTI_ACTIVITY_MEMORY_KIND_MANAGED_STATIC + 1,
+                "CUpti_ActivityMemoryKind");
+  return name_in(kNames, kind);
+}
+
+const char* sync_type_name(uint32_t type) {
+  static const char* const kNames[] = {"UNKNOWN", "EVENT_SYNCHRONIZE", "STREAM_WAIT_EVENT",
+                                       "STREAM_SYNCHRONIZE", "CONTEXT_SYNCHRONIZE"};
+  static_assert(CUPTI_ACTIVITY_SYNCHRONIZATION_TYPE_STREAM_SYNCHRONIZE == 3 &&
+                    sizeof(kNames) / sizeof(kNames[0]) ==
+                        CUPTI_ACTIVITY_SYNCHRONIZATION_TYPE_CONTEXT_SYNCHRONIZE + 1,
+                "CUpti_ActivitySynchronizationType");
+  return name_in(kNames, type);
+}
+
+const char* callback_domain_name(uint32_t domain) {
+  static const char* const kNames[] = {"INVALID",     "DRIVER_API", "RUNTIME_API", "RESOURCE",
+                                       "SYNCHRONIZE", "NVTX",       "STATE"};
+  static_assert(CUPTI_CB_DOMAIN_DRIVER_API == 1 && CUPTI_CB_DOMAIN_NVTX == 5,
+                "CUpti_CallbackDomain");
+  return name_in(kNames, domain);
+}
+
+// A KERNEL_NAME's fixed part and its name. The name ends at its terminator, which
+// must lie inside the payload: len_name isn't trusted, and a traced call's fixed
+// "Unknown" is stored with len_name 0.
+bool read_kernel_name(const ZVKRecordReader& record, cudaevent::kernel_name* fixed,
+                      std::string* name) {
+  return read_payload(record, fixed) && terminated_text(record, sizeof(*fixed), name);
+}
+
+// The names that GPU records give by id, learnt from KERNEL_NAME records over a
+// whole run. A process names each kernel and each traced call's function once, in
+// the first record that uses it, so the name may lie in an earlier file; and a
+// forked child goes on with its parent's ids without naming them again.
+class GpuNames {
+ public:
+  void learn(const ZVKRecordReader& record) {
+    if (record.hardware_type() == GPU && gpu_type(record) == cudaevent::KERNEL_NAME) {
+      learn_name(record);
+    } else if (record.hardware_type() == CPU && record.event_type() == perfevent::FORK) {
+      learn_parent(record);
+    }
+  }
+
+  // The name of `id` in table `kind` (kKernelNameKind or kFunctionNameKind) for
+  // process `pid`; null when this run hasn't seen it.
+  const std::string* find(uint32_t kind, uint32_t pid, uint32_t id) const {
+    // Bounded: pids are reused, so the parent links could loop.
+    for (int generation = 0; generation < kMaxGenerations; ++generation) {
+      const auto table = m_tables.find({kind, pid});
+      if (table != m_tables.end()) {
+        const auto name = table->second.find(id);
+        if (name != table->second.end()) return &name->second;
+      }
+      const auto parent = m_parents.find(pid);
+      if (parent == m_parents.end()) return nullptr;
+      pid = parent->second;
+    }
+    return nullptr;
+  }
+
+ private:
+  static constexpr int kMaxGenerations = 64;
+
+  void learn_name(const ZVKRecordReader& record) {
+    cudaevent::kernel_name fixed;
+    std::string name;
+    const uint32_t kind = gpu_kind(record);
+    if (kind > cudaevent::kFunctionNameKind || !read_kernel_name(record, &fixed, &name)) return;
+    m_tables[{kind, record.pid()}][fixed.id] = std::move(name);
+  }
+
+  // A FORK of a new process, not of a thread: the record is the child's.
+  void learn_parent(const ZVKRecordReader& record) {
+    perfevent::ZVKPerfExitFork fork;
+    if (read_payload(record, &fork) && fork.ppid != record.pid()) {
+      m_parents[record.pid()] = fork.ppid;
+    }
+  }
+
+  std::map<std::pair<uint32_t, uint32_t>, std::unordered_map<uint32_t, std::string>>
+      m_tables;                                      // (kind, pid) -> id -> name
+  std::unordered_map<uint32_t, uint32_t> m_parents;  // forked pid -> parent pid
+};
+
+Field signed_field(const std::string& name, int64_t value) {
+  const std::string digits = std::to_string(value);
+  return field(name, digits, digits);
+}
+
+// A fixed word: bare in text, a string in JSON.
+Field word_field(const std::string& name, const std::string& word) {
+  return field(name, word, json_string(word));
+}
+
+// A number from one of CUPTI's enumerations, with its name.
+Field enum_field(const std::string& name, uint64_t value, const char* decoded) {
+  const std::string digits = std::to_string(value);
+  return named_field(name, digits, digits, decoded);
+}
+
+// Grid and block sizes: XxYxZ in text, [X,Y,Z] in JSON.
+Field dims_field(const std::string& name, int32_t x, int32_t y, int32_t z) {
+  const std::string sx = std::to_string(x), sy = std::to_string(y), sz = std::to_string(z);
+  return field(name, sx + 'x' + sy + 'x' + sz, '[' + sx + ',' + sy + ',' + sz + ']');
+}
+
+// How long an activity took, from the record's timestamp, its start. An end
+// before the start, which CUPTI can report for an activity it never saw finish,
+// counts as no time rather than as a wrapped huge one.
+uint64_t duration_of(const ZVKRecordReader& record, uint64_t end) {
+  return end > record.timestamp() ? end - record.timestamp() : 0;
+}
+
+void add_span(const ZVKRecordReader& record, uint64_t end, std::vector<Field>* fields) {
+  fields->push_back(number_field("end", end));
+  fields->push_back(number_field("duration", duration_of(record, end)));
+}
+
+// The name behind an id, when this run has seen it.
+void add_name(const GpuNames& names, uint32_t kind, const ZVKRecordReader& record, uint32_t id,
+              const std::string& member, std::vector<Field>* fields) {
+  if (const std::string* name = names.find(kind, record.pid(), id)) {
+    fields->push_back(text_field(member, *name));
+  }
+}
+
+// A name record's header tid is the device for a kernel's name, and the calling
+// thread for a traced call's function name.
+bool name_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
+  cudaevent::kernel_name fixed;
+  std::string name;
+  const uint32_t kind = gpu_kind(record);
+  if (kind > cudaevent::kFunctionNameKind || !read_kernel_name(record, &fixed, &name)) {
+    return false;
+  }
+  const bool kernel = kind == cudaevent::kKernelNameKind;
+  *fields = {word_field("table", kernel ? "kernel" : "function"),
+             number_field(kernel ? "device" : "thread", record.tid()),
+             number_field("id", fixed.id), number_field("len_name", fixed.len_name),
+             text_field("name", name)};
+  return true;
+}
+
+bool kernel_record(const ZVKRecordReader& record, const GpuNames& names,
+                   std::vector<Field>* fields) {
+  cudaevent::kernel kernel;
+  if (!read_payload(record, &kernel)) return false;
+  *fields = {number_field("device", record.tid())};
+  add_span(record, kernel.end, fields);
+  fields->insert(fields->end(),
+                 {number_field("completed", kernel.completed),
+                  dims_field("grid", kernel.gridX, kernel.gridY, kernel.gridZ),
+                  dims_field("block", kernel.blockX, kernel.blockY, kernel.blockZ),
+                  signed_field("grid_id", kernel.gridId),
+                  number_field("registers", kernel.pack.registersPerThread),
+                  number_field("static_shared_mem", kernel.staticSharedMem),
+                  number_field("shm_config", kernel.pack.shmConfig),
+                  number_field("launch_type", kernel.pack.launchType),
+                  number_field("stream", kernel.streamId),
+                  number_field("correlation", kernel.correlationId),
+                  number_field("name_id", kernel.pack.nameId)});
+  add_name(names, cudaevent::kKernelNameKind, record, kernel.pack.nameId, "name", fields);
+  return true;
+}
+
+// The header tid of a synchronization is the CUDA event's id; akind its type.
+bool sync_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
+  cudaevent::sync sync;
+  if (!read_payload(record, &sync)) return false;
+  *fields = {number_field("event_id", record.tid()),
+             enum_field("type", gpu_kind(record), sync_type_name(gpu_kind(record)))};
+  add_span(record, sync.end, fields);
+  fields->insert(fields->end(), {number_field("stream", sync.streamId),
+                                 number_field("correlation", sync.correlationId)});
+  return true;
+}
+
+// What MEMCOPY and MEMCOPY_P2P share: the device, the span, the kinds and the
+// size. Of the kinds' 8-byte slot only the four attr bytes are ever written, so
+// only they are read.
+template <typename Copy>
+std::vector<Field> copy_fields(const ZVKRecordReader& record, const Copy& copy) {
+  std::vector<Field> fields = {number_field("device", record.tid())};
+  add_span(record, copy.end, &fields);
+  const cudaevent::copy_attr& attr = copy.attr;
+  fields.insert(fields.end(),
+                {enum_field("kind", attr.copy_kind, copy_kind_name(attr.copy_kind)),
+                 enum_field("src_kind", attr.src_kind, memory_kind_name(attr.src_kind)),
+                 enum_field("dst_kind", attr.dst_kind, memory_kind_name(attr.dst_kind)),
+                 hex_field("flags", attr.flags), number_field("bytes", copy.bytes)});
+  return fields;
+}
+
+bool memcopy_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
+  cudaevent::memcopy copy;
+  if (!read_payload(record, &copy)) return false;
+  *fields = copy_fields(record, copy);
+  fields->insert(fields->end(), {number_field("stream", copy.streamId),
+                                 number_field("correlation", copy.correlationId),
+                                 number_field("runtime_correlation", copy.runtimeCorrId),
+                                 number_field("context", copy.contextId)});
+  return true;
+}
+
+bool p2p_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
+  cudaevent::memcopy_p2p copy;
+  if (!read_payload(record, &copy)) return false;
+  *fields = copy_fields(record, copy);
+  fields->insert(fields->end(), {number_field("src_device", copy.srcDevice),
+                                 number_field("dst_device", copy.dstDevice),
+                                 number_field("src_context", copy.srcContext),
+                                 number_field("dst_context", copy.dstContext),
+                                 number_field("stream", copy.streamId),
+                                 number_field("correlation", copy.correlationId)});
+  return true;
+}
+
+bool memset_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
+  cudaevent::memset set;
+  if (!read_payload(record, &set)) return false;
+  *fields = {number_field("device", record.tid())};
+  add_span(record, set.end, fields);
+  fields->insert(fields->end(), {number_field("bytes", set.size), number_field("value", set.value),
+                                 enum_field("memkind", set.memkind, memory_kind_name(set.memkind)),
+                                 hex_field("flags", set.flags),
+                                 number_field("stream", set.streamId),
+                                 number_field("correlation", set.correlationId)});
+  return true;
+}
+
+// DRIVER and RUNTIME activity: the header tid is the calling thread, and the
+// payload repeats CUPTI's own process and thread ids.
+bool driver_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
+  cudaevent::driver call;
+  if (!read_payload(record, &call)) return false;
+  *fields = {number_field("thread", record.tid())};
+  add_span(record, call.end, fields);
+  fields->insert(fields->end(), {number_field("process_id", call.pid),
+                                 number_field("thread_id", call.tid),
+                                 number_field("correlation", call.correlationId),
+                                 number_field("return_value", call.returnValue)});
+  return true;
+}
+
+// A traced call, with the host's call chain as unwound at its exit: plain
+// addresses, none of the kernel's context markers.
+bool api_record(const ZVKRecordReader& record, const GpuNames& names, std::vector<Field>* fields) {
+  cudaevent::callback call;
+  if (!read_payload(record, &call)) return false;
+  *fields = {number_field("thread", record.tid())};
+  add_span(record, call.end, fields);
+  fields->insert(fields->end(),
+                 {enum_field("domain", call.domain, callback_domain_name(call.domain)),
+                  number_field("cbid", call.cbid), number_field("correlation", call.correlationId),
+                  number_field("function_id", call.funcNameId)});
+  add_name(names, cudaevent::kFunctionNameKind, record, call.funcNameId, "function", fields);
+  fields->push_back(call_chain_field(record, hex_number));
+  return true;
+}
+
+// The decoded payload of a GPU record. False for a type without a payload format,
+// a name record of a kind without a table, or a payload too short for its format:
+// such a record is shown as bytes.
+bool gpu_fields(const ZVKRecordReader& record, const GpuNames& names,
+                std::vector<Field>* fields) {
+  using Reader = bool (*)(const ZVKRecordReader&, const GpuNames&, std::vector<Field>*);
+  static const Reader kReaders[] = {name_record,    kernel_record, kernel_record, sync_record,
+                                    memcopy_record, p2p_record,    memset_record, driver_record,
+                                    driver_record,  api_record};
+  static_assert(sizeof(kReaders) / sizeof(kReaders[0]) == cudaevent::NUM_CUDA_RECORD_TYPES,
+                "a reader for every GPU record type");
+  const uint32_t type = gpu_type(record);
+  return type < cudaevent::NUM_CUDA_RECORD_TYPES && kReaders[type](record, names, fields);
+}
+
 // Table cells: padded to at least `width`, never cut, so a long name only widens
 // its own row.
 std::string left_cell(const std::string& text, size_t width) {
@@ -317,6 +642,17 @@ std::string three_decimals(double value) {
   text.precision(3);
   text << value;
   return text.str();
+}
+
+// Rows of fields as a JSON array of objects.
+void print_json_array(std::ostream& out, const std::vector<std::vector<Field>>& rows) {
+  out << '[';
+  for (size_t i = 0; i < rows.size(); ++i) {
+    out << (i ? ",{" : "{");
+    for (size_t j = 0; j < rows[i].size(); ++j) out << (j ? "," : "") << rows[i][j].json;
+    out << '}';
+  }
+  out << ']';
 }
 
 struct RangeStats {
@@ -526,16 +862,6 @@ class CpuSummary {
     return rows;
   }
 
-  static void print_json_array(std::ostream& out, const std::vector<std::vector<Field>>& rows) {
-    out << '[';
-    for (size_t i = 0; i < rows.size(); ++i) {
-      out << (i ? ",{" : "{");
-      for (size_t j = 0; j < rows[i].size(); ++j) out << (j ? "," : "") << rows[i][j].json;
-      out << '}';
-    }
-    out << ']';
-  }
-
   uint64_t m_records = 0;
   uint64_t m_undecoded = 0;
   std::map<uint32_t, uint64_t> m_events;  // event code -> records
@@ -549,15 +875,317 @@ class CpuSummary {
   std::vector<perfevent::ZVKPerfConfigData> m_configurations;
 };
 
+// A summary table's row: its label left in a wide cell, then right-aligned cells,
+// the first (a count) 8 wide and the rest 14.
+void print_table_row(std::ostream& out, const std::string& label,
+                     const std::vector<std::string>& cells) {
+  out << "  " << left_cell(label, 32);
+  for (size_t i = 0; i < cells.size(); ++i) out << ' ' << right_cell(cells[i], i == 0 ? 8 : 14);
+  out << '\n';
+}
+
+// A summary table's row in both printed forms, like a record's fields.
+struct TableRow {
+  std::string label;
+  std::vector<std::string> cells;
+  std::vector<Field> fields;
+};
+
+void print_table_text(std::ostream& out, const std::string& title, const std::string& label,
+                      const std::vector<std::string>& headings, const std::vector<TableRow>& rows) {
+  out << title << '\n';
+  print_table_row(out, label, headings);
+  for (const TableRow& row : rows) print_table_row(out, row.label, row.cells);
+}
+
+void print_table_json(std::ostream& out, const std::vector<TableRow>& rows) {
+  std::vector<std::vector<Field>> objects;
+  for (const TableRow& row : rows) objects.push_back(row.fields);
+  print_json_array(out, objects);
+}
+
+std::string milliseconds(uint64_t ns) { return three_decimals(ns / 1e6); }
+
+// Count, bytes and time of a group of GPU activities.
+struct GpuTotals {
+  uint64_t count = 0;
+  uint64_t bytes = 0;
+  uint64_t total_ns = 0;
+
+  void add(uint64_t duration_ns, uint64_t size = 0) {
+    ++count;
+    bytes += size;
+    total_ns += duration_ns;
+  }
+};
+
+// What a summary groups kernels and traced calls by: the name when the run has
+// seen it, so that one kernel's launches on every device and in every process go
+// together; else the id, which is all the record says.
+struct NameKey {
+  bool known;
+  std::string name;
+  uint32_t id;
+
+  // Named ones first, in name order, then ids.
+  bool operator<(const NameKey& other) const {
+    const bool unknown = !known, other_unknown = !other.known;
+    return std::tie(unknown, name, id) < std::tie(other_unknown, other.name, other.id);
+  }
+
+  std::string label() const { return known ? name : "(name id " + std::to_string(id) + ")"; }
+
+  // "member":"name", or "member":null with "member_id" beside it.
+  Field as_field(const std::string& member) const {
+    if (known) return text_field(member, name);
+    Field unknown = field(member, label(), "null");
+    unknown.json += ',' + number_field(member + "_id", id).json;
+    return unknown;
+  }
+};
+
+// What a file's GPU records add up to: kernels by name, copies by kind, memsets,
+// synchronizations by type, API activity, and traced calls by function.
+class GpuSummary {
+ public:
+  explicit GpuSummary(const GpuNames& names) : m_names(names) {}
+
+  void add(const ZVKRecordReader& record) {
+    ++m_records;
+    ++m_types[gpu_type(record)];
+    if (!take(record)) ++m_undecoded;
+  }
+
+  bool empty() const { return m_records == 0; }
+
+  void print_text(std::ostream& out) const {
+    out << "GPU records by type:\n";
+    for (const auto& type : m_types) {
+      out << "  " << left_cell(type_label(type.first), 24) << ' '
+          << right_cell(std::to_string(type.second), 12) << '\n';
+    }
+    if (m_undecoded != 0) {
+      out << "  (" << m_undecoded << " not decoded: payload too short or type unknown)\n";
+    }
+    print_table_text(out, "GPU kernels:", "name", {"count", "total ms", "mean us"}, kernel_rows());
+    print_table_text(out, "GPU copies by kind:", "kind", {"count", "bytes", "total ms"},
+                     copy_rows());
+    out << "GPU memsets: " << m_memsets.count << ", " << m_memsets.bytes << " bytes, "
+        << milliseconds(m_memsets.total_ns) << " ms\n";
+    print_table_text(out, "GPU synchronizations by type:", "type", {"count", "total ms"},
+                     sync_rows());
+    out << "GPU driver activity: " << m_driver.count << ", " << milliseconds(m_driver.total_ns)
+        << " ms\nGPU runtime activity: " << m_runtime.count << ", "
+        << milliseconds(m_runtime.total_ns) << " ms\n";
+    print_table_text(out, "GPU traced calls by function:", "function",
+                     {"count", "cbid", "total ms"}, call_rows());
+    out << "GPU names: " << m_kernel_names << " kernel, " << m_function_names << " function\n";
+  }
+
+  // The object of the summary's "gpu" member.
+  void print_json(std::ostream& out) const {
+    out << "{\"record_count\":" << m_records << ",\"undecoded\":" << m_undecoded << ",\"types\":{";
+    const char* separator = "";
+    for (const auto& type : m_types) {
+      out << separator << json_string(type_label(type.first)) << ':' << type.second;
+      separator = ",";
+    }
+    out << "},\"kernels\":";
+    print_table_json(out, kernel_rows());
+    out << ",\"copies\":";
+    print_table_json(out, copy_rows());
+    out << ",\"memsets\":" << totals_json(m_memsets, true) << ",\"syncs\":";
+    print_table_json(out, sync_rows());
+    out << ",\"driver\":" << totals_json(m_driver, false)
+        << ",\"runtime\":" << totals_json(m_runtime, false) << ",\"calls\":";
+    print_table_json(out, call_rows());
+    out << ",\"kernel_names\":" << m_kernel_names << ",\"function_names\":" << m_function_names
+        << '}';
+  }
+
+ private:
+  // Counts what the record adds; false when its payload couldn't be read. The
+  // tests of readability are those of the record decoders, so that the count of
+  // undecoded records is that of the records a dump shows as bytes.
+  bool take(const ZVKRecordReader& record) {
+    switch (gpu_type(record)) {
+      case cudaevent::KERNEL_NAME: return take_name(record);
+      case cudaevent::KERNEL:
+      case cudaevent::CONCURRENT_KERNEL: return take_kernel(record);
+      case cudaevent::SYNCRONIZATION: return take_sync(record);
+      case cudaevent::MEMCOPY: return take_copy<cudaevent::memcopy>(record);
+      case cudaevent::MEMCOPY_P2P: return take_copy<cudaevent::memcopy_p2p>(record);
+      case cudaevent::MEMSET: return take_memset(record);
+      case cudaevent::DRIVER: return take_activity(record, &m_driver);
+      case cudaevent::RUNTIME: return take_activity(record, &m_runtime);
+      case cudaevent::CUDA_API: return take_call(record);
+      default: return false;
+    }
+  }
+
+  bool take_name(const ZVKRecordReader& record) {
+    cudaevent::kernel_name fixed;
+    std::string name;
+    const uint32_t kind = gpu_kind(record);
+    if (kind > cudaevent::kFunctionNameKind || !read_kernel_name(record, &fixed, &name)) {
+      return false;
+    }
+    ++(kind == cudaevent::kKernelNameKind ? m_kernel_names : m_function_names);
+    return true;
+  }
+
+  bool take_kernel(const ZVKRecordReader& record) {
+    cudaevent::kernel kernel;
+    if (!read_payload(record, &kernel)) return false;
+    m_kernels[key_of(cudaevent::kKernelNameKind, record, kernel.pack.nameId)].add(
+        duration_of(record, kernel.end));
+    return true;
+  }
+
+  bool take_sync(const ZVKRecordReader& record) {
+    cudaevent::sync sync;
+    if (!read_payload(record, &sync)) return false;
+    m_syncs[gpu_kind(record)].add(duration_of(record, sync.end));
+    return true;
+  }
+
+  // MEMCOPY and MEMCOPY_P2P alike, by the kind in their attr bytes.
+  template <typename Copy>
+  bool take_copy(const ZVKRecordReader& record) {
+    Copy copy;
+    if (!read_payload(record, &copy)) return false;
+    m_copies[copy.attr.copy_kind].add(duration_of(record, copy.end), copy.bytes);
+    return true;
+  }
+
+  bool take_memset(const ZVKRecordReader& record) {
+    cudaevent::memset set;
+    if (!read_payload(record, &set)) return false;
+    m_memsets.add(duration_of(record, set.end), set.size);
+    return true;
+  }
+
+  static bool take_activity(const ZVKRecordReader& record, GpuTotals* totals) {
+    cudaevent::driver call;
+    if (!read_payload(record, &call)) return false;
+    totals->add(duration_of(record, call.end));
+    return true;
+  }
+
+  bool take_call(const ZVKRecordReader& record) {
+    cudaevent::callback call;
+    if (!read_payload(record, &call)) return false;
+    m_calls[{key_of(cudaevent::kFunctionNameKind, record, call.funcNameId), call.cbid}].add(
+        duration_of(record, call.end));
+    return true;
+  }
+
+  NameKey key_of(uint32_t kind, const ZVKRecordReader& record, uint32_t id) const {
+    const std::string* name = m_names.find(kind, record.pid(), id);
+    return name != nullptr ? NameKey{true, *name, 0} : NameKey{false, std::string(), id};
+  }
+
+  // Most time first; ties keep the map's order, so that the order is stable.
+  std::vector<TableRow> kernel_rows() const {
+    std::vector<std::pair<NameKey, GpuTotals>> kernels(m_kernels.begin(), m_kernels.end());
+    std::stable_sort(kernels.begin(), kernels.end(), [](const auto& a, const auto& b) {
+      return a.second.total_ns > b.second.total_ns;
+    });
+    std::vector<TableRow> rows;
+    for (const auto& kernel : kernels) {
+      const GpuTotals& t = kernel.second;
+      rows.push_back({kernel.first.label(),
+                      {std::to_string(t.count), milliseconds(t.total_ns),
+                       three_decimals(t.total_ns / 1e3 / static_cast<double>(t.count))},
+                      {kernel.first.as_field("name"), number_field("count", t.count),
+                       number_field("total_ns", t.total_ns),
+                       number_field("mean_ns", t.total_ns / t.count)}});
+    }
+    return rows;
+  }
+
+  std::vector<TableRow> copy_rows() const {
+    std::vector<TableRow> rows;
+    for (const auto& copy : m_copies) {
+      const GpuTotals& t = copy.second;
+      rows.push_back({copy_kind_name(copy.first),
+                      {std::to_string(t.count), std::to_string(t.bytes), milliseconds(t.total_ns)},
+                      {enum_field("kind", copy.first, copy_kind_name(copy.first)),
+                       number_field("count", t.count), number_field("bytes", t.bytes),
+                       number_field("total_ns", t.total_ns)}});
+    }
+    return rows;
+  }
+
+  std::vector<TableRow> sync_rows() const {
+    std::vector<TableRow> rows;
+    for (const auto& sync : m_syncs) {
+      const GpuTotals& t = sync.second;
+      rows.push_back({sync_type_name(sync.first),
+                      {std::to_string(t.count), milliseconds(t.total_ns)},
+                      {enum_field("type", sync.first, sync_type_name(sync.first)),
+                       number_field("count", t.count), number_field("total_ns", t.total_ns)}});
+    }
+    return rows;
+  }
+
+  // Most calls first; ties keep the map's order.
+  std::vector<TableRow> call_rows() const {
+    std::vector<std::pair<std::pair<NameKey, uint32_t>, GpuTotals>> calls(m_calls.begin(),
+                                                                         m_calls.end());
+    std::stable_sort(calls.begin(), calls.end(), [](const auto& a, const auto& b) {
+      return a.second.count > b.second.count;
+    });
+    std::vector<TableRow> rows;
+    for (const auto& call : calls) {
+      const GpuTotals& t = call.second;
+      const uint32_t cbid = call.first.second;
+      rows.push_back({call.first.first.label(),
+                      {std::to_string(t.count), std::to_string(cbid), milliseconds(t.total_ns)},
+                      {call.first.first.as_field("function"), number_field("cbid", cbid),
+                       number_field("count", t.count), number_field("total_ns", t.total_ns)}});
+    }
+    return rows;
+  }
+
+  static std::string totals_json(const GpuTotals& totals, bool with_bytes) {
+    return "{\"count\":" + std::to_string(totals.count) +
+           (with_bytes ? ",\"bytes\":" + std::to_string(totals.bytes) : std::string()) +
+           ",\"total_ns\":" + std::to_string(totals.total_ns) + '}';
+  }
+
+  static std::string type_label(uint32_t type) {
+    return type < cudaevent::NUM_CUDA_RECORD_TYPES ? gpu_type_name(type)
+                                                   : "type " + std::to_string(type);
+  }
+
+  const GpuNames& m_names;
+  uint64_t m_records = 0;
+  uint64_t m_undecoded = 0;
+  std::map<uint32_t, uint64_t> m_types;  // atype -> records
+  std::map<NameKey, GpuTotals> m_kernels;
+  std::map<uint32_t, GpuTotals> m_copies;  // copy kind -> copies
+  GpuTotals m_memsets;
+  std::map<uint32_t, GpuTotals> m_syncs;  // synchronization type -> syncs
+  GpuTotals m_driver;
+  GpuTotals m_runtime;
+  std::map<std::pair<NameKey, uint32_t>, GpuTotals> m_calls;  // (function, cbid) -> calls
+  uint64_t m_kernel_names = 0;
+  uint64_t m_function_names = 0;
+};
+
 // Records by kind, and annotation ranges by name: BEGIN and END matched by token.
 class Summary {
  public:
+  explicit Summary(const GpuNames& names) : m_gpu(names) {}
+
   void add(const ZVKRecordReader& record) {
     const uint32_t hw = record.hardware_type();
     std::string kind = hardware_name(hw);
     if (hw == ANNOTATION) kind += std::string(" ") + annotation_name(record.event_type());
     ++m_records_by_kind[kind];
     if (hw == CPU) m_cpu.add(record);
+    if (hw == GPU) m_gpu.add(record);
     if (hw != ANNOTATION || record.payload_size() < 8) return;
     const uint64_t token = read_u64(record.payload());
     if (record.event_type() == annotations::BEGIN) {
@@ -582,8 +1210,9 @@ class Summary {
     }
     if (!m_open_ranges.empty()) out << "  (" << m_open_ranges.size() << " begins without an end)\n";
     if (m_unmatched_ends != 0) out << "  (" << m_unmatched_ends << " ends without a begin)\n";
-    // A capture without CPU sampling keeps its summary as it was.
+    // A capture without CPU sampling or GPU tracing keeps its summary as it was.
     if (!m_cpu.empty()) m_cpu.print_text(out);
+    if (!m_gpu.empty()) m_gpu.print_text(out);
   }
 
   // The summary's members of a JSON object, without the braces.
@@ -596,6 +1225,8 @@ class Summary {
     }
     out << "},\"cpu\":";
     m_cpu.print_json(out);
+    out << ",\"gpu\":";
+    m_gpu.print_json(out);
     out << ",\"ranges\":[";
     separator = "";
     for (const auto& range : m_ranges) {
@@ -632,6 +1263,7 @@ class Summary {
   std::map<std::string, RangeStats> m_ranges;
   uint64_t m_unmatched_ends = 0;
   CpuSummary m_cpu;
+  GpuSummary m_gpu;
 };
 
 void print_annotation_text(const ZVKRecordReader& record, std::ostream& out) {
@@ -663,6 +1295,14 @@ void print_cpu_text(const ZVKRecordReader& record, const std::vector<Field>& fie
   out << '\n';
 }
 
+// The header's tid goes out among the fields, under the name its type gives it.
+void print_gpu_text(const ZVKRecordReader& record, const std::vector<Field>& fields,
+                    std::ostream& out) {
+  out << ' ' << gpu_type_name(gpu_type(record)) << " pid=" << record.pid();
+  for (const Field& field : fields) out << ' ' << field.text;
+  out << '\n';
+}
+
 // A record of a source or event this dump doesn't decode, or one whose payload is
 // too short for its format: the header's numbers and the payload's bytes.
 void print_raw_text(const ZVKRecordReader& record, std::ostream& out) {
@@ -672,7 +1312,7 @@ void print_raw_text(const ZVKRecordReader& record, std::ostream& out) {
       << hex_bytes(record.payload(), record.payload_size()) << "\n";
 }
 
-void print_record_text(const ZVKRecordReader& record, std::ostream& out) {
+void print_record_text(const ZVKRecordReader& record, const GpuNames& names, std::ostream& out) {
   const uint32_t hw = record.hardware_type();
   out << "    " << record.timestamp() << ' ' << hardware_name(hw);
   std::vector<Field> fields;
@@ -680,12 +1320,14 @@ void print_record_text(const ZVKRecordReader& record, std::ostream& out) {
     print_annotation_text(record, out);
   } else if (hw == CPU && cpu_fields(record, &fields)) {
     print_cpu_text(record, fields, out);
+  } else if (hw == GPU && gpu_fields(record, names, &fields)) {
+    print_gpu_text(record, fields, out);
   } else {
     print_raw_text(record, out);
   }
 }
 
-void print_record_json(const ZVKRecordReader& record, std::ostream& out) {
+void print_record_json(const ZVKRecordReader& record, const GpuNames& names, std::ostream& out) {
   const uint32_t hw = record.hardware_type();
   out << "{\"timestamp\":" << record.timestamp() << ",\"hw_type\":" << hw
       << ",\"device_id\":" << record.device_id() << ",\"event_type\":" << record.event_type()
@@ -711,8 +1353,14 @@ void print_record_json(const ZVKRecordReader& record, std::ostream& out) {
     }
   }
   std::vector<Field> fields;
+  const char* event = nullptr;
   if (hw == CPU && cpu_fields(record, &fields)) {
-    out << ",\"event\":\"" << cpu_event_name(record.event_type()) << '"';
+    event = cpu_event_name(record.event_type());
+  } else if (hw == GPU && gpu_fields(record, names, &fields)) {
+    event = gpu_type_name(gpu_type(record));
+  }
+  if (event != nullptr) {
+    out << ",\"event\":\"" << event << '"';
     for (const Field& field : fields) out << ',' << field.json;
   }
   out << ",\"payload_hex\":\"" << hex_bytes(record.payload(), record.payload_size()) << "\"}";
@@ -784,9 +1432,9 @@ class Progress {
 // One readable file's dump, from its header to its closing lines.
 class FileDump {
  public:
-  FileDump(const std::string& path, const DumpOptions& options, Progress& progress,
-           std::ostream& out)
-      : m_path(path), m_options(options), m_progress(progress), m_out(out) {}
+  FileDump(const std::string& path, const DumpOptions& options, GpuNames& names,
+           Progress& progress, std::ostream& out)
+      : m_path(path), m_options(options), m_names(names), m_progress(progress), m_out(out) {}
 
   // Why the file can't be read at all, or OK.
   Status open() { return m_file.open(m_path); }
@@ -839,11 +1487,18 @@ class FileDump {
     m_progress.finish(m_path, m_buckets);
   }
 
+  // The bucket's next record, its names learnt before it is printed or counted.
   // The reader has walked the records already: here they are all whole.
+  bool next_record(ZVKBucketReader& bucket, ZVKRecordReader& record) {
+    if (!bucket.get_next_record(record).ok()) return false;
+    m_names.learn(record);
+    return true;
+  }
+
   void take_bucket(ZVKBucketReader& bucket, uint64_t offset) {
     if (m_options.summary) {
       ZVKRecordReader record;
-      while (bucket.get_next_record(record).ok()) m_summary.add(record);
+      while (next_record(bucket, record)) m_summary.add(record);
     } else if (json()) {
       print_bucket_json(bucket, offset);
     } else {
@@ -859,9 +1514,9 @@ class FileDump {
           << ",\"compressed_size\":" << bucket.get_compressed_size()
           << ",\"uncompressed_size\":" << bucket.get_uncompressed_size() << ",\"records\":[";
     ZVKRecordReader record;
-    for (const char* separator = ""; bucket.get_next_record(record).ok(); separator = ",") {
+    for (const char* separator = ""; next_record(bucket, record); separator = ",") {
       m_out << separator;
-      print_record_json(record, m_out);
+      print_record_json(record, m_names, m_out);
     }
     m_out << "]}";
   }
@@ -873,7 +1528,7 @@ class FileDump {
           << " compressed=" << bucket.get_compressed_size()
           << " uncompressed=" << bucket.get_uncompressed_size() << "\n";
     ZVKRecordReader record;
-    while (bucket.get_next_record(record).ok()) print_record_text(record, m_out);
+    while (next_record(bucket, record)) print_record_text(record, m_names, m_out);
   }
 
   void print_tail() {
@@ -905,19 +1560,20 @@ class FileDump {
 
   const std::string& m_path;
   const DumpOptions& m_options;
+  GpuNames& m_names;  // the run's, shared by its files
   Progress& m_progress;
   std::ostream& m_out;
   ZVKFileReader m_file;
-  Summary m_summary;
+  Summary m_summary{m_names};
   uint64_t m_buckets = 0;
   std::vector<std::string> m_notes;   // the torn end and the damage, in file order
   std::vector<std::string> m_damage;  // the notes that make the file count as failed
 };
 
 // Dumps one file; returns whether it was read whole.
-bool dump_file(const std::string& path, const DumpOptions& options, Progress& progress,
-               std::ostream& out, std::ostream& err) {
-  FileDump dump(path, options, progress, out);
+bool dump_file(const std::string& path, const DumpOptions& options, GpuNames& names,
+               Progress& progress, std::ostream& out, std::ostream& err) {
+  FileDump dump(path, options, names, progress, out);
   const Status opened = dump.open();
   if (!opened.ok()) {
     // In JSON the file keeps its place in the document, with the reason.
@@ -936,7 +1592,8 @@ bool dump_file(const std::string& path, const DumpOptions& options, Progress& pr
 const char kUsage[] =
     "usage: zvkdump [--json] [--summary] [--progress | --no-progress] [--] FILE...\n"
     "Prints capture files (.zvkraw): the header, then every bucket and record.\n"
-    "  --summary      records by kind, annotation ranges and CPU sampling instead\n"
+    "  --summary      records by kind, annotation ranges, CPU sampling and GPU\n"
+    "                 tracing instead\n"
     "  --json         as one JSON document: an object for one file, an array for several\n"
     "  --progress     progress on stderr even when it isn't a terminal\n"
     "  --no-progress  no progress, not even on a terminal\n"
@@ -947,13 +1604,16 @@ const char kUsage[] =
 bool dump_files(const std::vector<std::string>& paths, const DumpOptions& options,
                 std::ostream& out, std::ostream& err) {
   Progress progress(options.progress, err);
+  // A process names each kernel and function once, so names given in one file
+  // serve the files after it.
+  GpuNames names;
   const bool json = options.format == DumpFormat::kJson;
   const bool array = json && paths.size() != 1;
   if (array) out << '[';
   bool all_whole = true;
   for (size_t i = 0; i < paths.size(); ++i) {
     if (array) out << (i ? ",\n" : "\n");
-    all_whole = dump_file(paths[i], options, progress, out, err) && all_whole;
+    all_whole = dump_file(paths[i], options, names, progress, out, err) && all_whole;
   }
   if (array) out << "\n]";
   if (json) out << '\n';

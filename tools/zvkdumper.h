@@ -24,8 +24,8 @@ struct ProgressOptions {
 
 struct DumpOptions {
   DumpFormat format = DumpFormat::kText;
-  // Records by kind, annotation ranges and what CPU sampling recorded, instead of
-  // every bucket and record.
+  // Records by kind, annotation ranges and what CPU sampling and GPU tracing
+  // recorded, instead of every bucket and record.
   bool summary = false;
   ProgressOptions progress;
 };
