@@ -114,9 +114,10 @@ namespace {
 // CUPTI's buffer callbacks carry no user argument, so the collector publishes what
 // they and the driver API callback need here.
 
-ZVKQueue<ZVKCuptiActivityBuffer>* to_send = nullptr;
-ZVKQueue<ZVKCuptiActivityBuffer>* to_parse = nullptr;
-// Read on CUPTI's and the application's threads while a start writes them.
+// Read on CUPTI's and the application's threads while a collector comes or goes,
+// or a start writes them.
+std::atomic<ZVKQueue<ZVKCuptiActivityBuffer>*> to_send{nullptr};
+std::atomic<ZVKQueue<ZVKCuptiActivityBuffer>*> to_parse{nullptr};
 std::atomic<ZVKBufferRecordHelper*> helper{nullptr};
 std::atomic<uint32_t> pid{0};
 std::atomic<bool> rotator_switch{false};
@@ -299,18 +300,19 @@ void walk_buffer(ZVKCuptiActivityBuffer* buffer) {
 
 void return_buffer(ZVKCuptiActivityBuffer* buffer) {
   buffer->valid_size = 0;
-  to_send->push(buffer);
+  to_send.load()->push(buffer);
 }
 
 void rotator_loop() {
+  ZVKQueue<ZVKCuptiActivityBuffer>* const completed = to_parse.load();
   while (rotator_switch) {
     ZVKCuptiActivityBuffer* buffer = nullptr;
-    to_parse->pop(&buffer);
+    completed->pop(&buffer);
     while (buffer == nullptr) {
       timespec pause = {0, 1000000};
       nanosleep(&pause, nullptr);
       if (!rotator_switch) break;
-      to_parse->pop(&buffer);
+      completed->pop(&buffer);
     }
     if (buffer == nullptr) break;
     walk_buffer(buffer);
@@ -318,7 +320,7 @@ void rotator_loop() {
   }
   // A suspend or stop loses no completed buffer.
   ZVKCuptiActivityBuffer* buffer = nullptr;
-  for (to_parse->pop(&buffer); buffer != nullptr; to_parse->pop(&buffer)) {
+  for (completed->pop(&buffer); buffer != nullptr; completed->pop(&buffer)) {
     walk_buffer(buffer);
     return_buffer(buffer);
     buffer = nullptr;
@@ -423,12 +425,13 @@ constexpr uint64_t kDefaultCaptureLimitSeconds = 315360000;  // 3650 days
 
 void bufferRequested(uint8_t** buffer, size_t* size, size_t* maxNumRecords) {
   ZVKCuptiActivityBuffer* free_buffer = nullptr;
-  if (to_send != nullptr) to_send->pop(&free_buffer);
+  ZVKQueue<ZVKCuptiActivityBuffer>* const free_buffers = to_send.load();
+  if (free_buffers != nullptr) free_buffers->pop(&free_buffer);
   // Every buffer is out: wait for the rotator to hand one back, but only while a
   // rotator runs. Without one (suspended, or a child that doesn't follow) nothing
   // would, and CUPTI drops what it can't place rather than wait for ever.
-  while (free_buffer == nullptr && rotator_switch) {
-    to_send->pop_wait_for(&free_buffer, std::chrono::milliseconds(10), rotator_switch);
+  while (free_buffer == nullptr && free_buffers != nullptr && rotator_switch) {
+    free_buffers->pop_wait_for(&free_buffer, std::chrono::milliseconds(10), rotator_switch);
   }
   *buffer = free_buffer != nullptr ? free_buffer->buffer : nullptr;
   *size = free_buffer != nullptr ? free_buffer->size : 0;
@@ -437,11 +440,12 @@ void bufferRequested(uint8_t** buffer, size_t* size, size_t* maxNumRecords) {
 
 void bufferCompleted(CUctx_st* /*ctx*/, uint32_t /*streamId*/, uint8_t* buffer, size_t /*size*/,
                      size_t validSize) {
-  if (buffer == nullptr) return;
+  ZVKQueue<ZVKCuptiActivityBuffer>* const completed = to_parse.load();
+  if (buffer == nullptr || completed == nullptr) return;
   auto* owner = reinterpret_cast<ZVKCuptiActivityBuffer*>(buffer -
                                                           offsetof(ZVKCuptiActivityBuffer, buffer));
   owner->valid_size = validSize;
-  to_parse->push(owner);
+  completed->push(owner);
 }
 
 void record_activity(CUpti_Activity* record) {
@@ -530,8 +534,10 @@ ZVKCudaCollector::~ZVKCudaCollector() {
   // A collector destroyed without its stop must not leave a thread on its queues.
   std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
   end_buffer_rotator();
-  // CUPTI may still call back: it finds nothing to write to.
+  // CUPTI may still call back: it finds nothing to write to, and no buffer.
   helper = nullptr;
+  to_send = nullptr;
+  to_parse = nullptr;
 }
 
 ZVKBufferRecordHelper* ZVKCudaCollector::record_helper() const {
