@@ -2,14 +2,15 @@
 
 #define UNW_LOCAL_ONLY
 #include <libunwind.h>
-#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstring>
+#include <deque>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 
@@ -18,6 +19,7 @@
 #include "zorv/io/zvkforklocks.h"
 #include "zorv/io/zvkrecord.h"
 #include "zorv/utils/config_values.h"
+#include "zorv/utils/identity.h"
 #include "zorv/utils/logging.h"
 #include "zorv/utils/signals.h"
 
@@ -128,17 +130,22 @@ class NameTable {
  public:
   NameTable() { ZVKForkLocks::add(&m_lock, ZVKForkLocks::LEAF); }
 
-  // The name's id, and whether this is its first sight.
-  std::pair<uint32_t, bool> intern(std::string name) {
+  // The name's id, and whether this is its first sight. A name seen before costs
+  // a lookup and no allocation: this runs on every traced call and kernel.
+  std::pair<uint32_t, bool> intern(std::string_view name) {
     std::lock_guard<std::mutex> guard(m_lock);
-    const uint32_t next = static_cast<uint32_t>(m_ids.size());
-    auto entry = m_ids.emplace(std::move(name), next);
-    return {entry.first->second, entry.second};
+    auto known = m_ids.find(name);
+    if (known != m_ids.end()) return {known->second, false};
+    const uint32_t id = static_cast<uint32_t>(m_ids.size());
+    m_names.emplace_back(name);
+    m_ids.emplace(m_names.back(), id);
+    return {id, true};
   }
 
  private:
   std::mutex m_lock;
-  std::unordered_map<std::string, uint32_t> m_ids;
+  std::deque<std::string> m_names;  // the keys' storage, which never moves
+  std::unordered_map<std::string_view, uint32_t> m_ids;
 };
 
 // Never destroyed: CUPTI may call back while the process exits.
@@ -331,7 +338,9 @@ void rotator_loop() {
 
 constexpr int kMaxFrames = 32;
 
-uint32_t current_tid() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
+// Cached per thread, and right in a forked child: a system call here would cost as
+// much as the rest of the record.
+uint32_t current_tid() { return static_cast<uint32_t>(current_identity().tid); }
 
 bool is_filtered(CUpti_CallbackDomain domain, uint32_t cbid) {
   return domain == CUPTI_CB_DOMAIN_DRIVER_API &&
@@ -340,10 +349,20 @@ bool is_filtered(CUpti_CallbackDomain domain, uint32_t cbid) {
           cbid == CUPTI_DRIVER_TRACE_CBID_cuOccupancyMaxActiveBlocksPerMultiprocessorWithFlags);
 }
 
+// The id of "Unknown", which most calls have, once it is known: read without the
+// table's lock.
+constexpr uint32_t kNoId = UINT32_MAX;
+std::atomic<uint32_t> unknown_function_id{kNoId};
+
 // The name's id in the function table, after its name record on first sight.
 uint32_t function_name_id(const char* symbol_name, uint64_t start, uint32_t tid) {
   static const char kUnknown[] = "Unknown";
+  if (symbol_name == nullptr) {
+    const uint32_t known = unknown_function_id.load(std::memory_order_relaxed);
+    if (known != kNoId) return known;
+  }
   const auto id = function_names().intern(symbol_name != nullptr ? symbol_name : kUnknown);
+  if (symbol_name == nullptr) unknown_function_id.store(id.first, std::memory_order_relaxed);
   if (id.second) {
     if (symbol_name != nullptr) {
       const size_t len = strlen(symbol_name);
