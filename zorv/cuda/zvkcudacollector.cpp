@@ -660,10 +660,12 @@ void ZVKCudaCollector::end_buffer_rotator() {
 }
 
 std::thread* ZVKCudaCollector::start_time_limiter() {
-  {
-    std::lock_guard<std::mutex> guard(m_time_limiter_mutex);
-    time_limit_switch = false;
-  }
+  // Not under the limiter's lock: the callers hold the lifecycle lock, and a limiter
+  // takes its own lock first and the lifecycle lock in its stop, so taking them in
+  // the other order here would invert the two. No limiter runs at this point (a
+  // suspend joined the last one), and the new thread sees the store through its
+  // start.
+  time_limit_switch = false;
   const auto deadline = m_first_capture + std::chrono::seconds(m_max_capture_duration);
   ScopedSignalsBlocked blocked;
   return new std::thread([this, deadline] {
