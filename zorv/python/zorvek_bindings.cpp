@@ -5,10 +5,13 @@
 
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <structmember.h>
 
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "zorv/utils/logging.h"
 #include "zorv/utils/status.h"
@@ -83,6 +86,145 @@ void annotation_end(uint64_t token) {
   zorv.annotate_end(token);
 }
 
+
+// ---- Private to the zorvek package ----------------------------------------------
+//
+// _Range is the type behind zorvek.annotate: a context manager over one annotation
+// range, written against the C API, not through pybind11. `with annotate("step"):`
+// has to cost about what the two bare calls cost, and pybind11's argument dispatch
+// alone is about half of a bare call. Unlike annotation_begin, it never configures
+// the profiler: on a profiler nobody configured, entering and leaving do nothing
+// (the controller drops the range), so an annotated library costs next to nothing
+// in a process that isn't profiled and can't reserve the default buffers by
+// accident.
+struct RangeObject {
+  PyObject_HEAD
+  PyObject* message;       // the str or bytes given; a str holds its UTF-8 form cached
+  const char* text;        // that UTF-8 form, or the bytes' data
+  Py_ssize_t size;
+  PyThreadState* owner;    // the thread that holds `token`, null when not entered
+  uint64_t token;
+  // The same object entered again while entered: nested in one thread, or from
+  // another thread. Rare, so kept apart from the fields the common case touches.
+  std::vector<std::pair<PyThreadState*, uint64_t>>* more;
+};
+
+Zorv& range_controller() {
+  static Zorv& zorv = Zorv::instance();
+  return zorv;
+}
+
+PyObject* range_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
+  PyObject* message = nullptr;
+  if ((kwargs != nullptr && PyDict_GET_SIZE(kwargs) != 0) || PyTuple_GET_SIZE(args) != 1) {
+    PyErr_SetString(PyExc_TypeError, "annotate() takes exactly one argument, the range's name");
+    return nullptr;
+  }
+  message = PyTuple_GET_ITEM(args, 0);
+  const char* text = nullptr;
+  Py_ssize_t size = 0;
+  if (PyUnicode_Check(message)) {
+    text = PyUnicode_AsUTF8AndSize(message, &size);
+    if (text == nullptr) {
+      PyErr_Clear();
+      PyErr_SetString(PyExc_TypeError, "annotate(): the name must be encodable as UTF-8");
+      return nullptr;
+    }
+  } else if (PyBytes_Check(message)) {
+    text = PyBytes_AS_STRING(message);
+    size = PyBytes_GET_SIZE(message);
+  } else {
+    PyErr_Format(PyExc_TypeError, "annotate(): the name must be str or bytes, not %s",
+                 Py_TYPE(message)->tp_name);
+    return nullptr;
+  }
+  auto* self = reinterpret_cast<RangeObject*>(type->tp_alloc(type, 0));
+  if (self == nullptr) return nullptr;
+  Py_INCREF(message);
+  self->message = message;
+  self->text = text;
+  self->size = size;
+  self->owner = nullptr;
+  self->token = 0;
+  self->more = nullptr;
+  return reinterpret_cast<PyObject*>(self);
+}
+
+void range_dealloc(PyObject* object) {
+  auto* self = reinterpret_cast<RangeObject*>(object);
+  PyTypeObject* type = Py_TYPE(object);
+  Py_XDECREF(self->message);
+  delete self->more;
+  type->tp_free(object);
+  Py_DECREF(type);  // a heap type: each instance holds a reference to it
+}
+
+PyObject* range_enter(PyObject* object, PyObject*) {
+  auto* self = reinterpret_cast<RangeObject*>(object);
+  const uint64_t token = range_controller().annotate_begin(self->text, static_cast<uint64_t>(self->size));
+  PyThreadState* thread = PyThreadState_Get();
+  if (__builtin_expect(self->owner == nullptr, 1)) {
+    self->owner = thread;
+    self->token = token;
+  } else {
+    if (self->more == nullptr) self->more = new std::vector<std::pair<PyThreadState*, uint64_t>>();
+    self->more->emplace_back(thread, token);
+  }
+  Py_INCREF(object);
+  return object;
+}
+
+// Ends the calling thread's innermost entry of this object. An exit with no
+// matching entry does nothing. Never suppresses the exception.
+PyObject* range_exit(PyObject* object, PyObject* const*, Py_ssize_t) {
+  auto* self = reinterpret_cast<RangeObject*>(object);
+  PyThreadState* thread = PyThreadState_Get();
+  if (__builtin_expect(self->more != nullptr, 0)) {
+    for (auto entry = self->more->rbegin(); entry != self->more->rend(); ++entry) {
+      if (entry->first == thread) {
+        const uint64_t token = entry->second;
+        self->more->erase(std::next(entry).base());
+        range_controller().annotate_end(token);
+        Py_RETURN_FALSE;
+      }
+    }
+  }
+  if (self->owner == thread) {
+    self->owner = nullptr;
+    range_controller().annotate_end(self->token);
+  }
+  Py_RETURN_FALSE;
+}
+
+PyObject* range_repr(PyObject* object) {
+  return PyUnicode_FromFormat("%s(%R)", Py_TYPE(object)->tp_name,
+                              reinterpret_cast<RangeObject*>(object)->message);
+}
+
+PyMethodDef range_methods[] = {
+    {"__enter__", range_enter, METH_NOARGS, "Opens the range on the calling thread."},
+    {"__exit__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(range_exit)),
+     METH_FASTCALL, "Closes the calling thread's innermost open entry of this range."},
+    {nullptr, nullptr, 0, nullptr}};
+
+PyMemberDef range_members[] = {
+    {const_cast<char*>("name"), T_OBJECT_EX, offsetof(RangeObject, message), READONLY,
+     const_cast<char*>("The range's name, as given.")},
+    {nullptr, 0, 0, 0, nullptr}};
+
+PyType_Slot range_slots[] = {
+    {Py_tp_new, reinterpret_cast<void*>(range_new)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(range_dealloc)},
+    {Py_tp_repr, reinterpret_cast<void*>(range_repr)},
+    {Py_tp_methods, range_methods},
+    {Py_tp_members, range_members},
+    {Py_tp_doc, const_cast<char*>("_Range(name): an annotation range as a context manager, "
+                                  "for zorvek.annotate.")},
+    {0, nullptr}};
+
+PyType_Spec range_spec = {"_zorv._Range", sizeof(RangeObject), 0,
+                          Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, range_slots};
+
 }  // namespace
 }  // namespace zorvek
 
@@ -132,4 +274,14 @@ PYBIND11_MODULE(_zorv, m) {
         "if nothing configured it yet.");
   m.def("annotation_end", &annotation_end,
         "Closes the annotation range that annotation_begin returned `token` for.");
+
+  // Private to the zorvek package, which needs to know whether a start worked and,
+  // if not, why: start_profiling itself answers None. No default configuration
+  // here: starting an unconfigured profiler is answered as the controller answers it.
+  m.def("_start_profiling", []() { return Zorv::instance().start_profiling(); },
+        "Starts a capture as Zorvek.start_profiling does, without configuring defaults,\n"
+        "and returns the start's Status. Private to the zorvek package.");
+  PyObject* range_type = PyType_FromSpec(&range_spec);
+  if (range_type == nullptr) throw py::error_already_set();
+  m.add_object("_Range", py::reinterpret_steal<py::object>(range_type));
 }

@@ -1,0 +1,444 @@
+"""zorvek.profile: configure, start and stop a capture around a block or a call."""
+
+from __future__ import annotations
+
+import atexit
+import functools
+import inspect
+import os
+import re
+import sys
+import threading
+from typing import Any, Callable, Dict, List, Mapping, Optional, Set, Tuple, TypeVar, Union
+
+import _zorv
+
+from . import _settings
+
+F = TypeVar("F", bound=Callable[..., Any])
+
+DEFAULT_OUTPUT_DIR = "zorvek_out"
+
+# The controller's answers that the package acts on (their texts are its Status
+# messages, all that Python can read of a Status).
+_OK = "OK"
+_ALREADY_CONFIGURED = "Already configured!"
+_STILL_RUNNING = "Profiling is still running"
+_NOT_RUNNING = "Profiling not running"
+
+# What a setting is called in messages.
+_SETTING_NAMES = {
+    "RecordFile": "output folder",
+    "BucketCount": "buffer memory",
+    "BucketSizeMB": "buffer memory",
+    "EnablePerf": "CPU sampling",
+    "EventConfigs": "CPU sampling",
+    "EnableCuda": "GPU tracing",
+    "EnableForkFollow": "fork following",
+}
+
+
+def report(message: str) -> None:
+    """One line on stderr, where the profiler's own lines go, never on stdout."""
+    print(f"zorvek: {message}", file=sys.stderr, flush=True)
+
+
+class _Process:
+    """What the package knows of the process's one profiler."""
+
+    def __init__(self) -> None:
+        self.settings: Optional[_settings.Settings] = None  # as configured, once OK
+        self.output_dir: Optional[str] = None               # as the first profile() named it
+        self.configured_elsewhere = False                   # configured, not by us
+        self.error: Optional[str] = None                    # a refused configure
+        self.sampling_problem: Optional[Tuple[Optional[str]]] = None  # the probe's answer, once asked
+        self.capture: Optional["profile"] = None            # whose start runs the capture
+        self.level_set_by_us = False
+
+
+_state = _Process()
+_lock = threading.RLock()
+
+
+def _quiet_native_logs(verbose: bool) -> None:
+    """The profiler's INFO lines (hook search, writer statistics) go to stderr from
+    C++; the level is read from ZORV_MIN_LOG_LEVEL once per process, at its first
+    line. Unless the user set the level, a quiet profile() sets WARNING before
+    that first line, and a verbose one puts back what a quiet one set."""
+    current = os.environ.get("ZORV_MIN_LOG_LEVEL")
+    if not verbose and current is None:
+        os.environ["ZORV_MIN_LOG_LEVEL"] = "1"
+        _state.level_set_by_us = True
+    elif verbose and _state.level_set_by_us:
+        os.environ["ZORV_MIN_LOG_LEVEL"] = "0"
+        _state.level_set_by_us = False
+
+
+def _file_regex(pattern: str, pid: Optional[int]) -> "re.Pattern[str]":
+    """The names the writer makes from `pattern`'s last part: as it does, the first
+    %p, %t and %h are replaced (pid, nanoseconds, host), then "_N.zvkraw" follows."""
+    replacements = {"%p": str(pid) if pid is not None else r"\d+", "%t": r"\d+", "%h": r".+"}
+    parts: List[str] = []
+    i = 0
+    while i < len(pattern):
+        token = pattern[i:i + 2]
+        if token in replacements:
+            parts.append(replacements.pop(token))
+            i += 2
+        else:
+            parts.append(re.escape(pattern[i]))
+            i += 1
+    return re.compile("".join(parts) + r"_\d+\.zvkraw")
+
+
+def _natural_key(name: str) -> List[Union[int, str]]:
+    return [int(part) if part.isdigit() else part for part in re.split(r"(\d+)", name)]
+
+
+def _size_text(count: float) -> str:
+    for unit in ("bytes", "kB", "MB", "GB"):
+        if count < 1000 or unit == "GB":
+            return f"{count:.0f} {unit}" if unit == "bytes" else f"{count:.1f} {unit}"
+        count /= 1000
+    return ""
+
+
+def describe_files(files: List[str], output_dir: str, extra: int = 0) -> str:
+    """'wrote 2 files (1.4 MB) to DIR: a, b', the names cut after three."""
+    size = 0
+    for path in files:
+        try:
+            size += os.path.getsize(path)
+        except OSError:
+            pass
+    names = [os.path.basename(path) for path in files]
+    shown = ", ".join(names[:3]) + (f" and {len(names) - 3} more" if len(names) > 3 else "")
+    plural = "file" if len(files) == 1 else "files"
+    text = f"wrote {len(files)} {plural} ({_size_text(size)}) to {output_dir}: {shown}"
+    if extra:
+        text += f"; forked processes wrote {extra} more there"
+    return text
+
+
+class profile:
+    """profile(output_dir="zorvek_out", *, buffer_mb=None, sample_hz=1000, gpu="auto",
+    follow_forks=False, verbose=False, quiet=False, nvtx=True, settings=None)
+
+    Captures what the process does while a block or a call runs, into .zvkraw files
+    in `output_dir`, and says on stderr where they are. As a context manager:
+
+        with zorvek.profile("runs/capture"):
+            train()
+
+    as a decorator, each call its own capture:
+
+        @zorvek.profile(sample_hz=500)
+        def train(): ...
+
+    or with start() and stop().
+
+    Settings:
+
+    - output_dir: the folder for the files, made if missing. Files are named
+      zorvek_HOST_PID_NANOSECONDS_N.zvkraw.
+    - buffer_mb: memory for the capture's buffers, reserved at the first start.
+      None picks 2 % of the memory the process may use, between 16 and 256 MiB,
+      split into buckets of at most 8 MiB.
+    - sample_hz: CPU samples a second of each thread's CPU time, with their call
+      chains, from the kernel's software CPU clock (every Linux has it, VMs without
+      performance counters included). 0 or None turns CPU sampling off. Threads
+      and processes started after the start are sampled; threads that were
+      already running are not.
+    - gpu: trace CUDA kernels, copies and API calls through CUPTI: True, False, or
+      "auto", on when an NVIDIA driver is present.
+    - follow_forks: a forked child (a multiprocessing or DataLoader worker) writes
+      a capture file of its own; without it, children record nothing.
+    - verbose: also show the profiler's INFO lines. Otherwise profile() sets
+      ZORV_MIN_LOG_LEVEL to WARNING unless it is set; the profiler reads it once
+      per process, at its first log line, so it must happen before anything else
+      made the profiler log.
+    - quiet: don't print where the files are; problems are still printed.
+    - nvtx: take the NVTX ranges of the process's libraries as annotations; NVTX
+      ranges are picked up when the injection library is present.
+    - settings: {"profiler": {...}, "cuda": {...}, "perf": {...}}, the profiler's
+      own string settings, laid over the ones chosen from the keywords.
+
+    The profiler is configured once per process: a later profile() reuses it, and
+    says so if its settings differ. A profile() entered while another one's
+    capture runs becomes part of that capture. Profiling never stops the job: a
+    configuration the profiler refuses, or a start that failed, is reported with
+    its reason and the block runs unprofiled. `started` tells whether it ran,
+    `error` why not, `files` what the capture wrote.
+    """
+
+    def __init__(self, output_dir: Union[str, "os.PathLike[str]"] = DEFAULT_OUTPUT_DIR, *,
+                 buffer_mb: Optional[int] = None, sample_hz: Optional[float] = 1000,
+                 gpu: Union[bool, str] = "auto", follow_forks: bool = False,
+                 verbose: bool = False, quiet: bool = False, nvtx: bool = True,
+                 settings: Optional[Mapping[str, Mapping[str, str]]] = None) -> None:
+        # Mistakes in the arguments are raised here, before anything is touched.
+        if buffer_mb is not None:
+            _settings.split_buffer(int(buffer_mb))
+        if sample_hz:
+            _settings.sampling_period_ns(sample_hz)
+        if not (gpu == "auto" or isinstance(gpu, bool)):
+            raise ValueError(f'gpu must be True, False or "auto"; got {gpu!r}')
+        if settings is not None:
+            _settings.build_settings(".", buffer_mb, None, False, False, settings)
+        self._kwargs: Dict[str, Any] = dict(
+            output_dir=output_dir, buffer_mb=buffer_mb, sample_hz=sample_hz, gpu=gpu,
+            follow_forks=follow_forks, verbose=verbose, quiet=quiet, nvtx=nvtx, settings=settings)
+        self.output_dir = os.fspath(output_dir)
+        self.buffer_mb = buffer_mb
+        self.sample_hz = sample_hz
+        self.gpu = gpu
+        self.follow_forks = follow_forks
+        self.verbose = verbose
+        self.quiet = quiet
+        self.nvtx = nvtx
+        self.settings = settings
+        self.started = False
+        self.error: Optional[str] = None
+        self.files: List[str] = []
+        self.other_files: List[str] = []
+        self._running = False   # this object's start began the capture
+        self._joined = False    # this object joined a capture already running
+        self._pid = 0
+        self._before: Set[str] = set()
+        self._pattern = ""
+
+    def __repr__(self) -> str:
+        return f"zorvek.profile({self.output_dir!r})"
+
+    # ---- Context manager and decorator ----
+
+    def __enter__(self) -> "profile":
+        self.start()
+        return self
+
+    def __exit__(self, *exc_info: object) -> None:
+        self.stop()
+
+    def __call__(self, func: F) -> F:
+        kwargs = self._kwargs
+        wrapper: Callable[..., Any]
+        if inspect.iscoroutinefunction(func):
+            async def coroutine_wrapper(*args: Any, **kw: Any) -> Any:
+                with profile(**kwargs):
+                    return await func(*args, **kw)
+            wrapper = coroutine_wrapper
+        else:
+            def plain_wrapper(*args: Any, **kw: Any) -> Any:
+                with profile(**kwargs):
+                    return func(*args, **kw)
+            wrapper = plain_wrapper
+        return functools.update_wrapper(wrapper, func)  # type: ignore[return-value]
+
+    # ---- Start and stop ----
+
+    def start(self) -> bool:
+        """Configures the profiler if nothing did yet, and starts a capture. True
+        when a capture runs for this object (its own, or one it joined)."""
+        with _lock:
+            if self._running or self._joined:
+                return True
+            self._pid = os.getpid()
+            self.error, self.files, self.other_files = None, [], []
+            _quiet_native_logs(self.verbose)
+            if not self._configure():
+                return False
+            self._pattern = self._record_pattern()
+            self._before = set(self._matching(None))
+            status = repr(_zorv._start_profiling())
+            if status == _OK:
+                self._running = self.started = True
+                _state.capture = self
+                atexit.register(self._stop_at_exit)
+                if self.verbose:
+                    report(f"capture started; files go to {self._shown_dir()}")
+                return True
+            if status == _STILL_RUNNING:
+                self._joined = self.started = True
+                if self.verbose:
+                    report("a capture is already running in this process; this profile() is part of it")
+                return True
+            self.error = f"the capture did not start: {status}"
+            report(self.error)
+            return False
+
+    def stop(self) -> List[str]:
+        """Stops the capture this object started, says where its files are (unless
+        quiet) and returns their paths. Nothing happens for a profile() that joined
+        another one's capture, or never started."""
+        with _lock:
+            if self._joined:
+                self._joined = False
+                return []
+            if not self._running:
+                return []
+            self._running = False
+            if _state.capture is self:
+                _state.capture = None
+            atexit.unregister(self._stop_at_exit)
+            status = repr(_zorv.Zorvek.instance().stop_profiling())
+            if os.getpid() != self._pid and status == _NOT_RUNNING:
+                return []  # a forked child that doesn't follow: nothing ran here
+            self._collect_files()
+            if status == _NOT_RUNNING:
+                # The program stopped the capture itself, through _zorv: its files
+                # are whole all the same.
+                if self.verbose:
+                    report("the program stopped the capture itself")
+            elif status != _OK:
+                self.error = f"stopping the capture: {status}"
+                report(self.error)
+            if not self.quiet:
+                self._report_files()
+            return self.files
+
+    def _stop_at_exit(self) -> None:
+        self.stop()
+
+    # ---- Configuration ----
+
+    def _configure(self) -> bool:
+        if _state.error is not None:
+            self.error = f"not profiling: the profiler refused its settings earlier in this process: {_state.error}"
+            report(self.error)
+            return False
+        if _state.configured_elsewhere:
+            return True
+        wanted = self._wanted_settings()
+        if _state.settings is not None:
+            self._compare(wanted)
+            return True
+        directory = os.path.dirname(wanted["profiler"]["RecordFile"])
+        try:
+            os.makedirs(directory, exist_ok=True)
+        except OSError as e:
+            self.error = f"not profiling: can't make the output folder {self.output_dir}: {e.strerror}"
+            report(self.error)
+            return False
+        config = _zorv.Config()
+        config.profiler = wanted["profiler"]
+        config.cuda = wanted["cuda"]
+        config.perf = wanted["perf"]
+        status = repr(_zorv.Zorvek.instance().configure(config))
+        if status == _OK:
+            _state.settings, _state.output_dir = wanted, self.output_dir
+            return True
+        if status == _ALREADY_CONFIGURED:
+            _state.configured_elsewhere = True
+            report("the profiler was configured in this process before zorvek.profile(); "
+                   "its settings stay, and its files go where they say")
+            return True
+        _state.error = status
+        self.error = f"not profiling: the profiler refused the settings: {status}"
+        report(self.error)
+        return False
+
+    def _wanted_settings(self) -> _settings.Settings:
+        sample_hz = self.sample_hz
+        if sample_hz:
+            if _state.sampling_problem is None:
+                _state.sampling_problem = (_settings.probe_cpu_sampling(),)
+            problem = _state.sampling_problem[0]
+            if problem is not None:
+                if _state.settings is None:
+                    report(f"CPU sampling is not available here ({problem}); profiling without it")
+                sample_hz = None
+        return _settings.build_settings(
+            os.path.abspath(self.output_dir), self.buffer_mb, sample_hz,
+            _settings.resolve_gpu(self.gpu), self.follow_forks, self.settings)
+
+    def _compare(self, wanted: _settings.Settings) -> None:
+        assert _state.settings is not None
+        differing = []
+        for section, keys in wanted.items():
+            first = _state.settings[section]
+            for key in sorted(set(keys) | set(first)):
+                if keys.get(key) != first.get(key):
+                    name = _SETTING_NAMES.get(key, key)
+                    if name not in differing:
+                        differing.append(name)
+        if differing:
+            report("the profiler is configured once per process; this profile() keeps the "
+                   f"first one's settings ({', '.join(differing)} differ), files go to "
+                   f"{_state.output_dir}")
+
+    # ---- Files ----
+
+    def _record_pattern(self) -> str:
+        # The environment has the last word on the file name, as in the profiler.
+        pattern = os.environ.get("ZVK_OUTPUT_FILE_NAME")
+        if pattern:
+            return os.path.abspath(pattern)
+        if _state.settings is not None:
+            return _state.settings["profiler"]["RecordFile"]
+        return ""
+
+    def _shown_dir(self) -> str:
+        if os.environ.get("ZVK_OUTPUT_FILE_NAME"):
+            return os.path.dirname(self._pattern) or "."
+        return _state.output_dir or self.output_dir
+
+    def _matching(self, pid: Optional[int]) -> List[str]:
+        if not self._pattern:
+            return []
+        directory, base = os.path.split(self._pattern)
+        regex = _file_regex(base, pid)
+        try:
+            names = os.listdir(directory or ".")
+        except OSError:
+            return []
+        return [os.path.join(directory, name) for name in names if regex.fullmatch(name)]
+
+    def _collect_files(self) -> None:
+        own = [path for path in self._matching(os.getpid()) if path not in self._before]
+        self.files = sorted(own, key=_natural_key)
+        if self.follow_forks and "%p" in os.path.basename(self._pattern):
+            others = set(self._matching(None)) - self._before - set(own)
+            self.other_files = sorted(others, key=_natural_key)
+
+    def _report_files(self) -> None:
+        if not self._pattern:
+            report("capture stopped; its files are where the profiler's own configuration put them")
+        elif not self.files:
+            report(f"capture stopped, but no file of this process was found in {self._shown_dir()}")
+        else:
+            report(describe_files(self.files, self._shown_dir(), len(self.other_files)))
+
+    # ---- Forked children ----
+
+    def _stop_in_worker(self) -> None:
+        """A multiprocessing worker leaves through os._exit, which runs no atexit
+        handler and no destructor: its capture is stopped from multiprocessing's
+        own exit finalizers, so that its file ends whole."""
+        with _lock:
+            if self._running:
+                self._running = False
+                _state.capture = None
+                _zorv.Zorvek.instance().stop_profiling()
+
+
+def _register_worker_stop(capture: profile) -> None:
+    mp_util = sys.modules.get("multiprocessing.util")
+    if mp_util is not None:
+        mp_util.Finalize(None, capture._stop_in_worker, exitpriority=-100)
+
+
+def _after_fork_in_child() -> None:
+    global _lock
+    # A lock another thread held at the fork would stay held in the child forever.
+    _lock = threading.RLock()
+    capture = _state.capture
+    if capture is None or not capture.follow_forks:
+        return
+    # A child started by multiprocessing runs its after-fork functions, and later its
+    # exit finalizers, before it leaves by os._exit.
+    mp_util = sys.modules.get("multiprocessing.util")
+    if mp_util is not None:
+        mp_util.register_after_fork(capture, _register_worker_stop)
+
+
+os.register_at_fork(after_in_child=_after_fork_in_child)
