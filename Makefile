@@ -70,6 +70,7 @@ bench: build
 	./build/dev/bench/bench_cuda_callback
 	./build/dev/bench/bench_cuda_rotator
 	PYTHONPATH=build/dev/bench $(PYTHON) bench/bench_python_annotate.py
+	$(PYTHON) bench/bench_summary_speed.py
 	@$(PYTHON) -c "import torch" 2>/dev/null || $(PYTHON) -m pip install -q --disable-pip-version-check torch==2.13.0; $(PYTHON) bench/bench_training_overhead.py
 	@dpkg -s linux-perf >/dev/null 2>&1 || apt-get install -y -qq linux-perf >/dev/null || true; $(PYTHON) bench/bench_sampling_overhead.py
 

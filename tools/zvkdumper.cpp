@@ -2,8 +2,6 @@
 
 #include "tools/zvkdumper.h"
 
-#include <cupti_activity.h>
-#include <cupti_callbacks.h>
 #include <linux/perf_event.h>
 
 #include <algorithm>
@@ -20,6 +18,7 @@
 #include <vector>
 
 #include "tools/zvkfilereader.h"
+#include "tools/zvkrecords.h"
 #include "zorv/cpu/perf_helpers.h"
 #include "zorv/cpu/zvkperfevents.h"
 #include "zorv/cuda/zvkcudastructs.h"
@@ -28,16 +27,6 @@
 
 namespace zorvek {
 namespace {
-
-const char* hardware_name(uint32_t hw) {
-  static const char* const kNames[] = {"CPU", "GPU", "GAUDI", "TESSERA", "LUMENIA", "ANNOTATION"};
-  return hw < NUM_HW_TYPES ? kNames[hw] : "UNKNOWN";
-}
-
-const char* annotation_name(uint32_t type) {
-  static const char* const kNames[] = {"BEGIN", "END", "TIME_MARKER", "MARKER"};
-  return type < annotations::NUM_ANNOTATION_TYPES ? kNames[type] : "UNKNOWN";
-}
 
 // Length of the well-formed UTF-8 sequence that starts at `at`, or 0 if none does:
 // the byte ranges of the Unicode standard's table of well-formed sequences, which
@@ -100,21 +89,6 @@ std::string json_string(const std::string& text) {
   return out;
 }
 
-uint64_t read_u64(const void* at) {
-  uint64_t value;
-  std::memcpy(&value, at, sizeof(value));
-  return value;
-}
-
-// The message of a BEGIN or MARKER: up to its terminator, within the payload.
-std::string message_of(const ZVKRecordReader& record) {
-  const uint16_t size = record.payload_size();
-  if (size <= 8) return std::string();
-  const char* text = static_cast<const char*>(record.payload()) + 8;
-  const void* nul = std::memchr(text, '\0', size - 8);
-  return std::string(text, nul != nullptr ? static_cast<const char*>(nul) - text : size - 8);
-}
-
 std::string hex_bytes(const void* data, size_t size) {
   static const char kDigits[] = "0123456789abcdef";
   std::string out;
@@ -170,14 +144,6 @@ Field named_field(const std::string& name, const std::string& number_text,
   return named;
 }
 
-const char* cpu_event_name(uint32_t type) {
-  static const char* const kNames[] = {"CONFIGURATION", "SAMPLE", "THROTTLE", "UNTHROTTLE", "LOST",
-                                       "READ",          "MMAP",   "FORK",     "EXIT"};
-  static_assert(sizeof(kNames) / sizeof(kNames[0]) == perfevent::PERF_EVENT_MAX,
-                "a name for every CPU event");
-  return type < perfevent::PERF_EVENT_MAX ? kNames[type] : "UNKNOWN";
-}
-
 // The kernel's call-chain context markers stay in the chain; a name says what
 // follows them better than their address-like value.
 std::string call_chain_slot(uint64_t address) {
@@ -210,31 +176,6 @@ Field call_chain_field(const ZVKRecordReader& record, std::string (*slot_text)(u
   return field("call_chain", '[' + text + ']', '[' + json + ']');
 }
 
-// A payload of at least T's size, copied out: payloads may be unaligned.
-template <typename T>
-bool read_payload(const ZVKRecordReader& record, T* out) {
-  if (record.payload_size() < sizeof(T)) return false;
-  std::memcpy(out, record.payload(), sizeof(T));
-  return true;
-}
-
-// The text from `offset` of the payload up to its terminator, which must lie
-// inside the payload. False when the payload ends first.
-bool terminated_text(const ZVKRecordReader& record, size_t offset, std::string* text) {
-  if (record.payload_size() < offset) return false;
-  const char* start = static_cast<const char*>(record.payload()) + offset;
-  const void* nul = std::memchr(start, '\0', record.payload_size() - offset);
-  if (nul == nullptr) return false;
-  text->assign(start, static_cast<const char*>(nul) - start);
-  return true;
-}
-
-// An MMAP's fixed fields and its file name, which must end inside the payload:
-// strsize isn't trusted, since it could point past the record.
-bool read_mmap(const ZVKRecordReader& record, perfevent::ZVKPerfMMap* fixed, std::string* name) {
-  return read_payload(record, fixed) && terminated_text(record, sizeof(*fixed), name);
-}
-
 std::vector<Field> config_fields(const perfevent::ZVKPerfConfigData& config) {
   const std::string type = std::to_string(config.type);
   const std::string hex_config = hex_number(config.config);
@@ -248,192 +189,40 @@ std::vector<Field> config_fields(const perfevent::ZVKPerfConfigData& config) {
           number_field("format_id", config.format_id)};
 }
 
-bool config_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
-  perfevent::ZVKPerfConfigData config;
-  if (!read_payload(record, &config)) return false;
-  *fields = config_fields(config);
-  return true;
-}
-
-bool sample_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
-  perfevent::ZVKPerfSample sample;
-  if (!read_payload(record, &sample)) return false;
-  *fields = {hex_field("ip", sample.ip), number_field("id", sample.id),
-             number_field("stream_id", sample.stream_id),
-             call_chain_field(record, call_chain_slot)};
-  return true;
-}
-
-bool throttle_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
-  perfevent::ZVKPerfThrottle throttle;
-  if (!read_payload(record, &throttle)) return false;
-  *fields = {number_field("id", throttle.id), number_field("stream_id", throttle.stream_id)};
-  return true;
-}
-
-bool lost_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
-  perfevent::ZVKPerfLost lost;
-  if (!read_payload(record, &lost)) return false;
-  *fields = {number_field("id", lost.id), number_field("stream_id", lost.stream_id),
-             number_field("lost", lost.lost)};
-  return true;
-}
-
-bool mmap_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
-  perfevent::ZVKPerfMMap mmap;
-  std::string name;
-  if (!read_mmap(record, &mmap, &name)) return false;
-  *fields = {number_field("id", mmap.id), number_field("stream_id", mmap.stream_id),
-             hex_field("addr", mmap.addr), hex_field("len", mmap.len),
-             hex_field("pgoff", mmap.pgoff), text_field("file", name)};
-  return true;
-}
-
-// FORK and EXIT: the child's pid and tid are the record's own.
-bool fork_record(const ZVKRecordReader& record, std::vector<Field>* fields) {
-  perfevent::ZVKPerfExitFork fork;
-  if (!read_payload(record, &fork)) return false;
-  *fields = {number_field("id", fork.id), number_field("stream_id", fork.stream_id),
-             number_field("ppid", fork.ppid), number_field("ptid", fork.ptid)};
-  return true;
-}
-
-// The decoded payload of a CPU record. False for an event without a payload
-// format (READ is reserved and never written) or a payload too short for its
-// format: such a record is shown as bytes.
-bool cpu_fields(const ZVKRecordReader& record, std::vector<Field>* fields) {
-  using Reader = bool (*)(const ZVKRecordReader&, std::vector<Field>*);
-  static const Reader kReaders[] = {config_record, sample_record, throttle_record,
-                                    throttle_record, lost_record, nullptr,
-                                    mmap_record,   fork_record,   fork_record};
-  static_assert(sizeof(kReaders) / sizeof(kReaders[0]) == perfevent::PERF_EVENT_MAX,
-                "a slot for every CPU event");
-  const uint32_t type = record.event_type();
-  return type < perfevent::PERF_EVENT_MAX && kReaders[type] != nullptr &&
-         kReaders[type](record, fields);
-}
-
-// GPU records: the low 12 bits of the event type say which payload follows, the
-// 8 bits above them a kind within it.
-uint32_t gpu_type(const ZVKRecordReader& record) { return record.event_type() & 0xfffu; }
-uint32_t gpu_kind(const ZVKRecordReader& record) { return record.event_type() >> 12; }
-
-const char* gpu_type_name(uint32_t type) {
-  static const char* const kNames[] = {
-      "KERNEL_NAME", "KERNEL", "CONCURRENT_KERNEL", "SYNCRONIZATION", "MEMCOPY",
-      "MEMCOPY_P2P", "MEMSET", "DRIVER",            "RUNTIME",        "CUDA_API"};
-  static_assert(sizeof(kNames) / sizeof(kNames[0]) == cudaevent::NUM_CUDA_RECORD_TYPES,
-                "a name for every GPU record type");
-  return type < cudaevent::NUM_CUDA_RECORD_TYPES ? kNames[type] : "UNKNOWN";
-}
-
-template <size_t N>
-const char* name_in(const char* const (&names)[N], uint64_t value) {
-  return value < N ? names[value] : "UNKNOWN";
-}
-
-// CUPTI's enumerations by the names NVIDIA's headers give them, less the common
-// prefix. Kept here rather than taken from CUPTI at run time, which a machine
-// reading captures needn't have; the asserts hold the tables to the headers.
-const char* copy_kind_name(uint32_t kind) {
-  static const char* const kNames[] = {"UNKNOWN", "HTOD", "DTOH", "HTOA", "ATOH", "ATOA",
-                                       "ATOD",    "DTOA", "DTOD", "HTOH", "PTOP"};
-  static_assert(CUPTI_ACTIVITY_MEMCPY_KIND_HTOD == 1 && CUPTI_ACTIVITY_MEMCPY_KIND_DTOD == 8 &&
-                    sizeof(kNames) / sizeof(kNames[0]) == CUPTI_ACTIVITY_MEMCPY_KIND_PTOP + 1,
-                "CUpti_ActivityMemcpyKind");
-  return name_in(kNames, kind);
-}
-
-const char* memory_kind_name(uint32_t kind) {
-  static const char* const kNames[] = {"UNKNOWN", "PAGEABLE", "PINNED",        "DEVICE",
-                                       "ARRAY",   "MANAGED",  "DEVICE_STATIC", "MANAGED_STATIC"};
-  static_assert(CUPTI_ACTIVITY_MEMORY_KIND_DEVICE == 3 &&
-                    sizeof(kNames) / sizeof(kNames[0]) ==
-                        CUPTI_ACTIVITY_MEMORY_KIND_MANAGED_STATIC + 1,
-                "CUpti_ActivityMemoryKind");
-  return name_in(kNames, kind);
-}
-
-const char* sync_type_name(uint32_t type) {
-  static const char* const kNames[] = {"UNKNOWN", "EVENT_SYNCHRONIZE", "STREAM_WAIT_EVENT",
-                                       "STREAM_SYNCHRONIZE", "CONTEXT_SYNCHRONIZE"};
-  static_assert(CUPTI_ACTIVITY_SYNCHRONIZATION_TYPE_STREAM_SYNCHRONIZE == 3 &&
-                    sizeof(kNames) / sizeof(kNames[0]) ==
-                        CUPTI_ACTIVITY_SYNCHRONIZATION_TYPE_CONTEXT_SYNCHRONIZE + 1,
-                "CUpti_ActivitySynchronizationType");
-  return name_in(kNames, type);
-}
-
-const char* callback_domain_name(uint32_t domain) {
-  static const char* const kNames[] = {"INVALID",     "DRIVER_API", "RUNTIME_API", "RESOURCE",
-                                       "SYNCHRONIZE", "NVTX",       "STATE"};
-  static_assert(CUPTI_CB_DOMAIN_DRIVER_API == 1 && CUPTI_CB_DOMAIN_NVTX == 5,
-                "CUpti_CallbackDomain");
-  return name_in(kNames, domain);
-}
-
-// A KERNEL_NAME's fixed part and its name. The name ends at its terminator, which
-// must lie inside the payload: len_name isn't trusted, and a traced call's fixed
-// "Unknown" is stored with len_name 0.
-bool read_kernel_name(const ZVKRecordReader& record, cudaevent::kernel_name* fixed,
-                      std::string* name) {
-  return read_payload(record, fixed) && terminated_text(record, sizeof(*fixed), name);
-}
-
-// The names that GPU records give by id, learnt from KERNEL_NAME records over a
-// whole run. A process names each kernel and each traced call's function once, in
-// the first record that uses it, so the name may lie in an earlier file; and a
-// forked child goes on with its parent's ids without naming them again.
-class GpuNames {
- public:
-  void learn(const ZVKRecordReader& record) {
-    if (record.hardware_type() == GPU && gpu_type(record) == cudaevent::KERNEL_NAME) {
-      learn_name(record);
-    } else if (record.hardware_type() == CPU && record.event_type() == perfevent::FORK) {
-      learn_parent(record);
-    }
+// The decoded payload of a CPU record as fields. False for a record the decoding
+// left as bytes: an event without a payload format (READ is reserved and never
+// written) or a payload too short for its format. FORK and EXIT: the child's pid
+// and tid are the record's own.
+bool cpu_fields(const ZVKRecordReader& record, const DecodedRecord& decoded,
+                std::vector<Field>* fields) {
+  const DecodedRecord::Fixed& p = decoded.fixed;
+  switch (decoded.layout) {
+    case DecodedRecord::kCpuConfiguration: *fields = config_fields(p.config); return true;
+    case DecodedRecord::kCpuSample:
+      *fields = {hex_field("ip", p.sample.ip), number_field("id", p.sample.id),
+                 number_field("stream_id", p.sample.stream_id),
+                 call_chain_field(record, call_chain_slot)};
+      return true;
+    case DecodedRecord::kCpuThrottle:
+      *fields = {number_field("id", p.throttle.id),
+                 number_field("stream_id", p.throttle.stream_id)};
+      return true;
+    case DecodedRecord::kCpuLost:
+      *fields = {number_field("id", p.lost.id), number_field("stream_id", p.lost.stream_id),
+                 number_field("lost", p.lost.lost)};
+      return true;
+    case DecodedRecord::kCpuMmap:
+      *fields = {number_field("id", p.mmap.id), number_field("stream_id", p.mmap.stream_id),
+                 hex_field("addr", p.mmap.addr), hex_field("len", p.mmap.len),
+                 hex_field("pgoff", p.mmap.pgoff), text_field("file", std::string(decoded.text))};
+      return true;
+    case DecodedRecord::kCpuForkExit:
+      *fields = {number_field("id", p.fork.id), number_field("stream_id", p.fork.stream_id),
+                 number_field("ppid", p.fork.ppid), number_field("ptid", p.fork.ptid)};
+      return true;
+    default: return false;
   }
-
-  // The name of `id` in table `kind` (kKernelNameKind or kFunctionNameKind) for
-  // process `pid`; null when this run hasn't seen it.
-  const std::string* find(uint32_t kind, uint32_t pid, uint32_t id) const {
-    // Bounded: pids are reused, so the parent links could loop.
-    for (int generation = 0; generation < kMaxGenerations; ++generation) {
-      const auto table = m_tables.find({kind, pid});
-      if (table != m_tables.end()) {
-        const auto name = table->second.find(id);
-        if (name != table->second.end()) return &name->second;
-      }
-      const auto parent = m_parents.find(pid);
-      if (parent == m_parents.end()) return nullptr;
-      pid = parent->second;
-    }
-    return nullptr;
-  }
-
- private:
-  static constexpr int kMaxGenerations = 64;
-
-  void learn_name(const ZVKRecordReader& record) {
-    cudaevent::kernel_name fixed;
-    std::string name;
-    const uint32_t kind = gpu_kind(record);
-    if (kind > cudaevent::kFunctionNameKind || !read_kernel_name(record, &fixed, &name)) return;
-    m_tables[{kind, record.pid()}][fixed.id] = std::move(name);
-  }
-
-  // A FORK of a new process, not of a thread: the record is the child's.
-  void learn_parent(const ZVKRecordReader& record) {
-    perfevent::ZVKPerfExitFork fork;
-    if (read_payload(record, &fork) && fork.ppid != record.pid()) {
-      m_parents[record.pid()] = fork.ppid;
-    }
-  }
-
-  std::map<std::pair<uint32_t, uint32_t>, std::unordered_map<uint32_t, std::string>>
-      m_tables;                                      // (kind, pid) -> id -> name
-  std::unordered_map<uint32_t, uint32_t> m_parents;  // forked pid -> parent pid
-};
+}
 
 Field signed_field(const std::string& name, int64_t value) {
   const std::string digits = std::to_string(value);
@@ -457,13 +246,6 @@ Field dims_field(const std::string& name, int32_t x, int32_t y, int32_t z) {
   return field(name, sx + 'x' + sy + 'x' + sz, '[' + sx + ',' + sy + ',' + sz + ']');
 }
 
-// How long an activity took, from the record's timestamp, its start. An end
-// before the start, which CUPTI can report for an activity it never saw finish,
-// counts as no time rather than as a wrapped huge one.
-uint64_t duration_of(const ZVKRecordReader& record, uint64_t end) {
-  return end > record.timestamp() ? end - record.timestamp() : 0;
-}
-
 void add_span(const ZVKRecordReader& record, uint64_t end, std::vector<Field>* fields) {
   fields->push_back(number_field("end", end));
   fields->push_back(number_field("duration", duration_of(record, end)));
@@ -479,53 +261,44 @@ void add_name(const GpuNames& names, uint32_t kind, const ZVKRecordReader& recor
 
 // A name record's header tid is the device for a kernel's name, and the calling
 // thread for a traced call's function name.
-bool name_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
-  cudaevent::kernel_name fixed;
-  std::string name;
-  const uint32_t kind = gpu_kind(record);
-  if (kind > cudaevent::kFunctionNameKind || !read_kernel_name(record, &fixed, &name)) {
-    return false;
-  }
-  const bool kernel = kind == cudaevent::kKernelNameKind;
-  *fields = {word_field("table", kernel ? "kernel" : "function"),
-             number_field(kernel ? "device" : "thread", record.tid()),
-             number_field("id", fixed.id), number_field("len_name", fixed.len_name),
-             text_field("name", name)};
-  return true;
+std::vector<Field> name_fields(const ZVKRecordReader& record, const DecodedRecord::Name& fixed,
+                               std::string_view name) {
+  const bool kernel = gpu_kind(record) == cudaevent::kKernelNameKind;
+  return {word_field("table", kernel ? "kernel" : "function"),
+          number_field(kernel ? "device" : "thread", record.tid()),
+          number_field("id", fixed.id), number_field("len_name", fixed.len_name),
+          text_field("name", std::string(name))};
 }
 
-bool kernel_record(const ZVKRecordReader& record, const GpuNames& names,
-                   std::vector<Field>* fields) {
-  cudaevent::kernel kernel;
-  if (!read_payload(record, &kernel)) return false;
-  *fields = {number_field("device", record.tid())};
-  add_span(record, kernel.end, fields);
-  fields->insert(fields->end(),
-                 {number_field("completed", kernel.completed),
-                  dims_field("grid", kernel.gridX, kernel.gridY, kernel.gridZ),
-                  dims_field("block", kernel.blockX, kernel.blockY, kernel.blockZ),
-                  signed_field("grid_id", kernel.gridId),
-                  number_field("registers", kernel.pack.registersPerThread),
-                  number_field("static_shared_mem", kernel.staticSharedMem),
-                  number_field("shm_config", kernel.pack.shmConfig),
-                  number_field("launch_type", kernel.pack.launchType),
-                  number_field("stream", kernel.streamId),
-                  number_field("correlation", kernel.correlationId),
-                  number_field("name_id", kernel.pack.nameId)});
-  add_name(names, cudaevent::kKernelNameKind, record, kernel.pack.nameId, "name", fields);
-  return true;
+std::vector<Field> kernel_fields(const ZVKRecordReader& record, const cudaevent::kernel& kernel,
+                                 const GpuNames& names) {
+  std::vector<Field> fields = {number_field("device", record.tid())};
+  add_span(record, kernel.end, &fields);
+  fields.insert(fields.end(),
+                {number_field("completed", kernel.completed),
+                 dims_field("grid", kernel.gridX, kernel.gridY, kernel.gridZ),
+                 dims_field("block", kernel.blockX, kernel.blockY, kernel.blockZ),
+                 signed_field("grid_id", kernel.gridId),
+                 number_field("registers", kernel.pack.registersPerThread),
+                 number_field("static_shared_mem", kernel.staticSharedMem),
+                 number_field("shm_config", kernel.pack.shmConfig),
+                 number_field("launch_type", kernel.pack.launchType),
+                 number_field("stream", kernel.streamId),
+                 number_field("correlation", kernel.correlationId),
+                 number_field("name_id", kernel.pack.nameId)});
+  add_name(names, cudaevent::kKernelNameKind, record, kernel.pack.nameId, "name", &fields);
+  return fields;
 }
 
 // The header tid of a synchronization is the CUDA event's id; akind its type.
-bool sync_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
-  cudaevent::sync sync;
-  if (!read_payload(record, &sync)) return false;
-  *fields = {number_field("event_id", record.tid()),
-             enum_field("type", gpu_kind(record), sync_type_name(gpu_kind(record)))};
-  add_span(record, sync.end, fields);
-  fields->insert(fields->end(), {number_field("stream", sync.streamId),
-                                 number_field("correlation", sync.correlationId)});
-  return true;
+std::vector<Field> sync_fields(const ZVKRecordReader& record, const cudaevent::sync& sync) {
+  const uint32_t type = gpu_kind(record);
+  std::vector<Field> fields = {number_field("event_id", record.tid()),
+                               enum_field("type", type, sync_type_name(type))};
+  add_span(record, sync.end, &fields);
+  fields.insert(fields.end(), {number_field("stream", sync.streamId),
+                               number_field("correlation", sync.correlationId)});
+  return fields;
 }
 
 // What MEMCOPY and MEMCOPY_P2P share: the device, the span, the kinds and the
@@ -544,86 +317,80 @@ std::vector<Field> copy_fields(const ZVKRecordReader& record, const Copy& copy) 
   return fields;
 }
 
-bool memcopy_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
-  cudaevent::memcopy copy;
-  if (!read_payload(record, &copy)) return false;
-  *fields = copy_fields(record, copy);
-  fields->insert(fields->end(), {number_field("stream", copy.streamId),
-                                 number_field("correlation", copy.correlationId),
-                                 number_field("runtime_correlation", copy.runtimeCorrId),
-                                 number_field("context", copy.contextId)});
-  return true;
+std::vector<Field> memcopy_fields(const ZVKRecordReader& record, const cudaevent::memcopy& copy) {
+  std::vector<Field> fields = copy_fields(record, copy);
+  fields.insert(fields.end(), {number_field("stream", copy.streamId),
+                               number_field("correlation", copy.correlationId),
+                               number_field("runtime_correlation", copy.runtimeCorrId),
+                               number_field("context", copy.contextId)});
+  return fields;
 }
 
-bool p2p_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
-  cudaevent::memcopy_p2p copy;
-  if (!read_payload(record, &copy)) return false;
-  *fields = copy_fields(record, copy);
-  fields->insert(fields->end(), {number_field("src_device", copy.srcDevice),
-                                 number_field("dst_device", copy.dstDevice),
-                                 number_field("src_context", copy.srcContext),
-                                 number_field("dst_context", copy.dstContext),
-                                 number_field("stream", copy.streamId),
-                                 number_field("correlation", copy.correlationId)});
-  return true;
+std::vector<Field> p2p_fields(const ZVKRecordReader& record, const cudaevent::memcopy_p2p& copy) {
+  std::vector<Field> fields = copy_fields(record, copy);
+  fields.insert(fields.end(), {number_field("src_device", copy.srcDevice),
+                               number_field("dst_device", copy.dstDevice),
+                               number_field("src_context", copy.srcContext),
+                               number_field("dst_context", copy.dstContext),
+                               number_field("stream", copy.streamId),
+                               number_field("correlation", copy.correlationId)});
+  return fields;
 }
 
-bool memset_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
-  cudaevent::memset set;
-  if (!read_payload(record, &set)) return false;
-  *fields = {number_field("device", record.tid())};
-  add_span(record, set.end, fields);
-  fields->insert(fields->end(), {number_field("bytes", set.size), number_field("value", set.value),
-                                 enum_field("memkind", set.memkind, memory_kind_name(set.memkind)),
-                                 hex_field("flags", set.flags),
-                                 number_field("stream", set.streamId),
-                                 number_field("correlation", set.correlationId)});
-  return true;
+std::vector<Field> memset_fields(const ZVKRecordReader& record, const cudaevent::memset& set) {
+  std::vector<Field> fields = {number_field("device", record.tid())};
+  add_span(record, set.end, &fields);
+  fields.insert(fields.end(), {number_field("bytes", set.size), number_field("value", set.value),
+                               enum_field("memkind", set.memkind, memory_kind_name(set.memkind)),
+                               hex_field("flags", set.flags), number_field("stream", set.streamId),
+                               number_field("correlation", set.correlationId)});
+  return fields;
 }
 
 // DRIVER and RUNTIME activity: the header tid is the calling thread, and the
 // payload repeats CUPTI's own process and thread ids.
-bool driver_record(const ZVKRecordReader& record, const GpuNames&, std::vector<Field>* fields) {
-  cudaevent::driver call;
-  if (!read_payload(record, &call)) return false;
-  *fields = {number_field("thread", record.tid())};
-  add_span(record, call.end, fields);
-  fields->insert(fields->end(), {number_field("process_id", call.pid),
-                                 number_field("thread_id", call.tid),
-                                 number_field("correlation", call.correlationId),
-                                 number_field("return_value", call.returnValue)});
-  return true;
+std::vector<Field> activity_fields(const ZVKRecordReader& record, const cudaevent::driver& call) {
+  std::vector<Field> fields = {number_field("thread", record.tid())};
+  add_span(record, call.end, &fields);
+  fields.insert(fields.end(), {number_field("process_id", call.pid),
+                               number_field("thread_id", call.tid),
+                               number_field("correlation", call.correlationId),
+                               number_field("return_value", call.returnValue)});
+  return fields;
 }
 
 // A traced call, with the host's call chain as unwound at its exit: plain
 // addresses, none of the kernel's context markers.
-bool api_record(const ZVKRecordReader& record, const GpuNames& names, std::vector<Field>* fields) {
-  cudaevent::callback call;
-  if (!read_payload(record, &call)) return false;
-  *fields = {number_field("thread", record.tid())};
-  add_span(record, call.end, fields);
-  fields->insert(fields->end(),
-                 {enum_field("domain", call.domain, callback_domain_name(call.domain)),
-                  number_field("cbid", call.cbid), number_field("correlation", call.correlationId),
-                  number_field("function_id", call.funcNameId)});
-  add_name(names, cudaevent::kFunctionNameKind, record, call.funcNameId, "function", fields);
-  fields->push_back(call_chain_field(record, hex_number));
-  return true;
+std::vector<Field> call_fields(const ZVKRecordReader& record, const cudaevent::callback& call,
+                               const GpuNames& names) {
+  std::vector<Field> fields = {number_field("thread", record.tid())};
+  add_span(record, call.end, &fields);
+  fields.insert(fields.end(),
+                {enum_field("domain", call.domain, callback_domain_name(call.domain)),
+                 number_field("cbid", call.cbid), number_field("correlation", call.correlationId),
+                 number_field("function_id", call.funcNameId)});
+  add_name(names, cudaevent::kFunctionNameKind, record, call.funcNameId, "function", &fields);
+  fields.push_back(call_chain_field(record, hex_number));
+  return fields;
 }
 
-// The decoded payload of a GPU record. False for a type without a payload format,
-// a name record of a kind without a table, or a payload too short for its format:
-// such a record is shown as bytes.
-bool gpu_fields(const ZVKRecordReader& record, const GpuNames& names,
-                std::vector<Field>* fields) {
-  using Reader = bool (*)(const ZVKRecordReader&, const GpuNames&, std::vector<Field>*);
-  static const Reader kReaders[] = {name_record,    kernel_record, kernel_record, sync_record,
-                                    memcopy_record, p2p_record,    memset_record, driver_record,
-                                    driver_record,  api_record};
-  static_assert(sizeof(kReaders) / sizeof(kReaders[0]) == cudaevent::NUM_CUDA_RECORD_TYPES,
-                "a reader for every GPU record type");
-  const uint32_t type = gpu_type(record);
-  return type < cudaevent::NUM_CUDA_RECORD_TYPES && kReaders[type](record, names, fields);
+// The decoded payload of a GPU record as fields. False for a record the decoding
+// left as bytes: a type without a payload format, a name record of a kind without
+// a table, or a payload too short for its format.
+bool gpu_fields(const ZVKRecordReader& record, const DecodedRecord& decoded,
+                const GpuNames& names, std::vector<Field>* fields) {
+  const DecodedRecord::Fixed& p = decoded.fixed;
+  switch (decoded.layout) {
+    case DecodedRecord::kGpuName: *fields = name_fields(record, p.name, decoded.text); return true;
+    case DecodedRecord::kGpuKernel: *fields = kernel_fields(record, p.kernel, names); return true;
+    case DecodedRecord::kGpuSync: *fields = sync_fields(record, p.sync); return true;
+    case DecodedRecord::kGpuMemcopy: *fields = memcopy_fields(record, p.memcopy); return true;
+    case DecodedRecord::kGpuMemcopyP2P: *fields = p2p_fields(record, p.p2p); return true;
+    case DecodedRecord::kGpuMemset: *fields = memset_fields(record, p.memset); return true;
+    case DecodedRecord::kGpuActivity: *fields = activity_fields(record, p.activity); return true;
+    case DecodedRecord::kGpuCall: *fields = call_fields(record, p.call, names); return true;
+    default: return false;
+  }
 }
 
 // Table cells: padded to at least `width`, never cut, so a long name only widens
@@ -664,10 +431,10 @@ struct RangeStats {
 // kernel dropped or throttled, the mappings and the event configurations.
 class CpuSummary {
  public:
-  void add(const ZVKRecordReader& record) {
+  void add(const ZVKRecordReader& record, const DecodedRecord& decoded) {
     ++m_records;
     ++m_events[record.event_type()];
-    if (!take(record)) ++m_undecoded;
+    if (!take(record, decoded)) ++m_undecoded;
   }
 
   bool empty() const { return m_records == 0; }
@@ -720,59 +487,27 @@ class CpuSummary {
   };
 
   // Counts what the record adds; false when its payload couldn't be read.
-  bool take(const ZVKRecordReader& record) {
-    switch (record.event_type()) {
-      case perfevent::CONFIGURATION: return take_configuration(record);
-      case perfevent::SAMPLE: return take_sample(record);
-      case perfevent::LOST: return take_lost(record);
-      case perfevent::THROTTLE: return take_throttle(record, &m_throttles);
-      case perfevent::UNTHROTTLE: return take_throttle(record, &m_unthrottles);
-      case perfevent::MMAP: return take_mapping(record);
-      case perfevent::FORK:
-      case perfevent::EXIT: {
-        perfevent::ZVKPerfExitFork fork;
-        return read_payload(record, &fork);
-      }
+  bool take(const ZVKRecordReader& record, const DecodedRecord& decoded) {
+    const DecodedRecord::Fixed& p = decoded.fixed;
+    switch (decoded.layout) {
+      case DecodedRecord::kCpuConfiguration: m_configurations.push_back(p.config); return true;
+      case DecodedRecord::kCpuSample:
+        ++m_samples_by_thread[{record.pid(), record.tid()}];
+        ++m_samples_by_id[p.sample.id];
+        return true;
+      case DecodedRecord::kCpuLost:
+        m_lost += p.lost.lost;
+        ++m_lost_records;
+        return true;
+      case DecodedRecord::kCpuThrottle:
+        ++(record.event_type() == perfevent::THROTTLE ? m_throttles : m_unthrottles);
+        return true;
+      case DecodedRecord::kCpuMmap:
+        m_mappings.push_back({p.mmap.addr, p.mmap.len, p.mmap.pgoff, std::string(decoded.text)});
+        return true;
+      case DecodedRecord::kCpuForkExit: return true;
       default: return false;
     }
-  }
-
-  bool take_configuration(const ZVKRecordReader& record) {
-    perfevent::ZVKPerfConfigData config;
-    if (!read_payload(record, &config)) return false;
-    m_configurations.push_back(config);
-    return true;
-  }
-
-  bool take_sample(const ZVKRecordReader& record) {
-    perfevent::ZVKPerfSample sample;
-    if (!read_payload(record, &sample)) return false;
-    ++m_samples_by_thread[{record.pid(), record.tid()}];
-    ++m_samples_by_id[sample.id];
-    return true;
-  }
-
-  bool take_lost(const ZVKRecordReader& record) {
-    perfevent::ZVKPerfLost lost;
-    if (!read_payload(record, &lost)) return false;
-    m_lost += lost.lost;
-    ++m_lost_records;
-    return true;
-  }
-
-  static bool take_throttle(const ZVKRecordReader& record, uint64_t* count) {
-    perfevent::ZVKPerfThrottle throttle;
-    if (!read_payload(record, &throttle)) return false;
-    ++*count;
-    return true;
-  }
-
-  bool take_mapping(const ZVKRecordReader& record) {
-    perfevent::ZVKPerfMMap mmap;
-    std::string name;
-    if (!read_mmap(record, &mmap, &name)) return false;
-    m_mappings.push_back({mmap.addr, mmap.len, mmap.pgoff, std::move(name)});
-    return true;
   }
 
   // Most samples first; ties by pid, then tid, so that the order is stable.
@@ -950,10 +685,10 @@ class GpuSummary {
  public:
   explicit GpuSummary(const GpuNames& names) : m_names(names) {}
 
-  void add(const ZVKRecordReader& record) {
+  void add(const ZVKRecordReader& record, const DecodedRecord& decoded) {
     ++m_records;
     ++m_types[gpu_type(record)];
-    if (!take(record)) ++m_undecoded;
+    if (!take(record, decoded)) ++m_undecoded;
   }
 
   bool empty() const { return m_records == 0; }
@@ -1007,77 +742,40 @@ class GpuSummary {
   // Counts what the record adds; false when its payload couldn't be read. The
   // tests of readability are those of the record decoders, so that the count of
   // undecoded records is that of the records a dump shows as bytes.
-  bool take(const ZVKRecordReader& record) {
-    switch (gpu_type(record)) {
-      case cudaevent::KERNEL_NAME: return take_name(record);
-      case cudaevent::KERNEL:
-      case cudaevent::CONCURRENT_KERNEL: return take_kernel(record);
-      case cudaevent::SYNCRONIZATION: return take_sync(record);
-      case cudaevent::MEMCOPY: return take_copy<cudaevent::memcopy>(record);
-      case cudaevent::MEMCOPY_P2P: return take_copy<cudaevent::memcopy_p2p>(record);
-      case cudaevent::MEMSET: return take_memset(record);
-      case cudaevent::DRIVER: return take_activity(record, &m_driver);
-      case cudaevent::RUNTIME: return take_activity(record, &m_runtime);
-      case cudaevent::CUDA_API: return take_call(record);
+  bool take(const ZVKRecordReader& record, const DecodedRecord& decoded) {
+    const DecodedRecord::Fixed& p = decoded.fixed;
+    switch (decoded.layout) {
+      case DecodedRecord::kGpuName:
+        ++(gpu_kind(record) == cudaevent::kKernelNameKind ? m_kernel_names : m_function_names);
+        return true;
+      case DecodedRecord::kGpuKernel:
+        m_kernels[key_of(cudaevent::kKernelNameKind, record, p.kernel.pack.nameId)].add(
+            duration_of(record, p.kernel.end));
+        return true;
+      case DecodedRecord::kGpuSync:
+        m_syncs[gpu_kind(record)].add(duration_of(record, p.sync.end));
+        return true;
+      // MEMCOPY and MEMCOPY_P2P alike, by the kind in their attr bytes.
+      case DecodedRecord::kGpuMemcopy:
+        m_copies[p.memcopy.attr.copy_kind].add(duration_of(record, p.memcopy.end),
+                                               p.memcopy.bytes);
+        return true;
+      case DecodedRecord::kGpuMemcopyP2P:
+        m_copies[p.p2p.attr.copy_kind].add(duration_of(record, p.p2p.end), p.p2p.bytes);
+        return true;
+      case DecodedRecord::kGpuMemset:
+        m_memsets.add(duration_of(record, p.memset.end), p.memset.size);
+        return true;
+      case DecodedRecord::kGpuActivity:
+        (gpu_type(record) == cudaevent::DRIVER ? m_driver : m_runtime)
+            .add(duration_of(record, p.activity.end));
+        return true;
+      case DecodedRecord::kGpuCall:
+        m_calls[{key_of(cudaevent::kFunctionNameKind, record, p.call.funcNameId), p.call.cbid}]
+            .add(duration_of(record, p.call.end));
+        return true;
       default: return false;
     }
-  }
-
-  bool take_name(const ZVKRecordReader& record) {
-    cudaevent::kernel_name fixed;
-    std::string name;
-    const uint32_t kind = gpu_kind(record);
-    if (kind > cudaevent::kFunctionNameKind || !read_kernel_name(record, &fixed, &name)) {
-      return false;
-    }
-    ++(kind == cudaevent::kKernelNameKind ? m_kernel_names : m_function_names);
-    return true;
-  }
-
-  bool take_kernel(const ZVKRecordReader& record) {
-    cudaevent::kernel kernel;
-    if (!read_payload(record, &kernel)) return false;
-    m_kernels[key_of(cudaevent::kKernelNameKind, record, kernel.pack.nameId)].add(
-        duration_of(record, kernel.end));
-    return true;
-  }
-
-  bool take_sync(const ZVKRecordReader& record) {
-    cudaevent::sync sync;
-    if (!read_payload(record, &sync)) return false;
-    m_syncs[gpu_kind(record)].add(duration_of(record, sync.end));
-    return true;
-  }
-
-  // MEMCOPY and MEMCOPY_P2P alike, by the kind in their attr bytes.
-  template <typename Copy>
-  bool take_copy(const ZVKRecordReader& record) {
-    Copy copy;
-    if (!read_payload(record, &copy)) return false;
-    m_copies[copy.attr.copy_kind].add(duration_of(record, copy.end), copy.bytes);
-    return true;
-  }
-
-  bool take_memset(const ZVKRecordReader& record) {
-    cudaevent::memset set;
-    if (!read_payload(record, &set)) return false;
-    m_memsets.add(duration_of(record, set.end), set.size);
-    return true;
-  }
-
-  static bool take_activity(const ZVKRecordReader& record, GpuTotals* totals) {
-    cudaevent::driver call;
-    if (!read_payload(record, &call)) return false;
-    totals->add(duration_of(record, call.end));
-    return true;
-  }
-
-  bool take_call(const ZVKRecordReader& record) {
-    cudaevent::callback call;
-    if (!read_payload(record, &call)) return false;
-    m_calls[{key_of(cudaevent::kFunctionNameKind, record, call.funcNameId), call.cbid}].add(
-        duration_of(record, call.end));
-    return true;
   }
 
   NameKey key_of(uint32_t kind, const ZVKRecordReader& record, uint32_t id) const {
@@ -1184,14 +882,15 @@ class Summary {
     std::string kind = hardware_name(hw);
     if (hw == ANNOTATION) kind += std::string(" ") + annotation_name(record.event_type());
     ++m_records_by_kind[kind];
-    if (hw == CPU) m_cpu.add(record);
-    if (hw == GPU) m_gpu.add(record);
-    if (hw != ANNOTATION || record.payload_size() < 8) return;
-    const uint64_t token = read_u64(record.payload());
-    if (record.event_type() == annotations::BEGIN) {
-      m_open_ranges[token] = {message_of(record), record.timestamp()};
-    } else if (record.event_type() == annotations::END) {
-      end_range(token, record.timestamp());
+    DecodedRecord decoded;
+    decode_record(record, &decoded);
+    if (hw == CPU) m_cpu.add(record, decoded);
+    if (hw == GPU) m_gpu.add(record, decoded);
+    if (hw != ANNOTATION) return;
+    if (record.event_type() == annotations::BEGIN && decoded.layout == DecodedRecord::kBegin) {
+      m_open_ranges[decoded.fixed.token] = {std::string(decoded.text), record.timestamp()};
+    } else if (decoded.layout == DecodedRecord::kEnd) {
+      end_range(decoded.fixed.token, record.timestamp());
     }
   }
 
@@ -1266,18 +965,16 @@ class Summary {
   GpuSummary m_gpu;
 };
 
-void print_annotation_text(const ZVKRecordReader& record, std::ostream& out) {
-  const uint32_t type = record.event_type();
-  out << " " << annotation_name(type) << " cpu=" << record.device_id() << " pid=" << record.pid()
-      << " tid=" << record.tid();
-  if ((type == annotations::BEGIN || type == annotations::MARKER) && record.payload_size() >= 8) {
-    out << " token=" << read_u64(record.payload()) << " msg=\"" << message_of(record) << "\"";
-  } else if (type == annotations::END && record.payload_size() >= 8) {
-    out << " token=" << read_u64(record.payload());
-  } else if (type == annotations::TIME_MARKER &&
-             record.payload_size() >= sizeof(annotations::time_marker)) {
-    annotations::time_marker marker;
-    std::memcpy(&marker, record.payload(), sizeof(marker));
+void print_annotation_text(const ZVKRecordReader& record, const DecodedRecord& decoded,
+                           std::ostream& out) {
+  out << " " << annotation_name(record.event_type()) << " cpu=" << record.device_id()
+      << " pid=" << record.pid() << " tid=" << record.tid();
+  if (decoded.layout == DecodedRecord::kBegin) {
+    out << " token=" << decoded.fixed.token << " msg=\"" << decoded.text << "\"";
+  } else if (decoded.layout == DecodedRecord::kEnd) {
+    out << " token=" << decoded.fixed.token;
+  } else if (decoded.layout == DecodedRecord::kTimeMarker) {
+    const annotations::time_marker& marker = decoded.fixed.marker;
     for (int i = 0; i < annotations::kClockPairs; ++i) {
       out << "\n      monotonic_raw=" << marker.monotic[i] << " realtime=" << marker.realtime[i];
     }
@@ -1315,12 +1012,14 @@ void print_raw_text(const ZVKRecordReader& record, std::ostream& out) {
 void print_record_text(const ZVKRecordReader& record, const GpuNames& names, std::ostream& out) {
   const uint32_t hw = record.hardware_type();
   out << "    " << record.timestamp() << ' ' << hardware_name(hw);
+  DecodedRecord decoded;
+  decode_record(record, &decoded);
   std::vector<Field> fields;
   if (hw == ANNOTATION) {
-    print_annotation_text(record, out);
-  } else if (hw == CPU && cpu_fields(record, &fields)) {
+    print_annotation_text(record, decoded, out);
+  } else if (hw == CPU && cpu_fields(record, decoded, &fields)) {
     print_cpu_text(record, fields, out);
-  } else if (hw == GPU && gpu_fields(record, names, &fields)) {
+  } else if (hw == GPU && gpu_fields(record, decoded, names, &fields)) {
     print_gpu_text(record, fields, out);
   } else {
     print_raw_text(record, out);
@@ -1334,29 +1033,27 @@ void print_record_json(const ZVKRecordReader& record, const GpuNames& names, std
       << ",\"pid\":" << record.pid() << ",\"tid\":" << record.tid()
       << ",\"call_chain_size\":" << record.num_callchains()
       << ",\"payload_size\":" << record.payload_size();
-  if (hw == ANNOTATION && record.payload_size() >= 8) {
-    const uint32_t type = record.event_type();
-    if (type == annotations::BEGIN || type == annotations::MARKER || type == annotations::END) {
-      out << ",\"token\":" << read_u64(record.payload());
-    }
-    if (type == annotations::BEGIN || type == annotations::MARKER) {
-      out << ",\"msg\":" << json_string(message_of(record));
-    }
-    if (type == annotations::TIME_MARKER && record.payload_size() >= sizeof(annotations::time_marker)) {
-      annotations::time_marker marker;
-      std::memcpy(&marker, record.payload(), sizeof(marker));
-      out << ",\"monotonic_raw\":[";
-      for (int i = 0; i < annotations::kClockPairs; ++i) out << (i ? "," : "") << marker.monotic[i];
-      out << "],\"realtime\":[";
-      for (int i = 0; i < annotations::kClockPairs; ++i) out << (i ? "," : "") << marker.realtime[i];
-      out << "]";
-    }
+  DecodedRecord decoded;
+  decode_record(record, &decoded);
+  if (decoded.layout == DecodedRecord::kBegin || decoded.layout == DecodedRecord::kEnd) {
+    out << ",\"token\":" << decoded.fixed.token;
+  }
+  if (decoded.layout == DecodedRecord::kBegin) {
+    out << ",\"msg\":" << json_string(std::string(decoded.text));
+  }
+  if (decoded.layout == DecodedRecord::kTimeMarker) {
+    const annotations::time_marker& marker = decoded.fixed.marker;
+    out << ",\"monotonic_raw\":[";
+    for (int i = 0; i < annotations::kClockPairs; ++i) out << (i ? "," : "") << marker.monotic[i];
+    out << "],\"realtime\":[";
+    for (int i = 0; i < annotations::kClockPairs; ++i) out << (i ? "," : "") << marker.realtime[i];
+    out << "]";
   }
   std::vector<Field> fields;
   const char* event = nullptr;
-  if (hw == CPU && cpu_fields(record, &fields)) {
+  if (hw == CPU && cpu_fields(record, decoded, &fields)) {
     event = cpu_event_name(record.event_type());
-  } else if (hw == GPU && gpu_fields(record, names, &fields)) {
+  } else if (hw == GPU && gpu_fields(record, decoded, names, &fields)) {
     event = gpu_type_name(gpu_type(record));
   }
   if (event != nullptr) {

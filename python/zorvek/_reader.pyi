@@ -1,0 +1,49 @@
+"""Zorvek's capture file reader: records decoded in C++, one list of dicts per
+bucket, and the summary's numbers added up in C++ while the files stream through."""
+
+import os
+from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Union
+
+_Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+Progress = Callable[[int, int], Any]  # progress(bytes_done, bytes_total)
+Record = Dict[str, Any]
+
+
+class CaptureFile:
+    """A capture file (.zvkraw), opened and its header read. Raises OSError when
+    the file can't be read, ValueError ("PATH: not a Zorvek capture file") for
+    bytes that aren't a capture."""
+
+    def __init__(self, path: _Path) -> None: ...
+    @property
+    def path(self) -> str: ...
+    @property
+    def file_size(self) -> int: ...
+    @property
+    def header(self) -> Dict[str, Any]:
+        """version, compression, config, pid, start_time, end_time, clock_shift,
+        num_buckets, max_bucket_size, max_uncompressed_size, hostname, job_uid,
+        instance_type, cpu_model."""
+    @property
+    def problems(self) -> List[str]:
+        """What the last iteration skipped: damaged bytes, a torn last bucket."""
+    @property
+    def torn(self) -> bool: ...
+    @property
+    def buckets(self) -> int:
+        """Whole buckets the last iteration read."""
+    def batches(self, kinds: Optional[Iterable[str]] = None,
+                progress: Optional[Progress] = None) -> Iterator[List[Record]]:
+        """One list of record dicts per bucket, in file order. Every record has
+        timestamp, hw ("CPU", "GPU", "ANNOTATION"), event ("BEGIN", "SAMPLE",
+        "KERNEL", ...), pid, tid, device, then its payload's fields; a payload
+        too short for its kind comes as "raw" bytes (with "event_type") instead.
+        `kinds` keeps only those events (ValueError for an unknown name);
+        `progress` is called at most five times a second."""
+
+
+def summarize(paths: Union[_Path, Iterable[_Path]],
+              progress: Optional[Progress] = None) -> Dict[str, Any]:
+    """Adds up capture files: {"files": [...], "bytes", "processes": [...],
+    "problems": [...]}, one process per pid over all files. Raises as
+    CaptureFile does for a file that can't be opened."""

@@ -1,0 +1,525 @@
+"""zorvek summary: what a capture holds, in aligned tables or as JSON.
+
+Per process (files of one process, a rotation say, are merged): annotation ranges
+by name with their count, total, mean, p50, p99 and share of the wall time; the
+CPU functions most often sampled; GPU kernels by time, copies by kind, memsets and
+synchronizations; samples the kernel dropped; and the records by kind.
+
+The numbers are added up in C++ (`zorvek._reader.summarize`) while the files
+stream through, so memory stays flat however large the capture. Instruction
+pointers are named here, through `zorvek.symbols` and the capture's mappings.
+"""
+
+from __future__ import annotations
+
+import argparse
+import glob
+import json
+import os
+import socket
+import sys
+import time
+from typing import Any, Dict, Iterable, List, Optional, Sequence, Tuple
+
+from . import _reader
+
+__all__ = ["add_arguments", "run", "short_summary", "main"]
+
+PROG = "zorvek summary"
+EXAMPLES = """\
+examples:
+  zorvek summary zorvek_out/                 every .zvkraw in the folder
+  zorvek summary run_1234_0.zvkraw run_1234_1.zvkraw
+  zorvek summary --top 40 zorvek_out/        longer tables
+  zorvek summary --json zorvek_out/ > summary.json
+
+Exit status: 0 when every file was read whole (a torn last bucket, which a
+killed process leaves, is noted and summarized up to the tear), 1 when a file
+is missing, unreadable, not a capture, or damaged, 2 on a usage error.
+"""
+
+# Addresses beyond this many distinct ones per process are counted but not named:
+# the symbolizer's time grows with them, the top of the table doesn't change.
+_MAX_SYMBOLIZED_IPS = 20000
+# Longest name a table row shows; JSON keeps names whole.
+_MAX_NAME = 72
+
+
+# ---- Command line -------------------------------------------------------------
+
+def add_arguments(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("files", nargs="*", metavar="FILE",
+                        help="capture files (.zvkraw), or folders: their *.zvkraw")
+    parser.add_argument("--json", action="store_true",
+                        help="one JSON document for machines instead of tables")
+    parser.add_argument("--top", type=int, default=15, metavar="N",
+                        help="rows per table (default 15; 0 for all)")
+    parser.add_argument("--no-symbols", action="store_true",
+                        help="show CPU instruction pointers as addresses, unnamed")
+    progress = parser.add_mutually_exclusive_group()
+    progress.add_argument("--progress", dest="progress", action="store_true", default=None,
+                          help="progress on stderr even when it isn't a terminal")
+    progress.add_argument("--no-progress", dest="progress", action="store_false",
+                          help="no progress, not even on a terminal")
+    if not parser.epilog:
+        parser.epilog = EXAMPLES
+        parser.formatter_class = argparse.RawDescriptionHelpFormatter
+    if not parser.description:
+        parser.description = ("Summarizes capture files: annotation ranges, top CPU functions, "
+                              "GPU kernels and copies, lost samples, per process.")
+
+
+def _error(message: str) -> None:
+    print(f"{PROG}: {message}", file=sys.stderr)
+
+
+def _os_error(path: str, error: OSError) -> str:
+    return f"{path}: {error.strerror or error}"
+
+
+def _expand(arguments: Sequence[str]) -> Tuple[List[str], List[str]]:
+    """The files the arguments name, a folder standing for its *.zvkraw; and one
+    message per argument that names none."""
+    files, errors = [], []
+    for argument in arguments:
+        if os.path.isdir(argument):
+            found = sorted(glob.glob(os.path.join(glob.escape(argument), "*.zvkraw")))
+            if not found:
+                errors.append(f"{argument}: no capture files (*.zvkraw) in this folder")
+            files.extend(found)
+        elif not os.path.lexists(argument):
+            errors.append(f"{argument}: no such file or folder")
+        else:
+            files.append(argument)
+    return files, errors
+
+
+def _open_all(paths: Iterable[str]) -> Tuple[List[_reader.CaptureFile], List[str]]:
+    captures, errors = [], []
+    for path in paths:
+        try:
+            captures.append(_reader.CaptureFile(path))
+        except OSError as error:
+            errors.append(_os_error(path, error))
+        except ValueError as error:
+            errors.append(str(error))
+    return captures, errors
+
+
+class _Progress:
+    """Progress on stderr once a run is older than a second: one line rewritten in
+    place on a terminal, a line per update elsewhere. Never on stdout."""
+
+    def __init__(self, enabled: bool, in_place: bool):
+        self.enabled, self.in_place = enabled, in_place
+        self.start = time.monotonic()
+        self.shown = False
+        self.last = ""
+
+    def __call__(self, done: int, total: int) -> None:
+        if not self.enabled or time.monotonic() - self.start < 1.0:
+            return
+        percent = 100 * done // total if total else 100
+        line = f"{PROG}: {percent}% ({_bytes(done)} of {_bytes(total)})"
+        if line == self.last:
+            return
+        self.last, self.shown = line, True
+        if self.in_place:
+            sys.stderr.write("\r\033[K" + line)
+        else:
+            sys.stderr.write(line + "\n")
+        sys.stderr.flush()
+
+    def finish(self) -> None:
+        """Takes the line away: what follows on the terminal starts clean."""
+        if self.shown and self.in_place:
+            sys.stderr.write("\r\033[K")
+            sys.stderr.flush()
+        self.shown = False
+
+
+def run(args: argparse.Namespace) -> int:
+    arguments = list(getattr(args, "files", None) or [])
+    if not arguments:
+        _error("no capture file given (a .zvkraw file or a folder of them); see --help")
+        return 2
+    top = getattr(args, "top", 15)
+    if top is None or top < 0:
+        _error("--top takes a count, 0 for all")
+        return 2
+    paths, errors = _expand(arguments)
+    captures, open_errors = _open_all(dict.fromkeys(paths))  # each file once
+    errors += open_errors
+    for message in errors:
+        _error(message)
+    if not captures:
+        return 1
+
+    choice = getattr(args, "progress", None)
+    progress = _Progress(enabled=choice if choice is not None else sys.stderr.isatty(),
+                         in_place=sys.stderr.isatty())
+    try:
+        result = _reader.summarize([c.path for c in captures], progress=progress)
+    except KeyboardInterrupt:
+        progress.finish()
+        _error("interrupted")
+        return 130
+    except (OSError, ValueError) as error:  # a file went away since it was opened
+        progress.finish()
+        _error(str(error))
+        return 1
+    progress.finish()
+
+    symbolized = not getattr(args, "no_symbols", False)
+    notes = _add_functions(result, symbolized, top)
+    damaged = False
+    for file in result["files"]:
+        for problem in file["problems"]:
+            if file["torn"] and problem == file["problems"][-1]:
+                notes.append(f"{file['path']}: {problem}; summarized the "
+                             f"{file['buckets']} whole buckets before it")
+            else:
+                damaged = True
+                _error(f"{file['path']}: {problem}")
+
+    if getattr(args, "json", False):
+        document = _json_document(result, notes, top)
+        json.dump(document, sys.stdout, indent=1)
+        sys.stdout.write("\n")
+    else:
+        sys.stdout.write(_text(result, notes, top))
+    sys.stdout.flush()
+    return 1 if errors or damaged else 0
+
+
+# ---- Names for the sampled addresses --------------------------------------------
+
+def _generations(processes: List[Dict[str, Any]]) -> List[Dict[str, Any]]:
+    """Parents before the children forked from them, so that a child can start
+    with its parent's mappings."""
+    by_pid = {p["pid"]: p for p in processes}
+
+    def depth(process):
+        seen, d = set(), 0
+        while process["parent"] in by_pid and process["pid"] not in seen:
+            seen.add(process["pid"])
+            process, d = by_pid[process["parent"]], d + 1
+        return d
+
+    return sorted(processes, key=depth)
+
+
+def _symbolizer(result: Dict[str, Any]):
+    """A Symbolizer fed with every process's mappings, or None when the module
+    isn't there or can't start."""
+    try:
+        from . import symbols
+    except Exception:  # not built yet, or broken: the addresses stay hex
+        return None
+    hosts = {f.get("header", {}).get("hostname") for f in result["files"]}
+    try:
+        local = hosts <= {socket.gethostname()}
+        try:
+            sym = symbols.Symbolizer(local=local)
+        except TypeError:
+            sym = symbols.Symbolizer()
+        for process in _generations(result["processes"]):
+            if process["parent"] is not None and hasattr(sym, "inherit"):
+                sym.inherit(process["pid"], process["parent"])
+            for m in process["cpu"]["mappings"]:
+                sym.add_mapping(process["pid"], m["addr"], m["len"], m["pgoff"], m["filename"])
+        return sym
+    except Exception:
+        return None
+
+
+def _add_functions(result: Dict[str, Any], symbolized: bool, top: int) -> List[str]:
+    """Adds "functions" to each process's CPU part: samples by function name, most
+    first, from its samples by instruction pointer. Returns notes on what couldn't
+    be named."""
+    notes: List[str] = []
+    sym = _symbolizer(result) if symbolized and any(
+        p["cpu"]["samples"] for p in result["processes"]) else None
+    if symbolized and sym is None and any(p["cpu"]["samples"] for p in result["processes"]):
+        notes.append("CPU functions: no symbolizer available, instruction pointers shown as "
+                     "addresses")
+    for process in result["processes"]:
+        cpu = process["cpu"]
+        ips = cpu["ips"]
+        named = ips[:_MAX_SYMBOLIZED_IPS]
+        names: Dict[int, str] = {}
+        if sym is not None and named:
+            try:
+                pid = process["pid"]
+                if hasattr(sym, "lookup_many"):
+                    found = sym.lookup_many([(pid, ip) for ip, _ in named])
+                    names = {ip: found[(pid, ip)] for ip, _ in named}
+                else:
+                    names = {ip: sym.lookup(pid, ip) for ip, _ in named}
+            except Exception as error:  # a symbolizer failure costs names, not the summary
+                notes.append(f"CPU functions of process {process['pid']}: symbolizer failed "
+                             f"({type(error).__name__}: {error}); shown as addresses")
+                names = {}
+        counts: Dict[str, int] = {}
+        for ip, count in named:
+            name = names.get(ip) or "0x%x" % ip
+            counts[name] = counts.get(name, 0) + count
+        rest = sum(count for _, count in ips[_MAX_SYMBOLIZED_IPS:])
+        if rest:
+            counts[f"({len(ips) - _MAX_SYMBOLIZED_IPS} more addresses, not named)"] = rest
+        total = cpu["samples"] or 1
+        cpu["functions"] = [{"function": name, "samples": count, "share": count / total}
+                            for name, count in sorted(counts.items(),
+                                                      key=lambda item: (-item[1], item[0]))]
+    if sym is not None:
+        gaps = list(getattr(sym, "gaps", []) or [])
+        for gap in gaps[:5]:
+            notes.append(f"symbols: {gap}")
+        if len(gaps) > 5:
+            notes.append(f"symbols: {len(gaps) - 5} more gaps")
+        try:
+            sym.close()
+        except Exception:
+            pass
+    return notes
+
+
+# ---- Text -------------------------------------------------------------------------
+
+def _duration(ns: float) -> str:
+    ns = float(ns)
+    for unit, scale in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
+        if ns >= scale:
+            value = ns / scale
+            return f"{value:.3g} {unit}" if value < 100 else f"{value:.0f} {unit}"
+    return f"{ns:.0f} ns"
+
+
+def _bytes(count: float) -> str:
+    for unit, scale in (("GB", 1e9), ("MB", 1e6), ("kB", 1e3)):
+        if count >= scale:
+            return f"{count / scale:.3g} {unit}"
+    return f"{int(count)} B"
+
+
+def _percent(share: float) -> str:
+    return f"{100 * share:.1f}%"
+
+
+def _count(value: int) -> str:
+    return f"{value:,}"
+
+
+def _cut(name: str) -> str:
+    return name if len(name) <= _MAX_NAME else name[:_MAX_NAME - 3] + "..."
+
+
+def _table(headings: Sequence[str], rows: Sequence[Sequence[str]], align: str = "",
+           indent: str = "  ") -> str:
+    """Columns as wide as their widest cell. `align` has an "l" or "r" per column;
+    by default the first is left-aligned (a name) and the others right (numbers)."""
+    align = align or "l" + "r" * (len(headings) - 1)
+    widths = [max(len(str(row[i])) for row in [headings, *rows]) for i in range(len(headings))]
+    lines = []
+    for row in [headings, *rows]:
+        cells = [str(cell).ljust(width) if side == "l" else str(cell).rjust(width)
+                 for cell, width, side in zip(row, widths, align)]
+        lines.append((indent + "  ".join(cells)).rstrip())
+    return "\n".join(lines) + "\n"
+
+
+def _limit(rows: List[Any], top: int) -> List[Any]:
+    return rows if top == 0 else rows[:top]
+
+
+def _more(rows: List[Any], top: int, what: str) -> str:
+    hidden = 0 if top == 0 else len(rows) - top
+    return f"  ... {hidden} more {what} (--top N shows more)\n" if hidden > 0 else ""
+
+
+def _process_text(process: Dict[str, Any], top: int) -> str:
+    out = []
+    title = f"Process {process['pid']}"
+    if process["parent"] is not None:
+        title += f" (forked from {process['parent']})"
+    names = [os.path.basename(f) for f in process["files"]]
+    if len(names) > 4:  # a long rotation: its ends say which files
+        names = [names[0], names[1], f"... {len(names) - 3} more ...", names[-1]]
+    out.append(f"== {title}: {_count(process['records'])} records in {', '.join(names)}\n")
+    if process["first_ns"] is not None:
+        out.append(f"Wall time {_duration(process['wall_ns'])} (first to last annotation)\n")
+
+    # Annotation ranges.
+    ranges = process["ranges"]
+    if ranges:
+        rows = [(_cut(r["name"]), _count(r["count"]), _duration(r["total_ns"]),
+                 _duration(r["mean_ns"]), _duration(r["p50_ns"]), _duration(r["p99_ns"]),
+                 _percent(r["share"])) for r in _limit(ranges, top)]
+        out.append("\nAnnotation ranges, most time first (share: of the wall time; ranges on "
+                   "several threads or nested can pass 100%)\n")
+        out.append(_table(("name", "count", "total", "mean", "p50", "p99", "share"), rows))
+        out.append(_more(ranges, top, "names"))
+    unmatched = []
+    if process["begins_without_end"]:
+        unmatched.append(f"{_count(process['begins_without_end'])} begins without an end")
+    if process["ends_without_begin"]:
+        unmatched.append(f"{_count(process['ends_without_begin'])} ends without a begin")
+    if unmatched:
+        out.append("  (" + ", ".join(unmatched) + ")\n")
+
+    # CPU samples.
+    cpu = process["cpu"]
+    if cpu["samples"]:
+        threads = len(cpu["by_thread"])
+        out.append(f"\nTop CPU functions: {_count(cpu['samples'])} samples on {threads} "
+                   f"thread{'s' if threads != 1 else ''}\n")
+        rows = [(_count(f["samples"]), _percent(f["share"]), _cut(f["function"]))
+                for f in _limit(cpu["functions"], top)]
+        out.append(_table(("samples", "share", "function"), rows, align="rrl"))
+        out.append(_more(cpu["functions"], top, "functions"))
+        if threads > 1:
+            rows = [(str(t["tid"]), _count(t["samples"]),
+                     _percent(t["samples"] / cpu["samples"])) for t in _limit(cpu["by_thread"], top)]
+            out.append("CPU samples by thread\n")
+            out.append(_table(("tid", "samples", "share"), rows))
+            out.append(_more(cpu["by_thread"], top, "threads"))
+    if cpu["samples"] or cpu["lost_records"] or cpu["configurations"]:
+        out.append(f"Records lost by the kernel: {_count(cpu['lost'])} samples "
+                   f"({_count(cpu['lost_records'])} LOST records); throttled "
+                   f"{_count(cpu['throttles'])} times\n")
+
+    # GPU.
+    gpu = process["gpu"]
+    if gpu["kernels"]:
+        busy = sum(k["total_ns"] for k in gpu["kernels"]) or 1
+        rows = [(_cut(k["name"] if k["name"] is not None else f"(name id {k['name_id']})"),
+                 _count(k["count"]), _duration(k["total_ns"]), _duration(k["mean_ns"]),
+                 _percent(k["total_ns"] / busy)) for k in _limit(gpu["kernels"], top)]
+        out.append("\nTop GPU kernels by time (share: of all kernel time)\n")
+        out.append(_table(("kernel", "count", "total", "mean", "share"), rows))
+        out.append(_more(gpu["kernels"], top, "kernels"))
+    if gpu["copies"]:
+        rows = [(c["kind"], _count(c["count"]), _bytes(c["bytes"]), _duration(c["total_ns"]),
+                 _bytes(c["bytes"] / (c["total_ns"] / 1e9)) + "/s" if c["total_ns"] else "-")
+                for c in gpu["copies"]]
+        out.append("\nGPU copies by kind\n")
+        out.append(_table(("kind", "count", "bytes", "total", "rate"), rows))
+    if gpu["memsets"]["count"]:
+        m = gpu["memsets"]
+        out.append(f"GPU memsets: {_count(m['count'])}, {_bytes(m['bytes'])}, "
+                   f"{_duration(m['total_ns'])}\n")
+    if gpu["syncs"]:
+        rows = [(s["type"], _count(s["count"]), _duration(s["total_ns"])) for s in gpu["syncs"]]
+        out.append("\nGPU synchronizations by type\n")
+        out.append(_table(("type", "count", "total"), rows))
+    if gpu["api_calls"]:
+        rows = [(_cut(c["name"] if c["name"] is not None else f"(name id {c['func_name_id']})"),
+                 _count(c["count"]), _duration(c["total_ns"]), _duration(c["mean_ns"]))
+                for c in _limit(gpu["api_calls"], top)]
+        out.append("\nCUDA API calls by function\n")
+        out.append(_table(("function", "count", "total", "mean"), rows))
+        out.append(_more(gpu["api_calls"], top, "functions"))
+
+    out.append(f"\nProducer stall time: {process['producer_stall']}\n")
+    kinds = ", ".join(f"{kind} {_count(n)}" for kind, n in sorted(process["records_by_kind"].items()))
+    out.append(f"Records by kind: {kinds}\n")
+    if process["undecoded"]:
+        out.append(f"  ({_count(process['undecoded'])} records not decoded: payload too short "
+                   f"or kind unknown)\n")
+    return "".join(out)
+
+
+def _text(result: Dict[str, Any], notes: List[str], top: int) -> str:
+    files, processes = result["files"], result["processes"]
+    hosts = sorted({f.get("header", {}).get("hostname", "") for f in files} - {""})
+    out = [f"{len(files)} file{'s' if len(files) != 1 else ''}, {_bytes(result['bytes'])}, "
+           f"{len(processes)} process{'es' if len(processes) != 1 else ''}"
+           + (f", host {', '.join(hosts)}" if hosts else "") + "\n"]
+    if not processes:
+        out.append("No records in the files.\n")
+    for process in processes:
+        out.append("\n")
+        out.append(_process_text(process, top))
+    if notes:
+        out.append("\nNotes:\n")
+        out.extend(f"  {note}\n" for note in notes)
+    return "".join(out)
+
+
+# ---- JSON -------------------------------------------------------------------------
+
+def _hex(value: int) -> str:
+    return "0x%x" % value
+
+
+def _json_document(result: Dict[str, Any], notes: List[str], top: int) -> Dict[str, Any]:
+    """The summary with addresses as hex strings, as zvkdump writes them: many
+    JSON readers hold numbers as doubles, which can't hold every 64-bit address."""
+    processes = []
+    for process in result["processes"]:
+        process = dict(process)
+        cpu = dict(process["cpu"])
+        cpu["distinct_ips"] = len(cpu["ips"])
+        cpu["ips"] = [{"ip": _hex(ip), "samples": n} for ip, n in _limit(cpu["ips"], top)]
+        cpu["functions"] = _limit(cpu["functions"], top)
+        cpu["mappings"] = [{"addr": _hex(m["addr"]), "len": _hex(m["len"]),
+                            "pgoff": _hex(m["pgoff"]), "filename": m["filename"]}
+                           for m in cpu["mappings"]]
+        process["cpu"] = cpu
+        processes.append(process)
+    document = dict(result)
+    document["processes"] = processes
+    document["notes"] = notes
+    return document
+
+
+# ---- For `zorvek record` -----------------------------------------------------------
+
+def short_summary(files: Iterable[str]) -> str:
+    """A few lines on what the files hold, for the end of a recording: per
+    process the busiest annotation ranges, CPU samples, GPU kernels and what was
+    lost. Never raises: a problem becomes the line that says so."""
+    try:
+        paths, errors = _expand([os.fspath(f) for f in files])
+        captures, open_errors = _open_all(dict.fromkeys(paths))
+        errors += open_errors
+        if not captures:
+            return "\n".join(["No capture to summarize."] + errors)
+        result = _reader.summarize([c.path for c in captures])
+        lines = []
+        for process in result["processes"]:
+            parts = []
+            ranges = process["ranges"]
+            if ranges:
+                top = ", ".join(f"{_cut(r['name'])} {_count(r['count'])} x "
+                                f"{_duration(r['mean_ns'])}" for r in ranges[:3])
+                parts.append(f"ranges: {top}")
+            cpu, gpu = process["cpu"], process["gpu"]
+            if cpu["samples"]:
+                parts.append(f"{_count(cpu['samples'])} CPU samples")
+            if cpu["lost"]:
+                parts.append(f"{_count(cpu['lost'])} samples lost")
+            if gpu["kernels"]:
+                kernels = sum(k["count"] for k in gpu["kernels"])
+                busy = sum(k["total_ns"] for k in gpu["kernels"])
+                parts.append(f"{_count(kernels)} GPU kernels ({_duration(busy)})")
+            if not parts:
+                parts.append(f"{_count(process['records'])} records")
+            lines.append(f"  process {process['pid']}: " + "; ".join(parts))
+        for file in result["files"]:
+            if file["problems"]:
+                lines.append(f"  {file['path']}: {file['problems'][-1]}")
+        lines.extend(f"  {error}" for error in errors)
+        return "\n".join(lines) if lines else "  no records"
+    except Exception as error:  # the recording is done; its summary must not undo that
+        return f"  (no summary: {type(error).__name__}: {error})"
+
+
+def main(argv: Optional[Sequence[str]] = None) -> int:
+    parser = argparse.ArgumentParser(prog=PROG)
+    add_arguments(parser)
+    return run(parser.parse_args(argv))
+
+
+if __name__ == "__main__":
+    sys.exit(main())

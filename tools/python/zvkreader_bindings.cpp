@@ -1,0 +1,910 @@
+// zorvek._reader: the capture file reader for Python. Decoding and adding up run
+// in C++, through the same decoding zvkdump uses; Python gets one list of dicts
+// per bucket, or the summary's numbers. Buckets are inflated and walked with the
+// interpreter lock released.
+
+#include <fcntl.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "tools/python/zvksummary.h"
+#include "tools/zvkfilereader.h"
+#include "tools/zvkrecords.h"
+
+namespace py = pybind11;
+
+namespace zorvek {
+namespace {
+
+// ---- Python objects, made quickly --------------------------------------------
+
+// Takes ownership of a new reference; a null one means Python has an error set.
+py::object owned(PyObject* object) {
+  if (object == nullptr) throw py::error_already_set();
+  return py::reinterpret_steal<py::object>(object);
+}
+
+// Strings made once and shared by every record: the dict keys and the names.
+class Interned {
+ public:
+  PyObject* get(const char* text) {
+    auto found = m_strings.find(text);
+    if (found != m_strings.end()) return found->second;
+    PyObject* string = PyUnicode_InternFromString(text);
+    if (string == nullptr) throw py::error_already_set();
+    m_strings.emplace(text, string);  // kept for the life of the module
+    return string;
+  }
+
+ private:
+  // Keyed by address: every text given is a literal.
+  std::unordered_map<const char*, PyObject*> m_strings;
+};
+
+Interned& interned() {
+  static Interned* strings = new Interned();  // never freed: outlives the interpreter's use of it
+  return *strings;
+}
+
+// A dict under construction; each value is a new reference that the dict takes.
+class DictBuilder {
+ public:
+  DictBuilder() : m_dict(owned(PyDict_New())) {}
+
+  void put(const char* key, PyObject* value) {
+    if (value == nullptr) throw py::error_already_set();
+    const int failed = PyDict_SetItem(m_dict.ptr(), interned().get(key), value);
+    Py_DECREF(value);
+    if (failed != 0) throw py::error_already_set();
+  }
+  void u64(const char* key, uint64_t value) { put(key, PyLong_FromUnsignedLongLong(value)); }
+  void i64(const char* key, int64_t value) { put(key, PyLong_FromLongLong(value)); }
+  void name(const char* key, const char* literal) {
+    PyObject* value = interned().get(literal);
+    Py_INCREF(value);
+    put(key, value);
+  }
+  // Text from a capture: UTF-8 as captured, bytes that aren't show as U+FFFD.
+  void text(const char* key, std::string_view value) {
+    put(key, PyUnicode_DecodeUTF8(value.data(), static_cast<Py_ssize_t>(value.size()), "replace"));
+  }
+  // A file name keeps its bytes: os.fsencode gives back the path the process mapped.
+  void path(const char* key, std::string_view value) {
+    put(key, PyUnicode_DecodeFSDefaultAndSize(value.data(), static_cast<Py_ssize_t>(value.size())));
+  }
+  void object(const char* key, py::object value) { put(key, value.release().ptr()); }
+
+  py::object done() { return std::move(m_dict); }
+  PyObject* release() { return m_dict.release().ptr(); }
+
+ private:
+  py::object m_dict;
+};
+
+PyObject* triple(int32_t x, int32_t y, int32_t z) { return Py_BuildValue("(iii)", x, y, z); }
+
+// The call chain as 2 x call_chain_size addresses.
+PyObject* chain_list(const ZVKRecordReader& record) {
+  const int slots = 2 * record.num_callchains();
+  PyObject* list = PyList_New(slots);
+  if (list == nullptr) return nullptr;
+  for (int i = 0; i < slots; ++i) {
+    PyObject* address = PyLong_FromUnsignedLongLong(chain_slot(record, i));
+    if (address == nullptr) {
+      Py_DECREF(list);
+      return nullptr;
+    }
+    PyList_SET_ITEM(list, i, address);
+  }
+  return list;
+}
+
+PyObject* u64_list(const uint64_t* values, int count) {
+  PyObject* list = PyList_New(count);
+  if (list == nullptr) return nullptr;
+  for (int i = 0; i < count; ++i) {
+    PyObject* value = PyLong_FromUnsignedLongLong(values[i]);
+    if (value == nullptr) {
+      Py_DECREF(list);
+      return nullptr;
+    }
+    PyList_SET_ITEM(list, i, value);
+  }
+  return list;
+}
+
+// One record as a dict: the header's fields, then the payload's by its kind, or
+// its bytes as "raw" when the payload can't be read as its kind.
+PyObject* record_dict(const ZVKRecordReader& record) {
+  DictBuilder d;
+  const uint32_t hw = record.hardware_type();
+  d.u64("timestamp", record.timestamp());
+  d.name("hw", hardware_name(hw));
+  d.name("event", event_name(record));
+  d.u64("pid", record.pid());
+  d.u64("tid", record.tid());
+  d.u64("device", record.device_id());
+  DecodedRecord decoded;
+  if (!decode_record(record, &decoded)) {
+    d.u64("event_type", record.event_type());
+    d.put("raw", PyBytes_FromStringAndSize(static_cast<const char*>(record.payload()),
+                                           record.payload_size()));
+    return d.release();
+  }
+  const DecodedRecord::Fixed& f = decoded.fixed;
+  switch (decoded.layout) {
+    case DecodedRecord::kBegin:
+      d.u64("token", f.token);
+      d.text("msg", decoded.text);
+      break;
+    case DecodedRecord::kEnd: d.u64("token", f.token); break;
+    case DecodedRecord::kTimeMarker:
+      d.put("monotonic_raw", u64_list(f.marker.monotic, annotations::kClockPairs));
+      d.put("realtime", u64_list(f.marker.realtime, annotations::kClockPairs));
+      break;
+    case DecodedRecord::kCpuConfiguration:
+      d.u64("perf_type", f.config.type);
+      d.u64("config", f.config.config);
+      d.u64("config1", f.config.config1);
+      d.u64("config2", f.config.config2);
+      d.u64("precise", f.config.precise);
+      d.u64("period", f.config.sample_period);
+      d.u64("format_id", f.config.format_id);
+      break;
+    case DecodedRecord::kCpuSample:
+      d.u64("ip", f.sample.ip);
+      d.u64("id", f.sample.id);
+      d.u64("stream_id", f.sample.stream_id);
+      d.put("chain", chain_list(record));
+      break;
+    case DecodedRecord::kCpuThrottle:
+      d.u64("id", f.throttle.id);
+      d.u64("stream_id", f.throttle.stream_id);
+      break;
+    case DecodedRecord::kCpuLost:
+      d.u64("id", f.lost.id);
+      d.u64("stream_id", f.lost.stream_id);
+      d.u64("lost", f.lost.lost);
+      break;
+    case DecodedRecord::kCpuMmap:
+      d.u64("id", f.mmap.id);
+      d.u64("stream_id", f.mmap.stream_id);
+      d.u64("addr", f.mmap.addr);
+      d.u64("len", f.mmap.len);
+      d.u64("pgoff", f.mmap.pgoff);
+      d.path("filename", decoded.text);
+      break;
+    case DecodedRecord::kCpuForkExit:
+      d.u64("id", f.fork.id);
+      d.u64("stream_id", f.fork.stream_id);
+      d.u64("ppid", f.fork.ppid);
+      d.u64("ptid", f.fork.ptid);
+      break;
+    case DecodedRecord::kGpuName:
+      d.name("table", gpu_kind(record) == cudaevent::kKernelNameKind ? "kernel" : "function");
+      d.u64("id", f.name.id);
+      d.text("name", decoded.text);
+      break;
+    case DecodedRecord::kGpuKernel:
+      d.u64("end", f.kernel.end);
+      d.u64("completed", f.kernel.completed);
+      d.put("grid", triple(f.kernel.gridX, f.kernel.gridY, f.kernel.gridZ));
+      d.put("block", triple(f.kernel.blockX, f.kernel.blockY, f.kernel.blockZ));
+      d.u64("registers", f.kernel.pack.registersPerThread);
+      d.u64("static_shared_mem", f.kernel.staticSharedMem);
+      d.u64("stream", f.kernel.streamId);
+      d.u64("correlation", f.kernel.correlationId);
+      d.u64("name_id", f.kernel.pack.nameId);
+      d.u64("device_id", f.kernel.deviceId);
+      break;
+    case DecodedRecord::kGpuMemcopy:
+    case DecodedRecord::kGpuMemcopyP2P: {
+      const bool p2p = decoded.layout == DecodedRecord::kGpuMemcopyP2P;
+      const cudaevent::copy_attr& attr = p2p ? f.p2p.attr : f.memcopy.attr;
+      d.u64("end", p2p ? f.p2p.end : f.memcopy.end);
+      d.u64("bytes", p2p ? f.p2p.bytes : f.memcopy.bytes);
+      d.u64("copy_kind", attr.copy_kind);
+      d.u64("src_kind", attr.src_kind);
+      d.u64("dst_kind", attr.dst_kind);
+      d.u64("stream", p2p ? f.p2p.streamId : f.memcopy.streamId);
+      d.u64("correlation", p2p ? f.p2p.correlationId : f.memcopy.correlationId);
+      if (p2p) {
+        d.u64("src_device", f.p2p.srcDevice);
+        d.u64("dst_device", f.p2p.dstDevice);
+      }
+      break;
+    }
+    case DecodedRecord::kGpuMemset:
+      d.u64("end", f.memset.end);
+      d.u64("bytes", f.memset.size);
+      d.u64("value", f.memset.value);
+      d.u64("stream", f.memset.streamId);
+      d.u64("correlation", f.memset.correlationId);
+      d.u64("memkind", f.memset.memkind);
+      break;
+    case DecodedRecord::kGpuSync:
+      d.u64("end", f.sync.end);
+      d.u64("sync_type", gpu_kind(record));
+      d.u64("stream", f.sync.streamId);
+      d.u64("correlation", f.sync.correlationId);
+      break;
+    case DecodedRecord::kGpuActivity:
+      d.u64("end", f.activity.end);
+      d.u64("api_pid", f.activity.pid);
+      d.u64("api_tid", f.activity.tid);
+      d.u64("correlation", f.activity.correlationId);
+      d.u64("return_value", f.activity.returnValue);
+      break;
+    case DecodedRecord::kGpuCall:
+      d.u64("end", f.call.end);
+      d.u64("domain", f.call.domain);
+      d.u64("cbid", f.call.cbid);
+      d.u64("correlation", f.call.correlationId);
+      d.u64("func_name_id", f.call.funcNameId);
+      d.put("chain", chain_list(record));
+      break;
+    case DecodedRecord::kRaw: break;
+  }
+  return d.release();
+}
+
+// ---- Opening files ------------------------------------------------------------
+
+// A path as given (str, bytes or os.PathLike): its bytes, to open it by, and its
+// text, for messages and results.
+struct Path {
+  std::string bytes;
+  std::string text;
+};
+
+Path fspath(const py::handle& path) {
+  py::object os = py::module_::import("os");
+  py::object bytes = os.attr("fsencode")(path);
+  py::object text = os.attr("fsdecode")(path);
+  // Text that can't be UTF-8 (undecodable bytes in a name) is shown with escapes.
+  py::object utf8 = text.attr("encode")("utf-8", "backslashreplace");
+  return {py::cast<std::string>(bytes), py::cast<std::string>(utf8)};
+}
+
+// Opens `file` in `reader`, or raises: OSError (with errno, for Python's
+// subclasses such as FileNotFoundError) when the file can't be read, ValueError
+// when its bytes aren't a capture file.
+void open_or_raise(const Path& file, ZVKFileReader* reader) {
+  const std::string& path = file.text;
+  const auto raise_errno = [&file]() {
+    py::object name = owned(PyUnicode_DecodeFSDefaultAndSize(
+        file.bytes.data(), static_cast<Py_ssize_t>(file.bytes.size())));
+    PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, name.ptr());
+    throw py::error_already_set();
+  };
+  const int fd = ::open(file.bytes.c_str(), O_RDONLY);
+  if (fd < 0) raise_errno();
+  struct stat info;
+  const bool directory = fstat(fd, &info) == 0 && S_ISDIR(info.st_mode);
+  close(fd);
+  if (directory) {
+    errno = EISDIR;
+    raise_errno();
+  }
+  const Status opened = reader->open(file.bytes);
+  if (opened.ok()) return;
+  if (opened.code_ == error::INVALID_ARGUMENT || opened.code_ == error::UNSUPPORTED) {
+    const bool magic = opened.msg_.rfind("not a capture file", 0) == 0;
+    throw py::value_error(path + ": not a Zorvek capture file" +
+                          (magic ? std::string() : " (" + opened.msg_ + ")"));
+  }
+  PyErr_SetString(PyExc_OSError, (path + ": " + opened.msg_).c_str());
+  throw py::error_already_set();
+}
+
+py::dict header_dict(const ZVKFileHeader* hdr) {
+  py::dict header;
+  header["version"] = hdr->ZVKVersion;
+  header["compression"] = hdr->compression;
+  header["config"] = hdr->ZVKConfig;
+  header["pid"] = hdr->pid;
+  header["start_time"] = hdr->start_time;
+  header["end_time"] = hdr->end_time;
+  header["clock_shift"] = hdr->clock_shift;
+  header["num_buckets"] = hdr->num_buckets;
+  header["max_bucket_size"] = hdr->max_bucket_size;
+  header["max_uncompressed_size"] = hdr->max_uncompressed_size;
+  const auto text = [](const std::string& value) {
+    return owned(PyUnicode_DecodeUTF8(value.data(), static_cast<Py_ssize_t>(value.size()),
+                                      "replace"));
+  };
+  header["hostname"] = text(get_hostname(hdr));
+  header["job_uid"] = text(get_jobuid(hdr));
+  header["instance_type"] = text(get_instance_type(hdr));
+  header["cpu_model"] = text(get_cpu_model_id(hdr));
+  return header;
+}
+
+// Calls `progress(done, total)` at most every kInterval, and lets Ctrl-C through
+// while a long read runs in C++. Needs the interpreter lock.
+class ProgressCalls {
+ public:
+  explicit ProgressCalls(py::object callback) : m_callback(std::move(callback)) {}
+
+  bool due() const { return Clock::now() >= m_next; }
+
+  void call(uint64_t done, uint64_t total) {
+    m_next = Clock::now() + kInterval;
+    if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+    if (!m_callback.is_none()) m_callback(done, total);
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kInterval{200};
+  py::object m_callback;
+  Clock::time_point m_next = Clock::now() + kInterval;
+};
+
+// ---- CaptureFile ----------------------------------------------------------------
+
+// Which kinds of record a caller keeps, by event name.
+class KindFilter {
+ public:
+  KindFilter() = default;
+  explicit KindFilter(const py::handle& kinds) {
+    if (kinds.is_none()) return;
+    m_all = false;
+    for (const py::handle& kind : kinds) {
+      const std::string name = py::cast<std::string>(kind);
+      bool known = name == "UNKNOWN";
+      if (known) m_unknown = true;
+      for (uint32_t hw : {uint32_t{ANNOTATION}, uint32_t{CPU}, uint32_t{GPU}}) {
+        for (uint32_t code = 0; code < kCodes; ++code) {
+          if (name == code_name(hw, code)) {
+            m_keep[hw][code] = true;
+            known = true;
+          }
+        }
+      }
+      if (!known) throw py::value_error("unknown record kind '" + name + "'");
+    }
+    // Codes without a name go with "UNKNOWN", so that the test per record is one load.
+    for (uint32_t hw = 0; hw < 16; ++hw) {
+      for (uint32_t code = 0; code < kCodes; ++code) {
+        if (std::string(code_name(hw, code)) == "UNKNOWN") m_keep[hw][code] = m_unknown;
+      }
+    }
+  }
+
+  bool keeps(const ZVKRecordReader& record) const {
+    if (m_all) return true;
+    const uint32_t hw = record.hardware_type();
+    const uint32_t code = hw == GPU ? gpu_type(record) : record.event_type();
+    return code < kCodes ? m_keep[hw][code] : m_unknown;
+  }
+
+ private:
+  static constexpr uint32_t kCodes = 16;
+
+  static const char* code_name(uint32_t hw, uint32_t code) {
+    switch (hw) {
+      case ANNOTATION: return annotation_name(code);
+      case CPU: return cpu_event_name(code);
+      case GPU: return gpu_type_name(code);
+      default: return "UNKNOWN";
+    }
+  }
+
+  bool m_all = true;
+  bool m_unknown = false;
+  bool m_keep[16][kCodes] = {};
+};
+
+class CaptureFile {
+ public:
+  explicit CaptureFile(const py::object& path) : m_path(fspath(path)) {
+    ZVKFileReader reader;
+    open_or_raise(m_path, &reader);
+    m_size = reader.file_size();
+    m_header = header_dict(reader.header());
+  }
+
+  const Path& file() const { return m_path; }
+  const std::string& path() const { return m_path.text; }
+  uint64_t file_size() const { return m_size; }
+  py::dict header() const { return m_header; }
+  py::list problems() const { return py::cast(m_problems); }
+  bool torn() const { return m_torn; }
+  uint64_t buckets() const { return m_buckets; }
+
+  // Each iteration reads the file afresh; its problems replace the last one's.
+  void restart() {
+    m_problems.clear();
+    m_torn = false;
+    m_buckets = 0;
+  }
+  void problem(const std::string& message, bool torn) {
+    m_problems.push_back(message);
+    m_torn = m_torn || torn;
+  }
+  void bucket_read() { ++m_buckets; }
+
+ private:
+  Path m_path;
+  uint64_t m_size = 0;
+  py::dict m_header;
+  std::vector<std::string> m_problems;
+  bool m_torn = false;
+  uint64_t m_buckets = 0;
+};
+
+// Iterates over a capture's buckets, a list of record dicts per bucket that holds
+// any record the filter keeps. One bucket's records are in memory at a time.
+class Batches {
+ public:
+  Batches(CaptureFile& capture, const py::object& kinds, py::object progress)
+      : m_capture(capture), m_filter(kinds), m_progress(std::move(progress)) {
+    open_or_raise(capture.file(), &m_reader);
+    capture.restart();
+  }
+
+  py::list next() {
+    for (;;) {
+      if (m_done) throw py::stop_iteration();
+      std::unique_ptr<ZVKBucketReader> bucket;
+      Status read;
+      {
+        py::gil_scoped_release unlocked;
+        read = m_reader.next_bucket(&bucket);
+      }
+      if (read.code_ == error::END_OF_DATA) {
+        m_done = true;
+        if (m_progress_shown) m_progress.call(m_reader.file_size(), m_reader.file_size());
+        throw py::stop_iteration();
+      }
+      if (!read.ok()) {
+        m_capture.problem(m_capture.path() + ": " + read.msg_, m_reader.torn());
+        continue;
+      }
+      m_capture.bucket_read();
+      if (m_progress.due()) {
+        m_progress_shown = true;
+        m_progress.call(m_reader.next_bucket_offset(), m_reader.file_size());
+      }
+      py::list batch;
+      ZVKRecordReader record;
+      while (bucket->get_next_record(record).ok()) {
+        if (!m_filter.keeps(record)) continue;
+        PyObject* dict = record_dict(record);
+        const int failed = PyList_Append(batch.ptr(), dict);
+        Py_DECREF(dict);
+        if (failed != 0) throw py::error_already_set();
+      }
+      if (PyList_GET_SIZE(batch.ptr()) != 0) return batch;
+    }
+  }
+
+ private:
+  CaptureFile& m_capture;  // kept alive by the iterator's reference to it
+  KindFilter m_filter;
+  ProgressCalls m_progress;
+  ZVKFileReader m_reader;
+  bool m_done = false;
+  bool m_progress_shown = false;
+};
+
+// ---- summarize ------------------------------------------------------------------
+
+struct FileRead {
+  Path path;
+  std::unique_ptr<ZVKFileReader> reader;
+  uint64_t buckets = 0;
+  uint64_t records = 0;
+  std::vector<std::string> problems;
+  bool torn = false;
+};
+
+py::object totals_dict(const summary::Totals& totals, bool bytes) {
+  DictBuilder d;
+  d.u64("count", totals.count);
+  if (bytes) d.u64("bytes", totals.bytes);
+  d.u64("total_ns", totals.total_ns);
+  return d.done();
+}
+
+std::string kind_label(uint32_t hw, uint32_t code) {
+  const char* name = "UNKNOWN";
+  switch (hw) {
+    case ANNOTATION: name = annotation_name(code); break;
+    case CPU: name = cpu_event_name(code); break;
+    case GPU: name = gpu_type_name(code); break;
+    default: break;
+  }
+  return std::string(hardware_name(hw)) + ' ' +
+         (std::string(name) == "UNKNOWN" ? "event " + std::to_string(code) : std::string(name));
+}
+
+// Groups totals by id under their names, when the run has seen them: one
+// kernel's launches under several ids (a forked child, a second device) go
+// together. Most time first.
+py::list named_totals(const std::unordered_map<uint32_t, summary::Totals>& by_id,
+                      const GpuNames& names, uint32_t kind, uint32_t pid, const char* id_key) {
+  struct Row {
+    const std::string* name;
+    uint32_t id;
+    summary::Totals totals;
+  };
+  std::map<std::string, Row> named;
+  std::vector<Row> unnamed;
+  for (const auto& entry : by_id) {
+    const std::string* name = names.find(kind, pid, entry.first);
+    if (name == nullptr) {
+      unnamed.push_back({nullptr, entry.first, entry.second});
+      continue;
+    }
+    auto row = named.find(*name);
+    if (row == named.end()) {
+      named.emplace(*name, Row{name, entry.first, entry.second});
+    } else {
+      row->second.totals.count += entry.second.count;
+      row->second.totals.total_ns += entry.second.total_ns;
+      row->second.id = std::min(row->second.id, entry.first);
+    }
+  }
+  std::vector<Row> rows;
+  for (const auto& row : named) rows.push_back(row.second);
+  std::sort(unnamed.begin(), unnamed.end(), [](const Row& a, const Row& b) { return a.id < b.id; });
+  rows.insert(rows.end(), unnamed.begin(), unnamed.end());
+  std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
+    return a.totals.total_ns > b.totals.total_ns;
+  });
+  py::list list;
+  for (const Row& row : rows) {
+    DictBuilder d;
+    if (row.name != nullptr) {
+      d.text("name", *row.name);
+    } else {
+      d.object("name", py::none());
+    }
+    d.u64(id_key, row.id);
+    d.u64("count", row.totals.count);
+    d.u64("total_ns", row.totals.total_ns);
+    d.u64("mean_ns", row.totals.count ? row.totals.total_ns / row.totals.count : 0);
+    list.append(d.done());
+  }
+  return list;
+}
+
+py::object process_dict(const summary::Process& p, const GpuNames& names,
+                        const std::vector<FileRead>& files) {
+  DictBuilder d;
+  d.u64("pid", p.pid);
+  const uint32_t parent = names.parent_of(p.pid);
+  if (parent != 0) {
+    d.u64("parent", parent);
+  } else {
+    d.object("parent", py::none());
+  }
+  py::list file_paths;
+  for (size_t index : p.files) file_paths.append(files[index].path.text);
+  d.object("files", file_paths);
+
+  // Records by kind.
+  py::dict kinds;
+  uint64_t records = 0;
+  for (uint32_t hw = 0; hw < 16; ++hw) {
+    for (uint32_t code = 0; code < summary::Process::kCodes; ++code) {
+      if (p.kinds[hw][code] == 0) continue;
+      kinds[py::str(kind_label(hw, code))] = p.kinds[hw][code];
+      records += p.kinds[hw][code];
+    }
+  }
+  for (const auto& other : p.other_kinds) {
+    kinds[py::str(kind_label(other.first.first, other.first.second))] = other.second;
+    records += other.second;
+  }
+  d.u64("records", records);
+  d.object("records_by_kind", kinds);
+  d.u64("undecoded", p.undecoded);
+
+  // Annotation ranges, most total time first.
+  const bool annotated = p.first_ns <= p.last_ns;
+  const uint64_t wall = annotated ? p.last_ns - p.first_ns : 0;
+  if (annotated) {
+    d.u64("first_ns", p.first_ns);
+    d.u64("last_ns", p.last_ns);
+  } else {
+    d.object("first_ns", py::none());
+    d.object("last_ns", py::none());
+  }
+  d.u64("wall_ns", wall);
+  std::vector<uint32_t> order(p.ranges.size());
+  for (uint32_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+    return p.ranges[a].total() > p.ranges[b].total() ||
+           (p.ranges[a].total() == p.ranges[b].total() && p.range_names[a] < p.range_names[b]);
+  });
+  py::list ranges;
+  for (uint32_t id : order) {
+    const summary::Durations& r = p.ranges[id];
+    if (r.count() == 0) continue;  // only begins that never ended
+    DictBuilder range;
+    range.text("name", p.range_names[id]);
+    range.u64("count", r.count());
+    range.u64("total_ns", r.total());
+    range.u64("mean_ns", r.total() / r.count());
+    range.u64("min_ns", r.min());
+    range.u64("p50_ns", r.percentile(0.50));
+    range.u64("p99_ns", r.percentile(0.99));
+    range.u64("max_ns", r.max());
+    range.put("share", PyFloat_FromDouble(wall ? static_cast<double>(r.total()) / wall : 0.0));
+    ranges.append(range.done());
+  }
+  d.object("ranges", ranges);
+  d.u64("begins_without_end", p.open.size());
+  d.u64("ends_without_begin", p.early_ends.size());
+  d.u64("markers", p.markers);
+
+  // CPU sampling.
+  DictBuilder cpu;
+  cpu.u64("samples", p.samples);
+  std::vector<std::pair<uint32_t, uint64_t>> threads(p.samples_by_tid.begin(),
+                                                     p.samples_by_tid.end());
+  std::sort(threads.begin(), threads.end(), [](const auto& a, const auto& b) {
+    return a.second > b.second || (a.second == b.second && a.first < b.first);
+  });
+  py::list by_thread;
+  for (const auto& thread : threads) {
+    DictBuilder t;
+    t.u64("tid", thread.first);
+    t.u64("samples", thread.second);
+    by_thread.append(t.done());
+  }
+  cpu.object("by_thread", by_thread);
+  std::vector<std::pair<uint64_t, uint64_t>> ips(p.ips.begin(), p.ips.end());
+  std::sort(ips.begin(), ips.end(), [](const auto& a, const auto& b) {
+    return a.second > b.second || (a.second == b.second && a.first < b.first);
+  });
+  py::list ip_counts(ips.size());
+  for (size_t i = 0; i < ips.size(); ++i) {
+    ip_counts[i] = py::make_tuple(ips[i].first, ips[i].second);
+  }
+  cpu.object("ips", ip_counts);
+  cpu.u64("lost", p.lost);
+  cpu.u64("lost_records", p.lost_records);
+  cpu.u64("throttles", p.throttles);
+  cpu.u64("unthrottles", p.unthrottles);
+  cpu.u64("forks", p.forks);
+  cpu.u64("exits", p.exits);
+  py::list mappings;
+  for (const summary::Mapping& m : p.mappings) {
+    DictBuilder mapping;
+    mapping.u64("addr", m.addr);
+    mapping.u64("len", m.len);
+    mapping.u64("pgoff", m.pgoff);
+    mapping.path("filename", m.filename);
+    mappings.append(mapping.done());
+  }
+  cpu.object("mappings", mappings);
+  py::list configurations;
+  for (const auto& entry : p.configurations) {
+    const perfevent::ZVKPerfConfigData& c = entry.second;
+    DictBuilder config;
+    config.u64("perf_type", c.type);
+    config.u64("config", c.config);
+    config.u64("period", c.sample_period);
+    config.u64("format_id", c.format_id);
+    configurations.append(config.done());
+  }
+  cpu.object("configurations", configurations);
+  d.object("cpu", cpu.done());
+
+  // GPU tracing.
+  DictBuilder gpu;
+  gpu.object("kernels",
+             named_totals(p.kernels, names, cudaevent::kKernelNameKind, p.pid, "name_id"));
+  py::list copies;
+  for (const auto& copy : p.copies) {
+    DictBuilder c;
+    c.name("kind", copy_kind_name(copy.first));
+    c.u64("copy_kind", copy.first);
+    c.u64("count", copy.second.count);
+    c.u64("bytes", copy.second.bytes);
+    c.u64("total_ns", copy.second.total_ns);
+    copies.append(c.done());
+  }
+  gpu.object("copies", copies);
+  gpu.object("memsets", totals_dict(p.memsets, true));
+  py::list syncs;
+  for (const auto& sync : p.syncs) {
+    DictBuilder s;
+    s.name("type", sync_type_name(sync.first));
+    s.u64("sync_type", sync.first);
+    s.u64("count", sync.second.count);
+    s.u64("total_ns", sync.second.total_ns);
+    syncs.append(s.done());
+  }
+  gpu.object("syncs", syncs);
+  gpu.object("driver", totals_dict(p.driver, false));
+  gpu.object("runtime", totals_dict(p.runtime, false));
+  gpu.object("api_calls",
+             named_totals(p.calls, names, cudaevent::kFunctionNameKind, p.pid, "func_name_id"));
+  d.object("gpu", gpu.done());
+
+  // The record helper counts the time producers waited for a free buffer, but
+  // only in memory: no capture file carries it.
+  d.object("producer_stall_ns", py::none());
+  d.text("producer_stall", "not recorded in the file");
+  return d.done();
+}
+
+py::dict summarize(const py::object& paths_argument, py::object progress) {
+  std::vector<Path> paths;
+  if (py::isinstance<py::str>(paths_argument) || py::isinstance<py::bytes>(paths_argument) ||
+      py::hasattr(paths_argument, "__fspath__")) {
+    paths.push_back(fspath(paths_argument));
+  } else {
+    for (const py::handle& path : paths_argument) paths.push_back(fspath(path));
+  }
+  // Every file is opened before any is read, so that a bad one fails at once.
+  std::vector<FileRead> files;
+  uint64_t total = 0;
+  for (const Path& path : paths) {
+    FileRead file;
+    file.path = path;
+    file.reader = std::make_unique<ZVKFileReader>();
+    open_or_raise(path, file.reader.get());
+    total += file.reader->file_size();
+    files.push_back(std::move(file));
+  }
+  // In time order, so that a range begun in one file of a rotation and ended in
+  // the next is matched whatever order the files were given in.
+  std::stable_sort(files.begin(), files.end(), [](const FileRead& a, const FileRead& b) {
+    return a.reader->header()->start_time < b.reader->header()->start_time;
+  });
+
+  summary::Summarizer summarizer;
+  ProgressCalls calls(progress);
+  bool shown = false;
+  uint64_t done = 0;
+  for (size_t index = 0; index < files.size(); ++index) {
+    FileRead& file = files[index];
+    summarizer.begin_file(index);
+    for (;;) {
+      bool more = true;
+      {
+        py::gil_scoped_release unlocked;
+        // Whole buckets until the next progress call is due.
+        while (more && !calls.due()) {
+          std::unique_ptr<ZVKBucketReader> bucket;
+          const Status read = file.reader->next_bucket(&bucket);
+          if (read.code_ == error::END_OF_DATA) {
+            more = false;
+          } else if (!read.ok()) {
+            file.problems.push_back(read.msg_);
+            file.torn = file.torn || file.reader->torn();
+          } else {
+            ++file.buckets;
+            ZVKRecordReader record;
+            while (bucket->get_next_record(record).ok()) {
+              summarizer.add(record);
+              ++file.records;
+            }
+          }
+        }
+      }
+      if (!more) break;
+      shown = true;
+      calls.call(done + file.reader->next_bucket_offset(), total);
+    }
+    done += file.reader->file_size();
+    file.reader.reset();  // unmaps it
+  }
+  if (shown) calls.call(total, total);
+
+  py::list file_list, problems;
+  for (const FileRead& file : files) {
+    ZVKFileReader reader;  // the header again, for the record of the file
+    DictBuilder d;
+    d.text("path", file.path.text);
+    if (reader.open(file.path.bytes).ok()) {
+      d.u64("file_size", reader.file_size());
+      d.object("header", header_dict(reader.header()));
+    }
+    d.u64("buckets", file.buckets);
+    d.u64("records", file.records);
+    py::list file_problems;
+    for (const std::string& problem : file.problems) {
+      file_problems.append(problem);
+      problems.append(file.path.text + ": " + problem);
+    }
+    d.object("problems", file_problems);
+    d.put("torn", PyBool_FromLong(file.torn));
+    file_list.append(d.done());
+  }
+  py::list processes;
+  for (const auto& entry : summarizer.processes()) {
+    processes.append(process_dict(*entry.second, summarizer.names(), files));
+  }
+  py::dict result;
+  result["files"] = file_list;
+  result["bytes"] = total;
+  result["processes"] = processes;
+  result["problems"] = problems;
+  return result;
+}
+
+}  // namespace
+}  // namespace zorvek
+
+PYBIND11_MODULE(_reader, m) {
+  using zorvek::Batches;
+  using zorvek::CaptureFile;
+  m.doc() =
+      "Zorvek's capture file reader: records decoded in C++, one list of dicts per bucket, "
+      "and the summary's numbers added up in C++.";
+
+  py::class_<CaptureFile>(m, "CaptureFile", R"doc(
+A capture file (.zvkraw), opened and its header read.
+
+CaptureFile(path) raises OSError when the file can't be read and ValueError
+("PATH: not a Zorvek capture file") for bytes that aren't a capture.
+)doc")
+      .def(py::init<const py::object&>(), py::arg("path"))
+      .def_property_readonly("path",
+                             [](const CaptureFile& self) {
+                               // The name as os.fsdecode gives it, so that it opens again.
+                               const std::string& bytes = self.file().bytes;
+                               return zorvek::owned(PyUnicode_DecodeFSDefaultAndSize(
+                                   bytes.data(), static_cast<Py_ssize_t>(bytes.size())));
+                             })
+      .def_property_readonly("file_size", &CaptureFile::file_size)
+      .def_property_readonly("header", &CaptureFile::header,
+                             "version, compression, pid, start_time, end_time, clock_shift, "
+                             "num_buckets, hostname, job_uid, instance_type, cpu_model, ...")
+      .def_property_readonly("problems", &CaptureFile::problems,
+                             "What the last iteration skipped: damage, a torn last bucket.")
+      .def_property_readonly("torn", &CaptureFile::torn,
+                             "Whether the last iteration ended at a torn last bucket.")
+      .def_property_readonly("buckets", &CaptureFile::buckets,
+                             "Whole buckets the last iteration read.")
+      .def(
+          "batches",
+          [](CaptureFile& self, const py::object& kinds, py::object progress) {
+            return std::make_unique<Batches>(self, kinds, std::move(progress));
+          },
+          py::arg("kinds") = py::none(), py::arg("progress") = py::none(), py::keep_alive<0, 1>(),
+          R"doc(
+Iterates over the file's whole buckets: one list of record dicts per bucket (a
+bucket without a record of `kinds` yields none). `kinds`: event names to keep
+("BEGIN", "SAMPLE", "MMAP", "KERNEL", ...), or None for all. `progress(done,
+total)`, in bytes, is called at most five times a second. Damage is skipped and
+noted in `problems`.
+)doc")
+      .def("__repr__", [](const CaptureFile& self) {
+        return "<CaptureFile " + self.path() + " (" + std::to_string(self.file_size()) +
+               " bytes)>";
+      });
+
+  py::class_<Batches>(m, "Batches")
+      .def("__iter__", [](Batches& self) -> Batches& { return self; })
+      .def("__next__", &Batches::next);
+
+  m.def("summarize", &zorvek::summarize, py::arg("paths"), py::arg("progress") = py::none(),
+        R"doc(
+Adds up capture files in C++, streaming: per process (files of one pid merged),
+annotation ranges by name (count, total, mean, p50, p99, share of wall time),
+CPU samples by thread and by instruction pointer, the mappings, lost samples and
+throttles, GPU kernels by name, copies by kind, memsets, synchronizations, API
+calls by function, and records by kind. Raises as CaptureFile does for a file
+that can't be opened; damage and torn ends go to "problems".
+)doc");
+}
