@@ -4,8 +4,8 @@
 SHELL := /bin/bash
 PYTHON ?= python3
 JOBS ?= $(shell nproc)
-APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind-dev
-PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt
+APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind-dev binutils
+PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt nvidia-nvtx nvtx
 CMAKE_CONFIGURE = cmake -G Ninja -S . -DZORV_BUILD_PYTHON=OFF
 
 .PHONY: deps build test test-cpp test-asan test-tsan test-python install demo bench clean
@@ -70,6 +70,8 @@ bench: build
 	./build/dev/bench/bench_cuda_callback
 	./build/dev/bench/bench_cuda_rotator
 	PYTHONPATH=build/dev/bench $(PYTHON) bench/bench_python_annotate.py
+	./build/dev/bench/bench_nvtx
+	ZORV_NVTX_LIBRARY=build/dev/nvtx/libzorv_nvtx.so $(PYTHON) bench/bench_nvtx.py
 	$(PYTHON) bench/bench_summary_speed.py
 	@$(PYTHON) -c "import torch" 2>/dev/null || $(PYTHON) -m pip install -q --disable-pip-version-check torch==2.13.0; $(PYTHON) bench/bench_training_overhead.py
 	@dpkg -s linux-perf >/dev/null 2>&1 || apt-get install -y -qq linux-perf >/dev/null || true; $(PYTHON) bench/bench_sampling_overhead.py

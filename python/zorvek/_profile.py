@@ -14,6 +14,7 @@ from typing import Any, Callable, Dict, List, Mapping, Optional, Set, Tuple, Typ
 import _zorv
 
 from . import _settings
+from . import nvtx as _nvtx
 
 F = TypeVar("F", bound=Callable[..., Any])
 
@@ -158,8 +159,11 @@ class profile:
       per process, at its first log line, so it must happen before anything else
       made the profiler log.
     - quiet: don't print where the files are; problems are still printed.
-    - nvtx: take the NVTX ranges of the process's libraries as annotations; NVTX
-      ranges are picked up when the injection library is present.
+    - nvtx: take the NVTX ranges and marks of the process's libraries as
+      annotations, "domain/message" for a named domain: the start sets
+      NVTX_INJECTION64_PATH to zorvek's injection library and loads it. NVTX reads
+      the variable at a library's first NVTX call, so ranges of libraries that
+      used NVTX before are not seen. A variable naming another tool is kept.
     - settings: {"profiler": {...}, "cuda": {...}, "perf": {...}}, the profiler's
       own string settings, laid over the ones chosen from the keywords.
 
@@ -245,6 +249,9 @@ class profile:
             self._pid = os.getpid()
             self.error, self.files, self.other_files = None, [], []
             _quiet_native_logs(self.verbose)
+            if self.nvtx:
+                # Before the start: its table goes only to libraries loaded by then.
+                _nvtx.enable(report, self.verbose)
             if not self._configure():
                 return False
             self._pattern = self._record_pattern()
