@@ -1,5 +1,6 @@
-# make test: the whole suite. make demo: train a small model under the profiler and
-# show what was captured. Both install what they need first.
+# make test: the whole suite. make demo: train a small model under `zorvek record`
+# and show what was captured: summary, timeline and flame graph. Both install what
+# they need first.
 
 SHELL := /bin/bash
 PYTHON ?= python3
@@ -56,12 +57,12 @@ test: test-cpp test-asan test-tsan test-python
 demo: install
 	@$(PYTHON) -c "import torch" 2>/dev/null || { echo "Installing torch 2.13.0 (CPU)"; \
 	  $(PYTHON) -m pip install -q --disable-pip-version-check torch==2.13.0; }
-	@rm -rf build/demo && mkdir -p build/demo
-	ZVK_OUTPUT_FILE_NAME=build/demo/train_%p $(PYTHON) examples/train_demo.py
-	@for f in build/demo/*.zvkraw; do \
-	  echo; echo "== Captured: $$f ($$(stat -c %s $$f) bytes)"; \
-	  zvkdump --summary $$f; \
-	done
+	@rm -rf build/demo
+	$(PYTHON) -m zorvek record -o build/demo -- $(PYTHON) examples/train_demo.py
+	$(PYTHON) -m zorvek summary build/demo
+	$(PYTHON) -m zorvek timeline build/demo -o build/demo/trace.json.gz
+	$(PYTHON) -m zorvek flame build/demo -o build/demo/flame.svg
+	@echo "Open build/demo/trace.json.gz in https://ui.perfetto.dev and build/demo/flame.svg in a browser."
 
 bench: build
 	./build/dev/bench/bench_annotate
