@@ -13,6 +13,7 @@ from typing import Any, Callable, Dict, List, Mapping, Optional, Set, Tuple, Typ
 
 import _zorv
 
+from . import _clocksync
 from . import _settings
 from . import nvtx as _nvtx
 
@@ -261,6 +262,7 @@ class profile:
                 self._running = self.started = True
                 _state.capture = self
                 atexit.register(self._stop_at_exit)
+                self._mark_clocks()
                 if self.verbose:
                     report(f"capture started; files go to {self._shown_dir()}")
                 return True
@@ -287,6 +289,7 @@ class profile:
             if _state.capture is self:
                 _state.capture = None
             atexit.unregister(self._stop_at_exit)
+            self._mark_clocks()
             status = repr(_zorv.Zorvek.instance().stop_profiling())
             if os.getpid() != self._pid and status == _NOT_RUNNING:
                 return []  # a forked child that doesn't follow: nothing ran here
@@ -343,6 +346,14 @@ class profile:
         self.error = f"not profiling: the profiler refused the settings: {status}"
         report(self.error)
         return False
+
+    def _mark_clocks(self) -> None:
+        """With CPU sampling, a clock-sync mark at the start and before the stop:
+        the views place samples by them to within tens of microseconds, and follow
+        the drift between the two."""
+        settings = _state.settings or {}
+        if settings.get("profiler", {}).get("EnablePerf") == "1" and os.getpid() == self._pid:
+            _clocksync.mark_clock_sync()
 
     def _wanted_settings(self) -> _settings.Settings:
         sample_hz = self.sample_hz

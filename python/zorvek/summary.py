@@ -22,6 +22,7 @@ import time
 from typing import Any, Dict, Iterable, List, Optional, Sequence, Tuple
 
 from . import _reader
+from ._clocksync import CLOCK_SYNC
 
 __all__ = ["add_arguments", "run", "short_summary", "main"]
 
@@ -46,6 +47,14 @@ _MAX_NAME = 72
 
 
 # ---- Command line -------------------------------------------------------------
+
+def _summarize(paths, progress=None) -> dict:
+    """The C++ summary, less the ranges of the profiler's own clock-sync marks."""
+    result = _reader.summarize(paths, progress=progress)
+    for process in result["processes"]:
+        process["ranges"] = [r for r in process["ranges"] if not r["name"].startswith(CLOCK_SYNC)]
+    return result
+
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("files", nargs="*", metavar="FILE",
@@ -159,7 +168,7 @@ def run(args: argparse.Namespace) -> int:
     progress = _Progress(enabled=choice if choice is not None else sys.stderr.isatty(),
                          in_place=sys.stderr.isatty())
     try:
-        result = _reader.summarize([c.path for c in captures], progress=progress)
+        result = _summarize([c.path for c in captures], progress)
     except KeyboardInterrupt:
         progress.finish()
         _error("interrupted")
@@ -485,7 +494,7 @@ def short_summary(files: Iterable[str]) -> str:
         errors += open_errors
         if not captures:
             return "\n".join(["No capture to summarize."] + errors)
-        result = _reader.summarize([c.path for c in captures])
+        result = _summarize([c.path for c in captures])
         lines = []
         for process in result["processes"]:
             parts = []

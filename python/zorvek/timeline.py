@@ -38,6 +38,7 @@ import sys
 import time
 from typing import Dict, Iterable, Iterator, List, Optional, Sequence, Tuple
 
+from ._clocksync import CLOCK_SYNC, mark_clock_sync  # noqa: F401 (mark_clock_sync: public here)
 from .symbols import Symbolizer, demangle
 
 PROG = "zorvek timeline"
@@ -45,9 +46,6 @@ PROG = "zorvek timeline"
 # Call chain words at or above this are the kernel's context markers
 # (PERF_CONTEXT_USER is 2**64 - 512, ..._MAX 2**64 - 4095), not addresses.
 CONTEXT_MARKER_FLOOR = 2 ** 64 - 4095
-# The range name of the clock-sync brackets that mark_clock_sync writes; views
-# hide these ranges.
-CLOCK_SYNC = "zorvek.clock_sync"
 
 
 class ViewError(Exception):
@@ -768,45 +766,6 @@ def _cbid_headers() -> List[str]:
     places += [os.path.join(cuda, "include", "cupti_driver_cbid.h"),
                os.path.join(cuda, "extras", "CUPTI", "include", "cupti_driver_cbid.h")]
     return [p for p in places if os.path.isfile(p)]
-
-
-# ---- Clock sync marks, written into a capture ----------------------------------------
-
-_LIBC = None
-
-
-def mark_clock_sync() -> bool:
-    """Ties perf's clock to the system clock inside a running capture: an
-    annotation range, whose ends carry the system clock, around the mapping of one
-    executable page, which the kernel reports with perf's clock to every sampling
-    descriptor of the calling thread. Call it on a sampled thread while sampling
-    runs (before stop, for instance); each call costs a few microseconds. Returns
-    whether the mapping was made (not whether a descriptor saw it)."""
-    global _LIBC
-    import ctypes
-    import _zorv
-    if _LIBC is None:
-        libc = ctypes.CDLL(None, use_errno=True)
-        libc.mmap.restype = ctypes.c_void_p
-        libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t, ctypes.c_int, ctypes.c_int,
-                              ctypes.c_int, ctypes.c_long]
-        libc.munmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t]
-        _LIBC = libc
-    libc = _LIBC
-    prot_none, prot_read, prot_exec = 0, 1, 4
-    map_private, map_fixed, map_anonymous = 0x02, 0x10, 0x20
-    size = os.sysconf("SC_PAGESIZE")
-    # Reserved first, without execute permission, so the address is known for the
-    # range's name; only the mapping inside the range is executable and reported.
-    address = libc.mmap(None, size, prot_none, map_private | map_anonymous, -1, 0)
-    if not address or address == ctypes.c_void_p(-1).value:
-        return False
-    token = _zorv.annotation_begin("%s 0x%x %d" % (CLOCK_SYNC, address, size))
-    mapped = libc.mmap(address, size, prot_read | prot_exec, map_private | map_anonymous | map_fixed,
-                       -1, 0)
-    _zorv.annotation_end(token)
-    libc.munmap(address, size)
-    return mapped == address
 
 
 # ---- The trace ----------------------------------------------------------------------
