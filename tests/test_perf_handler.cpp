@@ -26,6 +26,7 @@
 #include "zorv/cpu/zvkperfcollector.h"
 #include "zorv/cpu/zvkperfevents.h"
 #include "zorv/cpu/zvkperfhandler.h"
+#include "zorv/io/zvkforklocks.h"
 #include "zorv/utils/clock.h"
 
 namespace zorvek {
@@ -44,7 +45,17 @@ using testing_support::DecodedRecord;
 using testing_support::in_fresh_process;
 using testing_support::log_messages;
 using testing_support::rerun_in_fresh_process;
-using testing_support::run_in_child;
+// Forks as the profiler's fork handlers do: with every lock of the pipeline (and the
+// scripted kernel's) held, so the child finds none taken by the worker it lacks.
+int fork_with_locks_held(const std::function<void()>& body) {
+  ZVKForkLocks::acquire_all();
+  const int status = testing_support::run_in_child([&] {
+    ZVKForkLocks::release_all();
+    body();
+  });
+  ZVKForkLocks::release_all();
+  return status;
+}
 using testing_support::walk_records;
 using Strings = std::vector<std::string>;
 using Settings = std::map<std::string, std::string>;
@@ -57,6 +68,11 @@ const char* const kCpuClock = "1,0,1000003,743,0,0,0";
 // and a log of what was asked.
 class ScriptedKernel : public ZVKPerfKernel {
  public:
+  // Held across a fork like the pipeline's locks, so a forked child never finds
+  // it taken by a thread it doesn't have.
+  ScriptedKernel() { ZVKForkLocks::add(&m_mutex, ZVKForkLocks::LEAF); }
+  ~ScriptedKernel() override { ZVKForkLocks::remove(&m_mutex); }
+
   struct Open {
     perf_event_attr attr;
     pid_t pid;
@@ -1265,7 +1281,7 @@ TEST(PerfFork, AChildNeitherJoinsItsParentsWorkerNorClosesAnotherFile) {
   StartedCapture capture;
   ASSERT_TRUE(capture.start().ok());
   const std::vector<PerfConfFD> fds = capture.fds;
-  const int status = run_in_child([&] {
+  const int status = fork_with_locks_held([&] {
     alarm(10);  // a join of the parent's thread would never return
     CaptureStderr();
     const Status stopped = capture.handler.stop();
@@ -1290,7 +1306,7 @@ TEST(PerfFork, AChildClosesOnlyDescriptorsThatAreStillTheParentsEvents) {
   StartedCapture capture(Settings{{"SingleWorker", "0"}});
   ASSERT_TRUE(capture.start().ok());
   const int reused = static_cast<int>(capture.fds[0].fd);
-  const int status = run_in_child([&] {
+  const int status = fork_with_locks_held([&] {
     // The child puts a file of its own at one inherited number.
     const int file = open("/dev/null", O_RDONLY);
     ASSERT_EQ(dup2(file, reused), reused);
