@@ -4,15 +4,13 @@ the annotations. Each scenario runs in a fresh interpreter under a time limit: t
 profiler is one per process and configured once, and a regression here (a worker
 that can't be joined after a fork, a start that fails half-way) shows as a hang."""
 
-import json
 import os
 import re
-import textwrap
 
 import pytest
 
-from zvk_testing import (CONFIGURATION, EXIT, FORK, SAMPLE, begins, cpu_records, ends,
-                         read_capture, run_python)
+from zvk_testing import (CONFIGURATION, EXIT, FORK, REPORT_SOURCE, SAMPLE, begins,
+                         capture_names, cpu_records, ends, read_capture, run_scenario_script)
 
 CPU_CLOCK = "1,0,1000003,743,0,0,0"  # software CPU clock every 1 000 003 ns of CPU time
 PERF_CONTEXT_USER = 0xFFFFFFFFFFFFFE00
@@ -44,11 +42,7 @@ import json, os, signal, sys, threading, time
 import _zorv
 
 prof = _zorv.Zorvek.instance()
-
-def report(key, value):
-    # One write, so that lines of a parent and its children never interleave.
-    os.write(1, ("@" + key + " " + json.dumps(value) + "\n").encode())
-
+''' + REPORT_SOURCE + r'''
 def spin(cpu_seconds, wall_limit=4.0):
     """Burns the calling thread's own CPU time: two Python threads share the GIL,
     so wall time would say little about how often either was on a CPU. The clock
@@ -102,21 +96,7 @@ def wait(pid, timeout=20):
 def run_script(tmp_path, code, timeout=60):
     """Runs PRELUDE then code in tmp_path; returns the @key values it reported and
     its stderr."""
-    script = tmp_path / "scenario.py"
-    script.write_text(PRELUDE + textwrap.dedent(code))
-    returncode, stdout, stderr = run_python([str(script)], tmp_path, {}, timeout)
-    assert returncode == 0, stdout + stderr[-4000:]
-    assert "Traceback" not in stderr, stderr[-4000:]
-    reported = {}
-    for line in stdout.splitlines():
-        if line.startswith("@"):
-            key, value = line[1:].split(" ", 1)
-            reported[key] = json.loads(value)
-    return reported, stderr
-
-
-def captures(directory):
-    return sorted(p.name for p in directory.iterdir() if p.name.endswith(".zvkraw"))
+    return run_scenario_script(tmp_path, PRELUDE, code, timeout=timeout)
 
 
 # ---- What a capture holds ----
@@ -134,7 +114,7 @@ def test_inherited_sampling_covers_threads_started_later(tmp_path):
         assert repr(prof.stop_profiling()) == "OK"
     """ % (CPU_CLOCK, SPIN, SPIN))
     pid, main, worker = got["pid"], got["main"], got["worker"]
-    assert captures(tmp_path) == [f"run_{pid}_0.zvkraw"]
+    assert capture_names(tmp_path) == [f"run_{pid}_0.zvkraw"]
     capture = read_capture(tmp_path / f"run_{pid}_0.zvkraw")
 
     # One group of one event per CPU the system has configured (online or not, as
@@ -215,7 +195,7 @@ def test_default_events_without_a_pmu_fail_the_start_and_the_process_ends(tmp_pa
     assert failed, stderr[-4000:]
     text, errno = re.search(r"\| Failed to open perf handle! (.*) errno=(\d+)$", failed[0]).groups()
     assert text == os.strerror(int(errno))
-    for name in captures(tmp_path):
+    for name in capture_names(tmp_path):
         read_capture(tmp_path / name)
 
 
@@ -267,7 +247,7 @@ def test_fork_while_sampling_neither_hangs_nor_mixes_files(tmp_path, child_exit)
     """ % (CPU_CLOCK, child_exit, SPIN))
     parent, child = got["parent"], got["child"]
     assert got["child_exit"] == 0
-    assert captures(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
+    assert capture_names(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
     ours = read_capture(tmp_path / f"run_{parent}_0.zvkraw")
     theirs = read_capture(tmp_path / f"run_{child}_0.zvkraw")
     assert theirs.header["pid"] == child
@@ -306,7 +286,7 @@ def test_multiprocessing_pool_while_sampling_completes(tmp_path):
     # The workers inherited the parent's events, so their samples are here.
     sampled = {r["pid"] for r in cpu_records(ours, SAMPLE)}
     assert set(got["done_by"]) <= sampled
-    for name in captures(tmp_path):
+    for name in capture_names(tmp_path):
         read_capture(tmp_path / name)
 
 

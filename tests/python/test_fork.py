@@ -3,13 +3,13 @@ start method. The profiler is one per process and configured once, so each scena
 runs in a fresh interpreter, in a session of its own so that a hung child is killed
 with it. Capture files are read by a small reader of this file's own."""
 
-import json
 import os
 import textwrap
 
 import pytest
 
-from zvk_testing import END, begins, read_capture, run_python
+from zvk_testing import (END, REPORT_SOURCE, begins, capture_names, read_capture,
+                         run_scenario_script)
 
 def pids_of(capture):
     return {r["pid"] for r in capture.records}
@@ -29,11 +29,7 @@ import json, os, signal, sys, time
 import _zorv
 
 prof = _zorv.Zorvek.instance()
-
-def report(key, value):
-    # One write, so that lines of a parent and its children never interleave.
-    os.write(1, ("@" + key + " " + json.dumps(value) + "\n").encode())
-
+''' + REPORT_SOURCE + r'''
 def files():
     return sorted(n for n in os.listdir(".") if ".zvkraw" in n)
 
@@ -98,21 +94,8 @@ def wait(pid, timeout=30):
 def run_script(tmp_path, code, timeout=90, first="", **env):
     """Runs `first`, PRELUDE, then code, in tmp_path; returns the @key values it
     reported and its stderr."""
-    script = tmp_path / "scenario.py"
-    script.write_text(textwrap.dedent(first) + PRELUDE + textwrap.dedent(code))
-    returncode, stdout, stderr = run_python([str(script)], tmp_path, env, timeout)
-    assert returncode == 0, stdout + stderr[-4000:]
-    assert "Traceback" not in stderr, stderr[-4000:]
-    reported = {}
-    for line in stdout.splitlines():
-        if line.startswith("@"):
-            key, value = line[1:].split(" ", 1)
-            reported[key] = json.loads(value)
-    return reported, stderr
-
-
-def captures(directory):
-    return sorted(p.name for p in directory.iterdir() if p.name.endswith(".zvkraw"))
+    return run_scenario_script(tmp_path, textwrap.dedent(first) + PRELUDE, code, env=env,
+                               timeout=timeout)
 
 
 # ---- os.fork ----
@@ -135,7 +118,7 @@ def test_following_on_gives_the_child_a_file_of_its_own(tmp_path):
         assert repr(prof.stop_profiling()) == "OK"
     """)
     parent, child = got["parent"], got["child"]
-    assert captures(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
+    assert capture_names(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
     ours = read_capture(tmp_path / f"run_{parent}_0.zvkraw")
     theirs = read_capture(tmp_path / f"run_{child}_0.zvkraw")
     assert ours.header["pid"] == parent and theirs.header["pid"] == child
@@ -169,7 +152,7 @@ def test_following_on_without_pid_in_the_name_takes_the_next_free_number(tmp_pat
         report("parent", os.getpid())
         assert repr(prof.stop_profiling()) == "OK"
     """)
-    assert captures(tmp_path) == ["run_0.zvkraw", "run_1.zvkraw"]
+    assert capture_names(tmp_path) == ["run_0.zvkraw", "run_1.zvkraw"]
     ours, theirs = read_capture(tmp_path / "run_0.zvkraw"), read_capture(tmp_path / "run_1.zvkraw")
     assert ours.header["pid"] == got["parent"] and theirs.header["pid"] == got["child"]
     assert len(begins(ours, "after")) == 10 and not begins(ours, "child")
@@ -205,7 +188,7 @@ def test_child_never_takes_the_file_of_a_parent_slow_to_resume(tmp_path):
         report("parent", os.getpid())
         assert repr(prof.stop_profiling()) == "OK"
     """, first=slow_parent)
-    names = captures(tmp_path)
+    names = capture_names(tmp_path)
     files = {read_capture(tmp_path / n).header["pid"]: read_capture(tmp_path / n) for n in names}
     assert len(names) == 2 and set(files) == {got["parent"], got["child"]}
     assert len(begins(files[got["parent"]], "after")) == 1
@@ -238,7 +221,7 @@ def test_following_off_child_is_idle_and_never_blocks(tmp_path):
     assert got["idle_seconds"] < 20
     # No file was started for the child by the fork.
     assert got["files_in_child"] == [f"run_{parent}_0.zvkraw"]
-    assert captures(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
+    assert capture_names(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
     ours = read_capture(tmp_path / f"run_{parent}_0.zvkraw")
     assert_finished(ours)
     assert child not in pids_of(ours)
@@ -280,7 +263,7 @@ def test_second_fork_in_a_child_follows_as_the_first(tmp_path):
         assert repr(prof.stop_profiling()) == "OK"
     """)
     parent, child, grandchild = got["parent"], got["child"], got["grandchild"]
-    assert captures(tmp_path) == sorted(f"run_{p}_0.zvkraw" for p in (parent, child, grandchild))
+    assert capture_names(tmp_path) == sorted(f"run_{p}_0.zvkraw" for p in (parent, child, grandchild))
     files = {p: read_capture(tmp_path / f"run_{p}_0.zvkraw") for p in (parent, child, grandchild)}
     for pid, capture in files.items():
         assert capture.header["pid"] == pid
@@ -350,7 +333,7 @@ def test_fork_while_suspended_changes_nothing(tmp_path):
     assert got["child_files"] == got["parent_files"] == got["files_at_fork"]
     # Resumed in the child, the inherited capture goes on in a file of the child's
     # own; the parent's file goes on in the parent.
-    assert captures(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
+    assert capture_names(tmp_path) == sorted([f"run_{parent}_0.zvkraw", f"run_{child}_0.zvkraw"])
     ours = read_capture(tmp_path / f"run_{parent}_0.zvkraw")
     theirs = read_capture(tmp_path / f"run_{child}_0.zvkraw")
     assert_finished(ours)
@@ -385,7 +368,7 @@ def test_kelvane_parent_file_keeps_its_tmp_name_across_a_fork(tmp_path):
     assert got["child_running"] == sorted([ours + ".tmp", theirs + ".tmp"])
     # The suspend around the fork didn't finish the parent's file.
     assert got["after_fork"] == sorted([ours + ".tmp", theirs])
-    assert captures(tmp_path) == sorted([ours, theirs])
+    assert capture_names(tmp_path) == sorted([ours, theirs])
     assert not [n for n in os.listdir(tmp_path) if n.endswith(".tmp")]
     capture = read_capture(tmp_path / ours)
     assert_finished(capture)
@@ -457,7 +440,7 @@ def test_multiprocessing_workers_with_following_off_end_promptly(tmp_path):
     """)
     assert got["exitcodes"] == [0, 0, 0]
     assert got["seconds"] < 30
-    assert captures(tmp_path) == [f"run_{got['parent']}_0.zvkraw"]
+    assert capture_names(tmp_path) == [f"run_{got['parent']}_0.zvkraw"]
     ours = read_capture(tmp_path / f"run_{got['parent']}_0.zvkraw")
     assert pids_of(ours) == {got["parent"]} and len(begins(ours, "parent")) == 10
 

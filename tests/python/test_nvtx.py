@@ -4,14 +4,14 @@ NVTX_INJECTION64_PATH once per library, at its first NVTX call, and the capture'
 start hands its table only to libraries loaded by then."""
 
 import importlib.util
-import json
 import os
 import re
 import textwrap
 
 import pytest
 
-from zvk_testing import ANNOTATION, BEGIN, END, read_capture, run_python
+from zvk_testing import (ANNOTATION, BEGIN, END, REPORT_SOURCE, read_capture,
+                         run_scenario_script)
 
 pytest.importorskip("nvtx")
 
@@ -37,10 +37,7 @@ import ctypes, json, os, sys, threading, time
 os.environ.pop("NVTX_INJECTION64_PATH", None)
 if os.environ.get("TEST_NVTX_INJECTION"):
     os.environ["NVTX_INJECTION64_PATH"] = os.environ["TEST_NVTX_INJECTION"]
-
-def report(key, value):
-    os.write(1, ("@" + key + " " + json.dumps(value) + "\n").encode())
-
+''' + REPORT_SOURCE + r'''
 def load_injection():
     """What zorvek.profile does before the start, by hand."""
     ctypes.CDLL(os.environ["NVTX_INJECTION64_PATH"], mode=os.RTLD_GLOBAL)
@@ -64,18 +61,9 @@ def run_scenario(tmp_path, code, injection=True, env=None):
     """Runs PRELUDE then code in tmp_path, with the variable naming the injection
     library unless told otherwise. Returns what it reported under @keys, its
     stderr and the annotation records of each capture file, in file order."""
-    script = tmp_path / "scenario.py"
-    script.write_text(PRELUDE + textwrap.dedent(code), encoding="utf-8")
     full_env = dict(env or {})
     full_env["TEST_NVTX_INJECTION"] = injection_library() if injection else ""
-    returncode, stdout, stderr = run_python([str(script)], tmp_path, full_env, timeout=120)
-    assert returncode == 0, stdout + stderr[-4000:]
-    assert "Traceback" not in stderr, stderr[-4000:]
-    reported = {}
-    for line in stdout.splitlines():
-        if line.startswith("@"):
-            key, value = line[1:].split(" ", 1)
-            reported[key] = json.loads(value)
+    reported, stderr = run_scenario_script(tmp_path, PRELUDE, code, env=full_env, timeout=120)
     # In the order written: by the numbers in their names (time, running number).
     files = sorted(tmp_path.rglob("*.zvkraw"),
                    key=lambda p: [int(part) for part in re.findall(r"\d+", p.name)])

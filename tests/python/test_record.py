@@ -3,7 +3,6 @@ it: the script sees what Python would show it (sys.argv, __main__, sys.path[0]),
 the exit status is the script's, and every way of ending (return, exception,
 sys.exit, SIGTERM, Ctrl-C, forked workers) leaves whole, readable captures."""
 
-import json
 import os
 import queue
 import signal
@@ -16,21 +15,13 @@ import time
 
 import pytest
 
-from zvk_testing import MMAP, SAMPLE, begins, cpu_records, ends, read_capture, run_python
+from zvk_testing import (MMAP, REPORT_SOURCE, SAMPLE, SPIN_SOURCE, begins, cpu_records, ends,
+                         parse_reports, read_capture, run_python)
 
 PROBE = r'''
 import json, os, sys, threading, time
 import zorvek
-
-def report(key, value):
-    os.write(1, ("@" + key + " " + json.dumps(value) + "\n").encode())
-
-def spin(cpu_seconds):
-    began = time.thread_time()
-    while time.thread_time() - began < cpu_seconds:
-        for _ in range(10000):
-            pass
-
+''' + REPORT_SOURCE + SPIN_SOURCE + r'''
 report("argv", sys.argv)
 report("name", __name__)
 report("path0", sys.path[0])
@@ -50,16 +41,7 @@ def record(tmp_path, *args, env=None, timeout=60):
     reported under @keys, stderr."""
     returncode, stdout, stderr = run_python(["-m", "zorvek", "record", *args], tmp_path,
                                             env or {}, timeout)
-    return returncode, reported(stdout), stderr
-
-
-def reported(stdout):
-    values = {}
-    for line in stdout.splitlines():
-        if line.startswith("@"):
-            key, value = line[1:].split(" ", 1)
-            values[key] = json.loads(value)
-    return values
+    return returncode, parse_reports(stdout), stderr
 
 
 def zorvek_lines(stderr):
@@ -261,7 +243,7 @@ def test_a_signal_mid_run_stops_the_capture_cleanly(tmp_path, sent, status, told
     time.sleep(0.2)
     os.kill(process.pid, sent)
     stdout, stderr = finish(process)
-    got = reported("".join(lines) + stdout)
+    got = parse_reports("".join(lines) + stdout)
     assert process.returncode == status, stderr
     assert got["finally"] is True
     if told:

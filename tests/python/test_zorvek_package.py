@@ -3,46 +3,25 @@ from threads, the settings it picks for the machine, and what it says when the
 profiler refuses. The profiler is one per process and configured once, so each
 scenario runs in a fresh interpreter."""
 
-import json
 import os
 import re
-import textwrap
 
 import pytest
 
-from zvk_testing import (ANNOTATION, BEGIN, END, MMAP, SAMPLE, begins, cpu_records,
-                         read_capture, run_python)
+from zvk_testing import (ANNOTATION, BEGIN, END, MMAP, REPORT_SOURCE, SAMPLE, SPIN_SOURCE,
+                         begins, cpu_records, read_capture, run_scenario_script)
 
 PRELUDE = r'''
 import json, os, sys, threading, time
 import zorvek
-
-def report(key, value):
-    os.write(1, ("@" + key + " " + json.dumps(value) + "\n").encode())
-
-def spin(cpu_seconds):
-    began = time.thread_time()
-    while time.thread_time() - began < cpu_seconds:
-        for _ in range(10000):
-            pass
-'''
+''' + REPORT_SOURCE + SPIN_SOURCE
 
 
 def run_scenario(tmp_path, code, env=None, timeout=60, expect_ok=True):
     """Runs PRELUDE then code in tmp_path; returns what it reported under @keys,
     and its stderr."""
-    script = tmp_path / "scenario.py"
-    script.write_text(PRELUDE + textwrap.dedent(code))
-    returncode, stdout, stderr = run_python([str(script)], tmp_path, env or {}, timeout)
-    if expect_ok:
-        assert returncode == 0, stdout + stderr[-4000:]
-        assert "Traceback" not in stderr, stderr[-4000:]
-    reported = {}
-    for line in stdout.splitlines():
-        if line.startswith("@"):
-            key, value = line[1:].split(" ", 1)
-            reported[key] = json.loads(value)
-    return reported, stderr
+    return run_scenario_script(tmp_path, PRELUDE, code, env=env, timeout=timeout,
+                               expect_ok=expect_ok)
 
 
 def zorvek_lines(stderr):

@@ -2,11 +2,13 @@
 time limit, and a small reader of capture files of the tests' own."""
 
 import collections
+import json
 import os
 import signal
 import struct
 import subprocess
 import sys
+import textwrap
 import zlib
 
 import pytest
@@ -31,6 +33,55 @@ def run_python(args, cwd, env, timeout):
         stdout, stderr = process.communicate()
         pytest.fail(f"scenario hung for {timeout} s\n{stdout}\n{stderr[-4000:]}")
     return process.returncode, stdout, stderr
+
+
+# ---- Scenario scripts that hand values back as "@key json" lines on stdout ----
+
+# The definition a scenario script puts before its code to hand a value back. One
+# write per line, so that lines of a parent and its children never interleave.
+REPORT_SOURCE = r'''
+def report(key, value):
+    os.write(1, ("@" + key + " " + json.dumps(value) + "\n").encode())
+'''
+
+# Burns the calling thread's own CPU time, so that a machine busy with other
+# tests doesn't thin the samples a scenario gets.
+SPIN_SOURCE = r'''
+def spin(cpu_seconds):
+    began = time.thread_time()
+    while time.thread_time() - began < cpu_seconds:
+        for _ in range(10000):
+            pass
+'''
+
+
+def parse_reports(stdout):
+    """{key: value} of the "@key json" lines a scenario wrote, the last one of a
+    key winning."""
+    values = {}
+    for line in stdout.splitlines():
+        if line.startswith("@"):
+            key, value = line[1:].split(" ", 1)
+            values[key] = json.loads(value)
+    return values
+
+
+def run_scenario_script(tmp_path, prelude, code, env=None, timeout=60, expect_ok=True):
+    """Writes prelude then the dedented code to tmp_path/scenario.py and runs it in
+    tmp_path. Unless expect_ok is false, a non-zero exit or a traceback fails the
+    test. Returns what it reported under @keys, and its stderr."""
+    script = tmp_path / "scenario.py"
+    script.write_text(prelude + textwrap.dedent(code), encoding="utf-8")
+    returncode, stdout, stderr = run_python([str(script)], tmp_path, env or {}, timeout)
+    if expect_ok:
+        assert returncode == 0, stdout + stderr[-4000:]
+        assert "Traceback" not in stderr, stderr[-4000:]
+    return parse_reports(stdout), stderr
+
+
+def capture_names(directory):
+    """The names of the capture files in directory, sorted."""
+    return sorted(p.name for p in directory.iterdir() if p.name.endswith(".zvkraw"))
 
 
 # ---- A capture file reader: header, buckets to the end of the file, records ----
