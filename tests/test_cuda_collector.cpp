@@ -962,7 +962,7 @@ TEST_F(CudaCollector, StartAndStopCallCuptiInOrderWithTheDefaultFlags) {
   EXPECT_EQ(fake_cupti_userdata(), static_cast<void*>(&collector));
   EXPECT_TRUE(fake_cupti_domain_enabled(CUPTI_CB_DOMAIN_DRIVER_API));
   EXPECT_TRUE(fake_cupti_callbacks_registered());
-  EXPECT_TRUE(collector.has_time_limiter());
+  EXPECT_TRUE(collector.time_limiter_started());
   fake_cupti_clear_calls();
   const Status stopped = collector.stop_profiling();
   EXPECT_TRUE(stopped.ok());
@@ -1139,7 +1139,7 @@ TEST_F(CudaCollector, TheQueueFormHasItsOwnHelperAndTheDefaultFlags) {
     EXPECT_EQ(collector.name(), "CUDACollector");
     EXPECT_EQ(collector.current_config(), static_cast<uint64_t>(DEFAULT_CUPTI_CONFIG));
     EXPECT_TRUE(collector.configure({{"AnyKey", "any value"}, {"CudaConfig", "1"}}).ok());
-    EXPECT_FALSE(collector.has_time_limiter());
+    EXPECT_FALSE(collector.time_limiter_started());
     ASSERT_TRUE(collector.start_profiling().ok());
     EXPECT_EQ(fake_cupti::calls(), kDefaultStartCalls);
     emit(make_memset<CUpti_ActivityMemset5>(9));
@@ -1235,7 +1235,7 @@ TEST_F(CudaCollector, ASuspendCancelsTheLimiterAndTheResumeKeepsItsDeadline) {
   ASSERT_TRUE(collector.start_profiling().ok());
   CaptureStderr();
   ASSERT_TRUE(collector.suspend_profiling().ok());
-  EXPECT_TRUE(collector.has_time_limiter());
+  EXPECT_TRUE(collector.time_limiter_started());
   // Past the deadline, and nothing stopped the capture.
   std::this_thread::sleep_until(started + milliseconds(1300));
   EXPECT_EQ(count_of(fake_cupti::calls(), "cuptiActivityFlushAll(1)"), 0u);
@@ -1262,7 +1262,7 @@ TEST_F(CudaCollector, ASuspendRightAfterTheStartReturnsAtOnceAndTwiceIsHarmless)
   ASSERT_TRUE(collector->suspend_profiling().ok());
   EXPECT_LT(seconds_since(asked), 1.0);
   ASSERT_TRUE(collector->suspend_profiling().ok());
-  EXPECT_TRUE(collector->has_time_limiter());
+  EXPECT_TRUE(collector->time_limiter_started());
   // Destroyed while suspended: nothing is left running on its queues.
   collector.reset();
 }
@@ -1858,6 +1858,46 @@ TEST(CudaFork, FollowingOffLeavesTheChildsCollectorSuspended) {
     EXPECT_EQ(dir.list().size(), 1u);
   }, true);
   EXPECT_EQ(status, 0);
+}
+
+// Registered before the GPU start, this runs after the profiler's own exit
+// handler, and says through a pipe what it found.
+int g_exit_report = -1;
+void report_cupti_at_exit() {
+  const char state = fake_cupti_subscribed() ? 'S' : (fake_cupti_kind_enabled(CUPTI_ACTIVITY_KIND_KERNEL) ? 'K' : 'O');
+  (void)!write(g_exit_report, &state, 1);
+}
+
+// The user suspended the capture and the program ended: GPU tracing, still on
+// through a suspend, is stopped at exit while CUPTI can be called, before the
+// buffers it writes into go with the static destructors.
+TEST(CudaExit, ASuspendedCapturesTracingStopsWhenTheProcessEnds) {
+  TempDir dir;
+  int report[2];
+  ASSERT_EQ(pipe(report), 0);
+  const int status = run_in_child(
+      [&] {
+        clear_environment();
+        close(report[0]);
+        g_exit_report = report[1];
+        // The controller first: its static destructor then runs after the report,
+        // which sees what the exit handler alone did.
+        Zorv& zorv = Zorv::instance();
+        atexit(report_cupti_at_exit);
+        CaptureStderr();
+        ASSERT_TRUE(zorv.configure(gpu_capture_config(dir.file("exit_%p"), false)).ok());
+        ASSERT_TRUE(zorv.start_profiling().ok());
+        ASSERT_TRUE(zorv.suspend_profiling().ok());
+        ASSERT_TRUE(fake_cupti_subscribed());
+        GetCapturedStderr();
+      },
+      true);
+  close(report[1]);
+  char state = '?';
+  EXPECT_EQ(read(report[0], &state, 1), 1);
+  close(report[0]);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(state, 'O') << "S: still subscribed, K: kernels still enabled";
 }
 #endif  // !defined(__SANITIZE_THREAD__)
 

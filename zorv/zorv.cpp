@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "zorv/cpu/zvkperfcollector.h"
@@ -244,6 +245,24 @@ void Zorv::report_dropped_records() {
   }
 }
 
+namespace {
+
+// Exit handlers run in the reverse order of their registration. CUPTI, loaded by
+// the first GPU start, registers its own teardown then: this one, registered right
+// after, runs before it, while CUPTI can still be called; the controller's static
+// destructor would come after CUPTI's.
+void stop_at_exit() { Zorv::instance().stop_at_exit(); }
+
+}  // namespace
+
+void Zorv::stop_at_exit() {
+  if (m_active) {
+    ZVK_LOG_NOT_OK(ERROR, stop_profiling(), "Stopping Failed!");
+  } else if (auto* gpu = dynamic_cast<ZVKCudaCollector*>(m_cuda_collector)) {
+    gpu->stop_if_tracing();
+  }
+}
+
 Status Zorv::start_profiling() {
   if (m_writer == nullptr) {
     return Status(error::FAILURE, "Profiler is not configured. Call configure(...) first");
@@ -251,7 +270,12 @@ Status Zorv::start_profiling() {
   if (m_active) return Status(error::FAILED_PRECONDITION, "Profiling is still running");
   ZVK_RETURN_NOT_OK(m_writer->start(m_filename));
   report_dropped_records();
-  if (m_cuda_collector != nullptr) ZVK_RETURN_NOT_OK(m_cuda_collector->start_profiling());
+  if (m_cuda_collector != nullptr) {
+    const Status started = m_cuda_collector->start_profiling();
+    static std::once_flag registered;
+    std::call_once(registered, [] { atexit(zorvek::stop_at_exit); });
+    ZVK_RETURN_NOT_OK(started);
+  }
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->start_profiling());
   ZVK_LOG_NOT_OK(INFO, enable_hooks(), "Couldn't find any library with annotations");
   m_active = true;

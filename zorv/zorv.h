@@ -58,6 +58,9 @@ class Zorv {
   Status resume_profiling();
   // For the fork handlers only.
   Status resume(bool is_children);
+  // For the end of the process, ahead of the static destructors: a capture still
+  // running is stopped, and a suspended one's GPU tracing.
+  void stop_at_exit();
 
   uint64_t annotate_begin(const std::string& msg);
   uint64_t annotate_begin(const char* msg, uint64_t len);

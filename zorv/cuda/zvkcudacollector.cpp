@@ -384,11 +384,13 @@ void OnDriverApiExit(CUpti_CallbackDomain domain, uint32_t cbid, const CUpti_Cal
   void* frames[kMaxFrames];
   const int unwound = unw_backtrace(frames, kMaxFrames);
   const int depth = unwound > 0 ? unwound : 0;
+  // Before the name is interned: a name marked seen whose record was never written
+  // would leave later records naming an id that nothing names.
+  ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
+  if (rh == nullptr) return;
   const uint64_t start = info->correlationData != nullptr ? *info->correlationData : 0;
   const uint32_t tid = current_tid();
   const uint32_t name_id = function_name_id(info->symbolName, start, tid);
-  ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
-  if (rh == nullptr) return;
   const uint16_t entries = static_cast<uint16_t>((depth + 1) / 2);
   auto writer = rh->new_record(start, gpu_event_word(cudaevent::CUDA_API, 0),
                                static_cast<int32_t>(pid.load()), static_cast<int32_t>(tid), entries,
@@ -550,13 +552,18 @@ ZVKCudaCollector::ZVKCudaCollector(const std::string& name,
 
 ZVKCudaCollector::~ZVKCudaCollector() {
   end_time_limiter();
-  // A collector destroyed without its stop must not leave a thread on its queues.
+  // CUPTI still tracing (suspended, or never stopped) would go on writing into the
+  // buffers freed below and calling back into the helper: it is stopped first.
+  stop_if_tracing();
   std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
   end_buffer_rotator();
-  // CUPTI may still call back: it finds nothing to write to, and no buffer.
   helper = nullptr;
   to_send = nullptr;
   to_parse = nullptr;
+}
+
+Status ZVKCudaCollector::stop_if_tracing() {
+  return m_cupti_on.load() ? stop_profiling() : Status::OK();
 }
 
 ZVKBufferRecordHelper* ZVKCudaCollector::record_helper() const {
@@ -596,12 +603,14 @@ Status ZVKCudaCollector::start_profiling() {
   }
   check(api.cuptiActivityRegisterCallbacks(bufferRequested, bufferCompleted),
         "cuptiActivityRegisterCallbacks(bufferRequested, bufferCompleted)");
+  m_cupti_on = true;
   if (m_buffer_rotator == nullptr) m_buffer_rotator = start_buffer_rotator();
   return Status::OK();
 }
 
 Status ZVKCudaCollector::stop_profiling() {
   std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
+  m_cupti_on = false;
   const ZVKCuptiFunctions& api = cupti();
   if (m_current_config & CB_DRIVER) {
     check(api.cuptiEnableDomain(0, m_subscriber, CUPTI_CB_DOMAIN_DRIVER_API),

@@ -78,8 +78,12 @@ class ZVKCudaCollector : public ZVKDataCollectorBase {
   std::thread* start_buffer_rotator();
   std::thread* start_time_limiter();
 
+  // Stops CUPTI's tracing if a start left it on: for the end of the process, and
+  // for a collector that goes without its stop.
+  Status stop_if_tracing();
+
   uint64_t current_config() const { return m_current_config; }
-  bool has_time_limiter() const { return m_time_limiter_started; }
+  bool time_limiter_started() const { return m_time_limiter_started; }
 
  private:
   // The record helper the callbacks write through: the shared one, or our own.
@@ -105,6 +109,8 @@ class ZVKCudaCollector : public ZVKDataCollectorBase {
   std::condition_variable m_cv;
   std::mutex m_time_limiter_mutex;
   uint64_t m_current_config = 0;
+  // From a start's enabling of CUPTI to the next stop.
+  std::atomic<bool> m_cupti_on{false};
   // The controller's thread and the limiter's may both stop: one at a time.
   std::mutex m_lifecycle_mutex;
 };
