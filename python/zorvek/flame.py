@@ -24,8 +24,9 @@ import sys
 import zlib
 from typing import Dict, List, Optional, Sequence, Tuple
 
-from .timeline import (Progress, Reading, Survey, ViewError, build_symbolizer, name_stacks,
-                       sample_frames)
+from .timeline import (VIEW_FAILURES, Progress, Reading, Survey, ViewError, add_files_argument,
+                       add_progress_arguments, build_symbolizer, name_stacks, sample_frames,
+                       view_failed)
 
 PROG = "zorvek flame"
 
@@ -223,8 +224,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                           "or collapsed stacks, one \"root;...;leaf count\" line per stack.")
     parser.epilog = EXAMPLES
     parser.formatter_class = argparse.RawDescriptionHelpFormatter
-    parser.add_argument("files", nargs="+", metavar="FILE",
-                        help="capture files (.zvkraw), or folders holding them")
+    add_files_argument(parser)
     parser.add_argument("-o", "--output",
                         help="file to write (default: flame.svg, or stdout for --format collapsed)")
     parser.add_argument("--format", choices=("svg", "collapsed"), default="svg",
@@ -236,11 +236,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                         help="only this process (repeatable)")
     parser.add_argument("--title", help="the SVG's title (default: the files' names)")
     parser.add_argument("--width", type=int, default=1200, help="SVG width in pixels (default: 1200)")
-    group = parser.add_mutually_exclusive_group()
-    group.add_argument("--progress", dest="progress", action="store_true", default=None,
-                       help="show progress on stderr even when it is not a terminal")
-    group.add_argument("--no-progress", dest="progress", action="store_false",
-                       help="never show progress")
+    add_progress_arguments(parser)
 
 
 def run(args: argparse.Namespace) -> int:
@@ -270,19 +266,8 @@ def run(args: argparse.Namespace) -> int:
                 out = _Atomic(output)
                 out.file.write(svg)
                 out.commit()
-    except ViewError as error:
-        progress.done()
-        sys.stderr.write("%s: %s\n" % (PROG, error))
-        return 1
-    except KeyboardInterrupt:
-        progress.done()
-        sys.stderr.write("%s: interrupted\n" % PROG)
-        return 130
-    except OSError as error:
-        progress.done()
-        sys.stderr.write("%s: %s: %s\n" % (PROG, getattr(error, "filename", None) or output,
-                                           error.strerror or error))
-        return 1
+    except VIEW_FAILURES as error:
+        return view_failed(PROG, progress, error, output)
     progress.done()
     reading.report_problems(PROG)
     for gap in gaps:

@@ -165,6 +165,46 @@ class Reading:
             sys.stderr.write("%s: %s; used what was whole\n" % (prog, text))
 
 
+# ---- What the view commands share around their work --------------------------------
+
+
+def add_files_argument(parser: argparse.ArgumentParser) -> None:
+    """The captures a view command reads: files, or folders standing for theirs."""
+    parser.add_argument("files", nargs="+", metavar="FILE",
+                        help="capture files (.zvkraw), or folders holding them")
+
+
+def add_progress_arguments(parser: argparse.ArgumentParser) -> None:
+    """--progress / --no-progress; neither leaves args.progress None, which means
+    "on a terminal" to Progress."""
+    group = parser.add_mutually_exclusive_group()
+    group.add_argument("--progress", dest="progress", action="store_true", default=None,
+                       help="show progress on stderr even when it is not a terminal")
+    group.add_argument("--no-progress", dest="progress", action="store_false",
+                       help="never show progress")
+
+
+# What a view command's run stops on: its own failures, an interrupt, and the
+# system refusing a file.
+VIEW_FAILURES = (ViewError, KeyboardInterrupt, OSError)
+
+
+def view_failed(prog: str, progress: Progress, error: BaseException, output: str) -> int:
+    """Ends a view command that stopped on one of VIEW_FAILURES: the progress line
+    taken away, one line on stderr, and the exit status. An OSError without a file
+    name of its own is told against `output`, the file being written."""
+    progress.done()
+    if isinstance(error, KeyboardInterrupt):
+        sys.stderr.write("%s: interrupted\n" % prog)
+        return 130
+    if isinstance(error, OSError):
+        sys.stderr.write("%s: %s: %s\n" % (prog, getattr(error, "filename", None) or output,
+                                           error.strerror or error))
+        return 1
+    sys.stderr.write("%s: %s\n" % (prog, error))
+    return 1
+
+
 def user_frames(chain: Sequence[int]) -> List[int]:
     """A sample's call chain without the kernel's context markers, innermost first,
     ending at the first 0 (an odd-length chain is padded to whole entries)."""
@@ -1159,8 +1199,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                           "API calls with arrows to the work they launched.")
     parser.epilog = EXAMPLES
     parser.formatter_class = argparse.RawDescriptionHelpFormatter
-    parser.add_argument("files", nargs="+", metavar="FILE",
-                        help="capture files (.zvkraw), or folders holding them")
+    add_files_argument(parser)
     parser.add_argument("-o", "--output", default="trace.json.gz",
                         help="trace file to write; gzip-compressed when it ends in .gz "
                              "(default: %(default)s)")
@@ -1171,11 +1210,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--gpu-clock", choices=("auto", "realtime", "monotonic", "raw"),
                         default="auto",
                         help="the clock CUPTI's stamps are on (default: recognised from them)")
-    group = parser.add_mutually_exclusive_group()
-    group.add_argument("--progress", dest="progress", action="store_true", default=None,
-                       help="show progress on stderr even when it is not a terminal")
-    group.add_argument("--no-progress", dest="progress", action="store_false",
-                       help="never show progress")
+    add_progress_arguments(parser)
 
 
 def run(args: argparse.Namespace) -> int:
@@ -1183,19 +1218,8 @@ def run(args: argparse.Namespace) -> int:
     try:
         reading = Reading(args.files, progress, passes=2 if args.samples else 1)
         line, gaps = write_timeline(args, reading, progress)
-    except ViewError as error:
-        progress.done()
-        sys.stderr.write("%s: %s\n" % (PROG, error))
-        return 1
-    except KeyboardInterrupt:
-        progress.done()
-        sys.stderr.write("%s: interrupted\n" % PROG)
-        return 130
-    except OSError as error:
-        progress.done()
-        sys.stderr.write("%s: %s: %s\n" % (PROG, getattr(error, "filename", None) or args.output,
-                                           error.strerror or error))
-        return 1
+    except VIEW_FAILURES as error:
+        return view_failed(PROG, progress, error, args.output)
     reading.report_problems(PROG)
     for gap in gaps:
         sys.stderr.write("%s: %s\n" % (PROG, gap))
