@@ -14,6 +14,7 @@ from typing import Any, Callable, Dict, List, Mapping, Optional, Set, Tuple, Typ
 import _zorv
 
 from . import _clocksync
+from . import _stallmark
 from . import _settings
 from . import nvtx as _nvtx
 
@@ -348,11 +349,15 @@ class profile:
         return False
 
     def _mark_clocks(self) -> None:
-        """With CPU sampling, a clock-sync mark at the start and before the stop:
-        the views place samples by them to within tens of microseconds, and follow
-        the drift between the two."""
+        """The profiler's own marks, at the start and before the stop: the
+        producers' stall time so far, which summary turns into the capture's, and
+        with CPU sampling a clock-sync tie, by which the views place samples to
+        within tens of microseconds and follow the drift between the two."""
+        if os.getpid() != self._pid:
+            return
+        _stallmark.mark_producer_stall()
         settings = _state.settings or {}
-        if settings.get("profiler", {}).get("EnablePerf") == "1" and os.getpid() == self._pid:
+        if settings.get("profiler", {}).get("EnablePerf") == "1":
             _clocksync.mark_clock_sync()
 
     def _wanted_settings(self) -> _settings.Settings:

@@ -23,6 +23,7 @@ from typing import Any, Dict, Iterable, List, Optional, Sequence, Tuple
 
 from . import _reader
 from ._clocksync import CLOCK_SYNC
+from ._stallmark import PRODUCER_STALL, stall_us
 
 __all__ = ["add_arguments", "run", "short_summary", "main"]
 
@@ -49,10 +50,18 @@ _MAX_NAME = 72
 # ---- Command line -------------------------------------------------------------
 
 def _summarize(paths, progress=None) -> dict:
-    """The C++ summary, less the ranges of the profiler's own clock-sync marks."""
+    """The C++ summary, with the profiler's own marks taken out of the ranges: the
+    clock-sync ties are hidden, and the producers' stall time is read from its
+    marks."""
     result = _reader.summarize(paths, progress=progress)
     for process in result["processes"]:
-        process["ranges"] = [r for r in process["ranges"] if not r["name"].startswith(CLOCK_SYNC)]
+        names = [r["name"] for r in process["ranges"]]
+        stalled = stall_us(names)
+        if stalled is not None:
+            process["producer_stall_ns"] = stalled * 1000
+            process["producer_stall"] = _duration(stalled * 1000)
+        process["ranges"] = [r for r in process["ranges"]
+                             if not r["name"].startswith((CLOCK_SYNC, PRODUCER_STALL))]
     return result
 
 

@@ -36,9 +36,10 @@ import socket
 import statistics
 import sys
 import time
-from typing import Dict, Iterable, Iterator, List, Optional, Sequence, Tuple
+from typing import Dict, Iterable, Iterator, List, Optional, Sequence, Set, Tuple
 
 from ._clocksync import CLOCK_SYNC, mark_clock_sync  # noqa: F401 (mark_clock_sync: public here)
+from ._stallmark import PRODUCER_STALL
 from .symbols import Symbolizer, demangle
 
 PROG = "zorvek timeline"
@@ -533,6 +534,7 @@ class Survey:
         begins: Dict[Tuple[int, int], tuple] = {}
         early_ends: Dict[Tuple[int, int], tuple] = {}
         sync_begins: Dict[Tuple[int, int], tuple] = {}
+        own_marks: Set[Tuple[int, int]] = set()  # the stall marks' tokens: not shown
         sync_brackets: List[tuple] = []  # (domain, pid, addr, size, lo, hi)
         perf_mmaps: List[tuple] = []  # (domain, pid, perf ts, addr, len, pgoff, filename)
         raw_mmaps: List[tuple] = []
@@ -563,6 +565,9 @@ class Survey:
                         if msg.startswith(CLOCK_SYNC):
                             sync_begins[(pid, rec["token"])] = (ts, msg)
                             continue
+                        if msg.startswith(PRODUCER_STALL):
+                            own_marks.add((pid, rec["token"]))
+                            continue
                         key = (pid, rec["token"])
                         if key in early_ends:
                             end_ts, end_tid = early_ends.pop(key)
@@ -571,6 +576,9 @@ class Survey:
                             begins[key] = (ts, rec["tid"], msg)
                     elif event == "END":
                         key = (pid, rec["token"])
+                        if key in own_marks:
+                            own_marks.discard(key)
+                            continue
                         sync = sync_begins.pop(key, None)
                         if sync is not None:
                             parts = sync[1].split()

@@ -203,14 +203,14 @@ def read_capture(path):
     return Capture(header, buckets, _without_clock_sync(records), torn)
 
 
-CLOCK_SYNC = "zorvek.clock_sync"
+OWN_MARKS = ("zorvek.clock_sync", "zorvek.producer_stall_us")
 
 
 def _without_clock_sync(records):
-    """The records less the ranges zorvek.profile writes to tie perf's clock to the
-    system clock: the tests count the program's own ranges."""
+    """The records less the ranges zorvek.profile writes of its own (clock-sync
+    ties, the producers' stall time): the tests count the program's ranges."""
     sync_tokens = {(r["pid"], r["token"]) for r in records
-                   if r["hw"] == ANNOTATION and r["type"] == BEGIN and r["msg"].startswith(CLOCK_SYNC)}
+                   if r["hw"] == ANNOTATION and r["type"] == BEGIN and r["msg"].startswith(OWN_MARKS)}
     if not sync_tokens:
         return records
     return [r for r in records if not (r["hw"] == ANNOTATION and r["type"] in (BEGIN, END)

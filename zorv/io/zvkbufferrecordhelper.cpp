@@ -50,6 +50,11 @@ HelperList& helper_list() {
 
 }  // namespace
 
+std::atomic<uint64_t>& ZVKBufferRecordHelper::process_stall_time_us() {
+  static std::atomic<uint64_t> total{0};
+  return total;
+}
+
 ZVKBufferRecordHelper::ZVKBufferRecordHelper(ZVKQueue<ZVKBuffer>* to_fill,
                                              ZVKQueue<ZVKBuffer>* to_write)
     : to_fill_(to_fill), to_write_(to_write), curr_buff(no_buffer()), m_stall_time(0) {
@@ -131,8 +136,10 @@ bool ZVKBufferRecordHelper::make_room(std::unique_lock<std::mutex>& lock, uint32
     fits = static_cast<uint64_t>(curr_buff->num_bytes) + size < curr_buff->len_buffer;
   }
   if (wait_start != Clock::time_point{}) {
-    m_stall_time += static_cast<uint64_t>(
+    const uint64_t stalled = static_cast<uint64_t>(
         std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - wait_start).count());
+    m_stall_time += stalled;
+    process_stall_time_us().fetch_add(stalled, std::memory_order_relaxed);
   }
   if (!fits && !oversize && size != 0) to_fill_->count_dropped_record();
   return fits;

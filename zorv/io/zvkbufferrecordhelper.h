@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <iostream>
 #include <memory>
@@ -107,6 +108,10 @@ class ZVKBufferRecordHelper {
     std::lock_guard<std::mutex> lock(buff_mutex);
     return m_stall_time;
   }
+
+  // The same over every helper the process has had: what a capture's producers
+  // lost to full buffers, which no record of the file carries otherwise.
+  static std::atomic<uint64_t>& process_stall_time_us();
 
  private:
   // With buff_mutex held through `lock`: replaces the current buffer until the

@@ -46,6 +46,11 @@ def _start_profiling() -> Status:
     configured. Call configure(...) first")."""
     ...
 
+def _producer_stall_us() -> int:
+    """Microseconds the process's record producers have waited for a free buffer,
+    all captures together."""
+    ...
+
 class _Range:
     """An annotation range as a context manager: begins on __enter__ in the calling
     thread, ends on __exit__. Does nothing on a profiler nobody configured."""

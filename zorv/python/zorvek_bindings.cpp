@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/utils/logging.h"
 #include "zorv/utils/status.h"
 #include "zorv/zorv.h"
@@ -281,6 +282,10 @@ PYBIND11_MODULE(_zorv, m) {
   m.def("_start_profiling", []() { return Zorv::instance().start_profiling(); },
         "Starts a capture as Zorvek.start_profiling does, without configuring defaults,\n"
         "and returns the start's Status. Private to the zorvek package.");
+  m.def("_producer_stall_us",
+        []() { return ZVKBufferRecordHelper::process_stall_time_us().load(); },
+        "Microseconds the process's record producers have waited for a free buffer, all\n"
+        "captures together. Private to the zorvek package, which writes it into captures.");
   PyObject* range_type = PyType_FromSpec(&range_spec);
   if (range_type == nullptr) throw py::error_already_set();
   m.add_object("_Range", py::reinterpret_steal<py::object>(range_type));
