@@ -24,6 +24,8 @@ namespace {
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
+using testing_support::kNoHookLibraryAtStart;
+using testing_support::kNoHookLibraryAtStop;
 using testing_support::log_messages;
 using testing_support::read_capture;
 using testing_support::run_in_child;
@@ -84,9 +86,7 @@ TEST(Controller, UnconfiguredAnswersByTheStateTable) {
     Status missing = zorv.stop_profiling();
     EXPECT_EQ(missing.code_, error::FAILED_PRECONDITION);
     EXPECT_EQ(missing.msg_, "There is no recording ongoing to stop!");
-    EXPECT_EQ(log_messages(GetCapturedStderr()),
-              Strings{"INFO| Status check failed Can't find libraries with annotations status= "
-                      "Failed to find hook functions"});
+    EXPECT_EQ(log_messages(GetCapturedStderr()), Strings{kNoHookLibraryAtStop});
     // Whatever the writer answers, a stop ends the capture.
     EXPECT_FALSE(zorv.is_active());
   }, /*exit_normally=*/true));
@@ -110,8 +110,7 @@ TEST(Controller, LifecycleWritesFilesAndTheMarkerOnce) {
     zorv.annotate_marker(std::string("mark"));
     ASSERT_TRUE(zorv.stop_profiling().ok());
     Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_EQ(lines.front(), "INFO| Status check failed Couldn't find any library with annotations "
-                             "status= Failed to find hook functions");
+    EXPECT_EQ(lines.front(), kNoHookLibraryAtStart);
 
     // Suspend leaves the capture Idle: stop then answers "not running".
     ASSERT_TRUE(zorv.start_profiling().ok());

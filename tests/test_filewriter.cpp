@@ -23,6 +23,7 @@ namespace {
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
+using testing_support::contains;
 using testing_support::log_messages;
 using testing_support::read_capture;
 using testing_support::run_in_child;
@@ -33,10 +34,6 @@ using Strings = std::vector<std::string>;
 bool exists(const std::string& path) {
   struct stat info;
   return stat(path.c_str(), &info) == 0;
-}
-
-bool contains(const Strings& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 // The writer's queues, and a way to hand it a buffer of records and wait until the

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <link.h>
 
-#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -35,19 +34,15 @@ namespace {
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
+using testing_support::contains;
+using testing_support::kNoHookLibraryAtStart;
+using testing_support::kNoHookLibraryAtStop;
 using testing_support::log_messages;
 using testing_support::read_capture;
 using testing_support::run_in_child;
 using testing_support::small_capture_config;
 using testing_support::TempDir;
 using Strings = std::vector<std::string>;
-
-const char kNothingAtStart[] =
-    "INFO| Status check failed Couldn't find any library with annotations status= Failed to "
-    "find hook functions";
-const char kNothingAtStop[] =
-    "INFO| Status check failed Can't find libraries with annotations status= Failed to find "
-    "hook functions";
 
 // One stand-in library (hooked_library.cpp), loaded from `path` on its own, and the
 // test's handles on it. Never closed: the profiler's lookups keep it loaded anyway.
@@ -83,10 +78,6 @@ Strings begin_messages(const std::string& path) {
     }
   }
   return messages;
-}
-
-bool contains(const Strings& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 int loaded_objects() {
@@ -158,8 +149,8 @@ TEST(Hooks, LibraryWithoutDefaultTableKeepsTheProfilersTableAfterTheStop) {
     library.annotate("during the capture");
     ASSERT_TRUE(zorv.stop_profiling().ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_FALSE(contains(lines, kNothingAtStart));
-    EXPECT_TRUE(contains(lines, kNothingAtStop));
+    EXPECT_FALSE(contains(lines, kNoHookLibraryAtStart));
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStop));
     EXPECT_EQ(library.update_calls(), 1);
     EXPECT_FALSE(library.has_defaults());
     library.annotate("after the stop");
@@ -185,13 +176,13 @@ TEST(Hooks, LibraryWithoutUpdateFunctionIsNotFound) {
     CaptureStderr();
     ASSERT_TRUE(zorv.start_profiling().ok());
     Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_EQ(lines, Strings{kNothingAtStart});
+    EXPECT_EQ(lines, Strings{kNoHookLibraryAtStart});
     EXPECT_EQ(library.default_requests(), 0);
     library.annotate("through its defaults");
     CaptureStderr();
     ASSERT_TRUE(zorv.stop_profiling().ok());
     lines = log_messages(GetCapturedStderr());
-    EXPECT_TRUE(contains(lines, kNothingAtStop));
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStop));
     EXPECT_TRUE(library.has_defaults());
   }));
   const Strings files = dir.list();
@@ -212,8 +203,8 @@ TEST(Hooks, LibraryLoadedAfterTheStartIsNotPatchedButGetsItsDefaultsAtTheStop) {
     library.annotate("loaded after the start");
     ASSERT_TRUE(zorv.stop_profiling().ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_TRUE(contains(lines, kNothingAtStart));
-    EXPECT_FALSE(contains(lines, kNothingAtStop));
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStart));
+    EXPECT_FALSE(contains(lines, kNoHookLibraryAtStop));
     EXPECT_EQ(library.update_calls(), 1);
     EXPECT_EQ(library.default_requests(), 1);
     EXPECT_TRUE(library.has_defaults());
@@ -234,8 +225,8 @@ TEST(Hooks, MainProgramIsNeverAsked) {
     ASSERT_TRUE(zorv.start_profiling().ok());
     ASSERT_TRUE(zorv.stop_profiling().ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_TRUE(contains(lines, kNothingAtStart));
-    EXPECT_TRUE(contains(lines, kNothingAtStop));
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStart));
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStop));
     EXPECT_EQ(g_main_program_calls, 0);
   }));
 }

@@ -27,19 +27,15 @@ namespace {
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
+using testing_support::contains;
+using testing_support::kNoHookLibraryAtStart;
+using testing_support::kNoHookLibraryAtStop;
 using testing_support::log_messages;
 using testing_support::read_capture;
 using testing_support::run_in_child;
 using testing_support::small_capture_config;
 using testing_support::TempDir;
 using Strings = std::vector<std::string>;
-
-const char kNothingAtStart[] =
-    "INFO| Status check failed Couldn't find any library with annotations status= Failed to "
-    "find hook functions";
-const char kNothingAtStop[] =
-    "INFO| Status check failed Can't find libraries with annotations status= Failed to find "
-    "hook functions";
 
 // One annotation record of a capture, the time marker left out.
 struct Annotation {
@@ -97,10 +93,6 @@ const Annotation* begin_named(const std::vector<Annotation>& all, const std::str
     if (a.type == annotations::BEGIN && a.msg == msg) return &a;
   }
   return nullptr;
-}
-
-bool contains(const Strings& lines, const std::string& line) {
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
 bool injection_loaded() {
@@ -471,8 +463,8 @@ TEST(NvtxInjection, WithoutTheVariableNothingIsLoadedOrRecorded) {
     EXPECT_FALSE(injection_loaded());
     ASSERT_TRUE(zorv.stop_profiling().ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_TRUE(contains(lines, kNothingAtStart));
-    EXPECT_TRUE(contains(lines, kNothingAtStop));
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStart));
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStop));
   }));
   EXPECT_TRUE(only_capture(dir).empty());
 }
@@ -489,8 +481,8 @@ TEST(NvtxInjection, LoadedBeforeTheStartTheHookSearchFindsIt) {
     nvtxMarkA("recorded");
     ASSERT_TRUE(zorv.stop_profiling().ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_FALSE(contains(lines, kNothingAtStart));
-    EXPECT_FALSE(contains(lines, kNothingAtStop));
+    EXPECT_FALSE(contains(lines, kNoHookLibraryAtStart));
+    EXPECT_FALSE(contains(lines, kNoHookLibraryAtStop));
   }));
   EXPECT_EQ(messages(only_capture(dir)), Strings{"recorded"});
 }
@@ -510,8 +502,8 @@ TEST(NvtxInjection, LoadedAfterTheStartIsRecordedFromTheNextStart) {
     EXPECT_EQ(nvtxRangePop(), 0);
     ASSERT_TRUE(zorv.stop_profiling().ok());
     const Strings lines = log_messages(GetCapturedStderr());
-    EXPECT_TRUE(contains(lines, kNothingAtStart));
-    EXPECT_FALSE(contains(lines, kNothingAtStop));  // found at the stop, given its defaults
+    EXPECT_TRUE(contains(lines, kNoHookLibraryAtStart));
+    EXPECT_FALSE(contains(lines, kNoHookLibraryAtStop));  // found at the stop, given its defaults
     ASSERT_TRUE(zorv.start_profiling().ok());
     EXPECT_EQ(nvtxRangePushA("second capture"), 0);
     EXPECT_EQ(nvtxRangePop(), 0);

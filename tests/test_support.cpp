@@ -122,6 +122,17 @@ std::vector<std::string> log_messages(const std::string& captured) {
   return messages;
 }
 
+bool contains(const std::vector<std::string>& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+const char kNoHookLibraryAtStart[] =
+    "INFO| Status check failed Couldn't find any library with annotations status= Failed to "
+    "find hook functions";
+const char kNoHookLibraryAtStop[] =
+    "INFO| Status check failed Can't find libraries with annotations status= Failed to find "
+    "hook functions";
+
 std::vector<DecodedRecord> walk_records(const char* data, uint32_t size) {
   std::vector<DecodedRecord> records;
   for (uint32_t offset = 0; offset < size;) {

@@ -54,6 +54,14 @@ bool in_fresh_process();
 // "LOG(INFO) [ 12:00:00.000 ] @ f.cpp:1| text" becomes "INFO| text".
 std::vector<std::string> log_messages(const std::string& captured);
 
+// Whether `lines` (as log_messages gives them) hold `line` exactly.
+bool contains(const std::vector<std::string>& lines, const std::string& line);
+
+// What the hook search logs when no loaded library carries the annotation hooks,
+// at a capture's start and at its stop.
+extern const char kNoHookLibraryAtStart[];
+extern const char kNoHookLibraryAtStop[];
+
 // A decoded record of a capture file or buffer.
 struct DecodedRecord {
   uint64_t timestamp;
