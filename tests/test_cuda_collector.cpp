@@ -313,12 +313,19 @@ void on_threads(int count, const std::function<void(int)>& body) {
 
 // ---- CUPTI records as a test builds them --------------------------------------------
 
+// A record whose every byte is 0xEE: the fields the collector doesn't keep hold
+// noise, so a translation that copies one of them shows in the payload.
+template <typename Record>
+Record noisy() {
+  Record r;
+  std::memset(static_cast<void*>(&r), 0xEE, sizeof r);
+  return r;
+}
+
 template <typename Kernel>
 Kernel make_kernel(CUpti_ActivityKind kind, const char* name, uint32_t correlation_id,
                    uint32_t device, uint64_t start) {
-  Kernel k;
-  // Fields the collector doesn't keep hold noise.
-  std::memset(static_cast<void*>(&k), 0xEE, sizeof k);
+  Kernel k = noisy<Kernel>();
   k.kind = kind;
   k.sharedMemoryConfig = 2;
   k.registersPerThread = 0xBEEF;
@@ -370,8 +377,7 @@ std::string kernel_payload(const Kernel& k, uint32_t name_id) {
 
 template <typename Copy>
 Copy make_memcpy(uint32_t correlation_id, uint8_t copy_kind) {
-  Copy c;
-  std::memset(static_cast<void*>(&c), 0xEE, sizeof c);
+  Copy c = noisy<Copy>();
   c.kind = CUPTI_ACTIVITY_KIND_MEMCPY;
   c.copyKind = copy_kind;
   c.srcKind = 3;
@@ -407,8 +413,7 @@ std::string memcpy_payload(const Copy& c) {
 
 template <typename Peer>
 Peer make_peer_copy(uint32_t correlation_id) {
-  Peer p;
-  std::memset(static_cast<void*>(&p), 0xEE, sizeof p);
+  Peer p = noisy<Peer>();
   p.kind = CUPTI_ACTIVITY_KIND_MEMCPY2;
   p.copyKind = 10;  // peer to peer
   p.srcKind = 3;
@@ -448,8 +453,7 @@ std::string peer_copy_payload(const Peer& p) {
 
 template <typename Memset>
 Memset make_memset(uint32_t correlation_id) {
-  Memset m;
-  std::memset(static_cast<void*>(&m), 0xEE, sizeof m);
+  Memset m = noisy<Memset>();
   m.kind = CUPTI_ACTIVITY_KIND_MEMSET;
   m.value = 0xdeadbeef;
   m.bytes = 0x7777;
@@ -478,8 +482,7 @@ std::string memset_payload(const Memset& m) {
 }
 
 CUpti_ActivityAPI make_api(CUpti_ActivityKind kind, uint32_t correlation_id) {
-  CUpti_ActivityAPI a;
-  std::memset(static_cast<void*>(&a), 0xEE, sizeof a);
+  CUpti_ActivityAPI a = noisy<CUpti_ActivityAPI>();
   a.kind = kind;
   a.cbid = CUPTI_DRIVER_TRACE_CBID_cuLaunchKernel;
   a.start = 5000000 + correlation_id;
@@ -503,8 +506,7 @@ std::string api_payload(const CUpti_ActivityAPI& a) {
 
 template <typename Sync>
 Sync make_sync(uint32_t correlation_id, CUpti_ActivitySynchronizationType type) {
-  Sync s;
-  std::memset(static_cast<void*>(&s), 0xEE, sizeof s);
+  Sync s = noisy<Sync>();
   s.kind = CUPTI_ACTIVITY_KIND_SYNCHRONIZATION;
   s.type = type;
   s.start = 6000000;
