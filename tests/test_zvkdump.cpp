@@ -615,19 +615,20 @@ std::vector<std::string> record_lines(const std::string& text) {
   return records;
 }
 
-// The summary's lines from the CPU section on.
-std::vector<std::string> cpu_summary_lines(const std::string& text) {
+// The summary's lines from the line `first` to the end.
+std::vector<std::string> summary_section(const std::string& text, const std::string& first) {
   const std::vector<std::string> lines = lines_of(text);
-  const auto start = std::find(lines.begin(), lines.end(), "CPU records by event:");
-  return std::vector<std::string>(start, lines.end());
+  return std::vector<std::string>(std::find(lines.begin(), lines.end(), first), lines.end());
 }
 
-class ZvkdumpCpu : public testing::Test {
+// One whole capture in a folder of the test's own, and its dump with the checks
+// every dump of a whole capture passes: no damage, nothing on stderr, and JSON
+// that is one document.
+class ZvkdumpCapture : public testing::Test {
  protected:
-  void SetUp() override {
-    static const std::string capture = make_cpu_capture();
-    m_path = m_dir.file("cpu.zvkraw");
-    write_bytes(m_path, capture);
+  void write_capture(const std::string& name, const std::string& bytes) {
+    m_path = m_dir.file(name);
+    write_bytes(m_path, bytes);
   }
 
   Dumped dump_capture(DumpFormat format, bool summary) const {
@@ -642,6 +643,14 @@ class ZvkdumpCpu : public testing::Test {
 
   TempDir m_dir;
   std::string m_path;
+};
+
+class ZvkdumpCpu : public ZvkdumpCapture {
+ protected:
+  void SetUp() override {
+    static const std::string capture = make_cpu_capture();
+    write_capture("cpu.zvkraw", capture);
+  }
 };
 
 TEST_F(ZvkdumpCpu, EveryKindIsDecodedInText) {
@@ -725,7 +734,7 @@ TEST_F(ZvkdumpCpu, TheSummaryHasACpuSection) {
       "  type=PERF_TYPE_RAW(4) config=20d1(0x20d1) config1=0x1 config2=0x2 precise=0 "
       "period=5000 format_id=78 samples=1",
   };
-  EXPECT_EQ(cpu_summary_lines(result.out), expected) << result.out;
+  EXPECT_EQ(summary_section(result.out, "CPU records by event:"), expected) << result.out;
   // The sections before it stay as they were.
   EXPECT_NE(result.out.find("Records by kind:\n  CPU                                11\n"
                             "Annotation ranges:\n"),
@@ -963,32 +972,12 @@ std::string make_gpu_capture() {
   return files.empty() ? std::string() : read_text_file(dir.file(files[0]));
 }
 
-// The summary's lines from the line `first` to the end.
-std::vector<std::string> summary_section(const std::string& text, const std::string& first) {
-  const std::vector<std::string> lines = lines_of(text);
-  return std::vector<std::string>(std::find(lines.begin(), lines.end(), first), lines.end());
-}
-
-class ZvkdumpGpu : public testing::Test {
+class ZvkdumpGpu : public ZvkdumpCapture {
  protected:
   void SetUp() override {
     static const std::string capture = make_gpu_capture();
-    m_path = m_dir.file("gpu.zvkraw");
-    write_bytes(m_path, capture);
+    write_capture("gpu.zvkraw", capture);
   }
-
-  Dumped dump_capture(DumpFormat format, bool summary) const {
-    const Dumped result = dump({m_path}, mode(format, summary));
-    EXPECT_TRUE(result.whole) << result.err;
-    EXPECT_EQ(result.err, "");
-    if (format == DumpFormat::kJson) {
-      EXPECT_TRUE(is_one_json_document(result.out)) << result.out;
-    }
-    return result;
-  }
-
-  TempDir m_dir;
-  std::string m_path;
 };
 
 TEST_F(ZvkdumpGpu, EveryKindIsDecodedInText) {
