@@ -31,6 +31,7 @@
 #include <iostream>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "zorv/cuda/zvkcudacollector.h"
 #include "zorv/cuda/zvkcupti.h"
 #include "zorv/io/zvkqueue.h"
@@ -38,7 +39,9 @@
 namespace zorvek {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
+using bench::seconds_since;
 constexpr int kStackDepth = 20;
 constexpr int kFrames = 32;  // the callback's own array
 constexpr uint32_t kBufferBytes = 8u << 20;
@@ -54,24 +57,13 @@ constexpr char kKernelName[] =
     "void at::native::vectorized_elementwise_kernel<4, at::native::CUDAFunctor_add<float>, "
     "std::array<char*, 3ul> >(int, at::native::CUDAFunctor_add<float>, std::array<char*, 3ul>)";
 
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
-
 struct Pipeline {
   ZVKQueue<ZVKBuffer> fill{kBuffers, kBufferBytes};
   ZVKQueue<ZVKBuffer> to_write;
   uint64_t record_bytes = 0;
 
-  // What the writer thread would do, at once: every full buffer back, emptied.
-  void recycle() {
-    for (ZVKBuffer* buffer = nullptr; to_write.pop(&buffer), buffer != nullptr;) {
-      record_bytes += buffer->num_bytes;
-      buffer->num_bytes = 0;
-      fill.push(buffer);
-    }
-  }
+  // The writer's part, played at once.
+  void recycle() { record_bytes += bench::recycle_buffers(to_write, fill); }
 };
 
 // What one pass does at the bottom of the recursion.
@@ -124,7 +116,7 @@ __attribute__((noinline)) void run_pass(Pass* pass) {
       for (int i = 0; i < kCallsPerPass; ++i) pass->sink = static_cast<int>(syscall(SYS_gettid));
       break;
   }
-  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  const double elapsed = seconds_since(start);
   pass->ns_per_call = elapsed * 1e9 / kCallsPerPass;
   pass->pipeline->recycle();
 }

@@ -28,13 +28,16 @@
 #include <memory>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "zorv/cuda/zvkcudacollector.h"
 #include "zorv/io/zvkqueue.h"
 
 namespace zorvek {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
+using bench::seconds_since;
 constexpr uint32_t kBufferBytes = 8u << 20;
 // One pass writes under half of one buffer; the helper holds one and the rest wait.
 constexpr int kBuffers = 4;
@@ -62,15 +65,6 @@ const char* const kKernelNames[] = {
     "const::{lambda()#7}::operator()() const::{lambda(float)#1}> >(at::TensorIteratorBase&)",
 };
 constexpr size_t kNameCount = sizeof(kKernelNames) / sizeof(kKernelNames[0]);
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
 
 // A CUPTI activity buffer of the collector's size, full of records.
 struct ActivityBuffer {
@@ -149,14 +143,8 @@ struct Pipeline {
     std::cerr.clear();
   }
 
-  // What the writer thread would do, at once: every full buffer back, emptied.
-  void recycle() {
-    for (ZVKBuffer* buffer = nullptr; to_write.pop(&buffer), buffer != nullptr;) {
-      record_bytes += buffer->num_bytes;
-      buffer->num_bytes = 0;
-      fill.push(buffer);
-    }
-  }
+  // The writer's part, played at once.
+  void recycle() { record_bytes += bench::recycle_buffers(to_write, fill); }
 };
 
 double translate_mb_s(ActivityBuffer& activity, Pipeline& pipeline) {
@@ -174,11 +162,7 @@ double translate_mb_s(ActivityBuffer& activity, Pipeline& pipeline) {
 double memcpy_mb_s(ActivityBuffer& activity, Pipeline& pipeline) {
   const auto start = Clock::now();
   for (int pass = 0; pass < kPassesPerRound; ++pass) {
-    ZVKBuffer* buffer = nullptr;
-    pipeline.fill.pop(&buffer);
-    std::memcpy(buffer->record_buffer, activity.bytes(), activity.used);
-    asm volatile("" : : "r"(buffer->record_buffer) : "memory");  // the copy is used
-    pipeline.fill.push(buffer);
+    bench::copy_into_free_buffer(pipeline.fill, activity.bytes(), activity.used);
   }
   return activity.used * kPassesPerRound / seconds_since(start) / 1048576.0;
 }

@@ -24,6 +24,7 @@
 #include <random>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "zorv/cpu/processpages.h"
 #include "zorv/cpu/zvkperfevents.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
@@ -32,7 +33,9 @@
 namespace zorvek {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
+using bench::seconds_since;
 constexpr size_t kDataPages = 1024;
 constexpr uint32_t kBufferBytes = 8u << 20;
 // One lap's records take about the ring's size (4 MiB); the helper holds one buffer
@@ -40,15 +43,6 @@ constexpr uint32_t kBufferBytes = 8u << 20;
 constexpr int kBuffers = 4;
 constexpr int kLapsPerPass = 128;
 constexpr int kRounds = 5;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
 
 // A control page and the data area behind it, as the kernel maps them.
 struct Ring {
@@ -136,14 +130,8 @@ struct Pipeline {
     free(scratch);
   }
 
-  // What the writer thread would do, at once: every full buffer back, emptied.
-  void recycle() {
-    for (ZVKBuffer* buffer = nullptr; to_write.pop(&buffer), buffer != nullptr;) {
-      record_bytes += buffer->num_bytes;
-      buffer->num_bytes = 0;
-      fill.push(buffer);
-    }
-  }
+  // The writer's part, played at once.
+  void recycle() { record_bytes += bench::recycle_buffers(to_write, fill); }
 };
 
 double decode_mb_s(Ring& ring, Pipeline& pipeline, uint64_t& lap) {
@@ -163,11 +151,7 @@ double decode_mb_s(Ring& ring, Pipeline& pipeline, uint64_t& lap) {
 double memcpy_mb_s(Ring& ring, Pipeline& pipeline) {
   const auto start = Clock::now();
   for (int i = 0; i < kLapsPerPass; ++i) {
-    ZVKBuffer* buffer = nullptr;
-    pipeline.fill.pop(&buffer);
-    std::memcpy(buffer->record_buffer, ring.data(), ring.used);
-    asm volatile("" : : "r"(buffer->record_buffer) : "memory");  // the copy is used
-    pipeline.fill.push(buffer);
+    bench::copy_into_free_buffer(pipeline.fill, ring.data(), ring.used);
   }
   return ring.used * kLapsPerPass / seconds_since(start) / 1048576.0;
 }

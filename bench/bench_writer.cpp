@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_support.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkfilewriter.h"
 #include "zorv/zvkannotator.h"
@@ -25,15 +26,13 @@
 namespace zorvek {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using bench::Clock;
+using bench::median;
+using bench::seconds_since;
 constexpr uint32_t kBufferBytes = 8u << 20;
 constexpr int kBuffers = 16;
 constexpr int kLevel = 1;
 constexpr uint64_t kTotalBytes = 384ull << 20;
-
-double seconds_since(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // One annotation-like record, as a training step's annotations look. Every byte of
 // the payload is written, padding included, so that what is compressed doesn't
@@ -184,11 +183,6 @@ struct Scenario {
   std::vector<double> mb_s{};
   double stall_s = 0;
 };
-
-double median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values[values.size() / 2];
-}
 
 }  // namespace
 }  // namespace zorvek
