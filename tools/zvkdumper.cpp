@@ -641,19 +641,6 @@ void print_table_json(std::ostream& out, const std::vector<TableRow>& rows) {
 
 std::string milliseconds(uint64_t ns) { return three_decimals(ns / 1e6); }
 
-// Count, bytes and time of a group of GPU activities.
-struct GpuTotals {
-  uint64_t count = 0;
-  uint64_t bytes = 0;
-  uint64_t total_ns = 0;
-
-  void add(uint64_t duration_ns, uint64_t size = 0) {
-    ++count;
-    bytes += size;
-    total_ns += duration_ns;
-  }
-};
-
 // What a summary groups kernels and traced calls by: the name when the run has
 // seen it, so that one kernel's launches on every device and in every process go
 // together; else the id, which is all the record says.

@@ -140,6 +140,20 @@ inline uint64_t duration_of(const ZVKRecordReader& record, uint64_t end) {
   return end > record.timestamp() ? end - record.timestamp() : 0;
 }
 
+// Count, bytes and time of a group of GPU activities: what zvkdump's summary and
+// the Python reader's both add up per kernel, copy kind, call and so on.
+struct GpuTotals {
+  uint64_t count = 0;
+  uint64_t bytes = 0;
+  uint64_t total_ns = 0;
+
+  void add(uint64_t duration_ns, uint64_t size = 0) {
+    ++count;
+    bytes += size;
+    total_ns += duration_ns;
+  }
+};
+
 // The names that GPU records give by id, learnt from KERNEL_NAME records. A
 // process names each kernel and each traced call's function once, in the first
 // record that uses it, so the name may lie in an earlier file; and a forked child

@@ -56,17 +56,8 @@ class Durations {
   std::unique_ptr<std::array<uint64_t, kBuckets>> m_histogram;
 };
 
-// Count, bytes and time of a group of GPU activities.
-struct Totals {
-  uint64_t count = 0;
-  uint64_t bytes = 0;
-  uint64_t total_ns = 0;
-  void add(uint64_t ns, uint64_t size = 0) {
-    ++count;
-    bytes += size;
-    total_ns += ns;
-  }
-};
+// Added up the same way as zvkdump's summary does: the one GpuTotals of zvkrecords.h.
+using Totals = GpuTotals;
 
 struct Mapping {
   uint64_t addr;
