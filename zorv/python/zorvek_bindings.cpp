@@ -103,11 +103,16 @@ struct RangeObject {
   PyObject* message;       // the str or bytes given; a str holds its UTF-8 form cached
   const char* text;        // that UTF-8 form, or the bytes' data
   Py_ssize_t size;
-  PyThreadState* owner;    // the thread that holds `token`, null when not entered
+  // Threads are told apart by PyThreadState_GetID, never by the PyThreadState's
+  // address: a thread that ended with an entry open (a generator suspended inside
+  // the range, say) frees its state, the next thread may get the same address, and
+  // its exit would then end the dead thread's range. The id is never reused.
+  bool entered;            // whether owner and token hold an entry
+  uint64_t owner;          // the id of the thread that holds `token`
   uint64_t token;
   // The same object entered again while entered: nested in one thread, or from
   // another thread. Rare, so kept apart from the fields the common case touches.
-  std::vector<std::pair<PyThreadState*, uint64_t>>* more;
+  std::vector<std::pair<uint64_t, uint64_t>>* more;
 };
 
 Zorv& range_controller() {
@@ -145,7 +150,8 @@ PyObject* range_new(PyTypeObject* type, PyObject* args, PyObject* kwargs) {
   self->message = message;
   self->text = text;
   self->size = size;
-  self->owner = nullptr;
+  self->entered = false;
+  self->owner = 0;
   self->token = 0;
   self->more = nullptr;
   return reinterpret_cast<PyObject*>(self);
@@ -163,12 +169,13 @@ void range_dealloc(PyObject* object) {
 PyObject* range_enter(PyObject* object, PyObject*) {
   auto* self = reinterpret_cast<RangeObject*>(object);
   const uint64_t token = range_controller().annotate_begin(self->text, static_cast<uint64_t>(self->size));
-  PyThreadState* thread = PyThreadState_Get();
-  if (__builtin_expect(self->owner == nullptr, 1)) {
+  const uint64_t thread = PyThreadState_GetID(PyThreadState_Get());
+  if (__builtin_expect(!self->entered, 1)) {
+    self->entered = true;
     self->owner = thread;
     self->token = token;
   } else {
-    if (self->more == nullptr) self->more = new std::vector<std::pair<PyThreadState*, uint64_t>>();
+    if (self->more == nullptr) self->more = new std::vector<std::pair<uint64_t, uint64_t>>();
     self->more->emplace_back(thread, token);
   }
   Py_INCREF(object);
@@ -179,7 +186,7 @@ PyObject* range_enter(PyObject* object, PyObject*) {
 // matching entry does nothing. Never suppresses the exception.
 PyObject* range_exit(PyObject* object, PyObject* const*, Py_ssize_t) {
   auto* self = reinterpret_cast<RangeObject*>(object);
-  PyThreadState* thread = PyThreadState_Get();
+  const uint64_t thread = PyThreadState_GetID(PyThreadState_Get());
   if (__builtin_expect(self->more != nullptr, 0)) {
     for (auto entry = self->more->rbegin(); entry != self->more->rend(); ++entry) {
       if (entry->first == thread) {
@@ -190,8 +197,8 @@ PyObject* range_exit(PyObject* object, PyObject* const*, Py_ssize_t) {
       }
     }
   }
-  if (self->owner == thread) {
-    self->owner = nullptr;
+  if (self->entered && self->owner == thread) {
+    self->entered = false;
     range_controller().annotate_end(self->token);
   }
   Py_RETURN_FALSE;
