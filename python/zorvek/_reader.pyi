@@ -39,7 +39,9 @@ class CaptureFile:
         "KERNEL", ...), pid, tid, device, then its payload's fields; a payload
         too short for its kind comes as "raw" bytes (with "event_type") instead.
         `kinds` keeps only those events (ValueError for an unknown name);
-        `progress` is called at most five times a second."""
+        `progress` is called at most five times a second. One iterator is read
+        by one thread at a time: next() while another thread's next() is under
+        way raises RuntimeError."""
 
 
 def summarize(paths: Union[_Path, Iterable[_Path]],

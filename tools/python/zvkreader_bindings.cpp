@@ -14,6 +14,7 @@
 #include <chrono>
 #include <map>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -457,6 +458,15 @@ class Batches {
   }
 
   py::list next() {
+    // The GIL is let go while a bucket is read, and the reader is one cursor over
+    // the file: a second thread (or a progress callback) in here would move it
+    // under the first. Checked and set with the GIL held, so one of them wins.
+    if (m_busy) throw std::runtime_error("this batches() iterator is being read by another thread");
+    m_busy = true;
+    struct Release {
+      bool& busy;
+      ~Release() { busy = false; }
+    } release{m_busy};
     for (;;) {
       if (m_done) throw py::stop_iteration();
       std::unique_ptr<ZVKBucketReader> bucket;
@@ -499,6 +509,7 @@ class Batches {
   ZVKFileReader m_reader;
   bool m_done = false;
   bool m_progress_shown = false;
+  bool m_busy = false;  // a call of next() is under way
 };
 
 // ---- summarize ------------------------------------------------------------------
@@ -887,7 +898,8 @@ Iterates over the file's whole buckets: one list of record dicts per bucket (a
 bucket without a record of `kinds` yields none). `kinds`: event names to keep
 ("BEGIN", "SAMPLE", "MMAP", "KERNEL", ...), or None for all. `progress(done,
 total)`, in bytes, is called at most five times a second. Damage is skipped and
-noted in `problems`.
+noted in `problems`. One iterator is read by one thread at a time: next() while
+another thread's next() is under way raises RuntimeError.
 )doc")
       .def("__repr__", [](const CaptureFile& self) {
         return "<CaptureFile " + self.path() + " (" + std::to_string(self.file_size()) +
