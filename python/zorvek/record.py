@@ -353,8 +353,13 @@ class _Recording:
         # as they would before Python exits: their work is in the capture too.
         atexit.register(self.finish)
         if threading_main():
-            _Recording.previous_sigterm = signal.getsignal(signal.SIGTERM)
-            signal.signal(signal.SIGTERM, _sigterm)
+            previous = signal.getsignal(signal.SIGTERM)
+            _Recording.previous_sigterm = previous
+            # A program started with SIGTERM ignored (nohup-like launchers, a parent
+            # that shields its children) must go on ignoring it; and a handler set
+            # outside Python (None here) could not be put back.
+            if previous is not signal.SIG_IGN and previous is not None:
+                signal.signal(signal.SIGTERM, _sigterm)
 
     def _describe_settings(self) -> None:
         args = self.args
@@ -373,15 +378,17 @@ class _Recording:
         if capture is None:
             return
         self.capture = None
-        # A second SIGTERM now would cut the stop short; the default comes back after.
-        if signal.getsignal(signal.SIGTERM) is _sigterm:
+        # A second SIGTERM now would cut the stop short; the handler the program
+        # had before comes back after.
+        held = signal.getsignal(signal.SIGTERM) is _sigterm
+        if held:
             signal.signal(signal.SIGTERM, signal.SIG_IGN)
         try:
             capture.stop()
             if capture.files and not self.args.quiet:
                 self._report(capture)
         finally:
-            if signal.getsignal(signal.SIGTERM) == signal.SIG_IGN:
+            if held and signal.getsignal(signal.SIGTERM) == signal.SIG_IGN:
                 signal.signal(signal.SIGTERM, _Recording.previous_sigterm)
 
     def _report(self, capture: _profile.profile) -> None:
