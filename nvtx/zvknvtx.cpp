@@ -99,10 +99,24 @@ struct Registry {
   std::map<std::pair<const Domain*, std::string>, RegisteredString*> strings;
 };
 
+Registry* g_registry = nullptr;
+
+// A thread may hold the mutex when another one forks; the child has only the
+// forking thread, so the mutex would stay locked there and the child's first
+// domain or registered string would wait forever. The fork waits for the mutex
+// instead, and both sides let it go after.
+void lock_registry_before_fork() { g_registry->mutex.lock(); }
+void unlock_registry_after_fork() { g_registry->mutex.unlock(); }
+
 // Allocated once and never destroyed: callbacks may still run while the process
 // exits, from threads that outlive the static destructors.
 Registry& registry() {
-  static Registry* instance = new Registry();
+  static Registry* instance = [] {
+    g_registry = new Registry();
+    pthread_atfork(lock_registry_before_fork, unlock_registry_after_fork,
+                   unlock_registry_after_fork);
+    return g_registry;
+  }();
   return *instance;
 }
 

@@ -7,10 +7,12 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <nvtx3/nvToolsExt.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <csignal>
 #include <map>
 #include <set>
 #include <string>
@@ -616,6 +618,53 @@ TEST(NvtxInjection, HookFunctionsTakeTheSameTableRepeatedly) {
   EXPECT_EQ(messages(of_type(all, annotations::BEGIN)), Strings{"once"});
   EXPECT_EQ(of_type(all, annotations::END).size(), 1u);
   EXPECT_EQ(messages(of_type(all, annotations::MARKER)), Strings{"given back"});
+}
+
+// A thread may hold the registry's lock at the moment another one forks; the
+// child, which has only the forking thread, can still make domains and register
+// strings. Forks again and again under a thread that takes the lock all the time.
+TEST(NvtxInjection, AChildForkedWhileAnotherThreadRegistersCanRegister) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "ThreadSanitizer can't follow a multi-threaded process through fork";
+#endif
+  EXPECT_EQ(0, run_in_child([&] {
+    setenv("NVTX_INJECTION64_PATH", ZORV_NVTX_LIBRARY, 1);
+    nvtxInitialize(nullptr);
+    ASSERT_TRUE(injection_loaded());
+    std::atomic<bool> done{false};
+    std::atomic<uint64_t> registered{0};
+    std::thread busy([&] {
+      for (unsigned n = 0; !done.load(std::memory_order_relaxed); ++n) {
+        const std::string name = "busy " + std::to_string(n % 1000);
+        nvtxDomainHandle_t domain = nvtxDomainCreateA(name.c_str());
+        nvtxDomainRegisterStringA(domain, name.c_str());
+        registered.fetch_add(1, std::memory_order_relaxed);
+      }
+    });
+    while (registered.load() == 0) std::this_thread::yield();
+    int failed_status = 0;
+    for (int round = 0; round < 300 && failed_status == 0; ++round) {
+      const pid_t child = fork();
+      ASSERT_GE(child, 0);
+      if (child == 0) {
+        alarm(3);  // a child stuck on the lock ends on SIGALRM
+        nvtxDomainHandle_t domain = nvtxDomainCreateA("after fork");
+        const bool ok = domain != nullptr &&
+                        nvtxDomainRegisterStringA(domain, "string") != nullptr &&
+                        nvtxDomainCreateA("after fork") == domain;
+        _exit(ok ? 0 : 1);
+      }
+      int status = 0;
+      ASSERT_EQ(waitpid(child, &status, 0), child);
+      if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) failed_status = status;
+    }
+    done = true;
+    busy.join();
+    EXPECT_EQ(failed_status, 0) << (WIFSIGNALED(failed_status) && WTERMSIG(failed_status) == SIGALRM
+                                        ? "the child hung on the registry's lock"
+                                        : "the child failed");
+    EXPECT_GT(registered.load(), 0u);
+  }));
 }
 
 // Every message keeps a readable NUL after its text (the annotator copies one byte
