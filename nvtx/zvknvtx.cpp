@@ -463,17 +463,30 @@ ZVK_NVTX_EXPORT int InitializeInjectionNvtx2(NvtxGetExportTableFunc_t get_export
 }
 
 // Called by the controller with its table at a capture's start and with ours at
-// the stop, possibly several times with the same table. The end and marker
-// pointers go first, so that a thread that sees the new start function also sees
-// the end that belongs with it.
+// the stop, possibly several times with the same table. Other threads push and
+// pop while the pointers change one at a time; the order of the stores is what
+// keeps a begin that got a real token from meeting the idle end. A capture's
+// table goes in end and marker first, start last: a thread that sees the new
+// start sees its end too. The idle table goes in start first, end and marker
+// last: from the first store on, no push gets a real token, and one that got its
+// token just before still finds the real end for a pop that comes before the
+// last store. With the stores the other way round, every range begun and ended
+// in the window between them would lose its END.
 ZVK_NVTX_EXPORT void ZVKI_update_functable(HookTable* table) {
   const HookTable* t = table != nullptr ? table : &g_idle_table;
-  g_end.store(t->annotation_end_fptr != nullptr ? t->annotation_end_fptr : idle_end,
-              std::memory_order_release);
-  g_marker.store(t->annotation_marker_fptr != nullptr ? t->annotation_marker_fptr : idle_marker,
-                 std::memory_order_release);
-  g_start.store(t->annotation_start_fptr != nullptr ? t->annotation_start_fptr : idle_start,
-                std::memory_order_release);
+  const StartFn start = t->annotation_start_fptr != nullptr ? t->annotation_start_fptr : idle_start;
+  const EndFn end = t->annotation_end_fptr != nullptr ? t->annotation_end_fptr : idle_end;
+  const MarkerFn marker =
+      t->annotation_marker_fptr != nullptr ? t->annotation_marker_fptr : idle_marker;
+  if (start == idle_start) {
+    g_start.store(start, std::memory_order_release);
+    g_end.store(end, std::memory_order_release);
+    g_marker.store(marker, std::memory_order_release);
+  } else {
+    g_end.store(end, std::memory_order_release);
+    g_marker.store(marker, std::memory_order_release);
+    g_start.store(start, std::memory_order_release);
+  }
 }
 
 ZVK_NVTX_EXPORT HookTable* ZVKI_get_default_functable() { return &g_idle_table; }
