@@ -30,7 +30,7 @@ injected = sys.argv[1] == "injected"
 os.environ.pop("NVTX_INJECTION64_PATH", None)
 if injected:
     os.environ["NVTX_INJECTION64_PATH"] = sys.argv[2]
-    ctypes.CDLL(sys.argv[2], mode=os.RTLD_GLOBAL)
+    ctypes.CDLL(sys.argv[2], mode=os.RTLD_LOCAL)
 import _zorv
 import nvtx
 

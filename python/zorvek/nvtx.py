@@ -65,7 +65,11 @@ def enable(report: Callable[[str], None], verbose: bool = False) -> bool:
         _say_once(report, f"NVTX ranges are not recorded: {path} is missing")
         return False
     try:
-        _handle = ctypes.CDLL(path, mode=os.RTLD_GLOBAL)
+        # Local: the capture's hook search and NVTX both open the library by its
+        # name and look its functions up through that handle, so nothing needs
+        # them in the global scope, where they could stand in for another
+        # library's symbols of the same names.
+        _handle = ctypes.CDLL(path, mode=os.RTLD_LOCAL)
     except OSError as e:
         _say_once(report, f"NVTX ranges are not recorded: loading {path} failed: {e}")
         return False

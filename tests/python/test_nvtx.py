@@ -40,7 +40,7 @@ if os.environ.get("TEST_NVTX_INJECTION"):
 ''' + REPORT_SOURCE + r'''
 def load_injection():
     """What zorvek.profile does before the start, by hand."""
-    ctypes.CDLL(os.environ["NVTX_INJECTION64_PATH"], mode=os.RTLD_GLOBAL)
+    ctypes.CDLL(os.environ["NVTX_INJECTION64_PATH"], mode=os.RTLD_LOCAL)
 
 def injection_loaded():
     with open("/proc/self/maps") as maps:

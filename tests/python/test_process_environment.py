@@ -1,0 +1,41 @@
+"""What zorvek.profile leaves in the process besides its capture: the variables it
+sets (and children inherit), the NVTX injection library it loads, and nothing
+loaded by the GPU driver probe. Each scenario runs in a fresh interpreter."""
+
+from zvk_testing import REPORT_SOURCE, run_scenario_script
+
+# The variable comes from the scenario alone, whatever the environment pytest runs in has.
+PRELUDE = r'''
+import ctypes, json, os, subprocess, sys
+os.environ.pop("NVTX_INJECTION64_PATH", None)
+import zorvek
+''' + REPORT_SOURCE + r'''
+def loaded(name):
+    with open("/proc/self/maps") as maps:
+        return name in maps.read()
+'''
+
+
+def run_scenario(tmp_path, code):
+    got, _ = run_scenario_script(tmp_path, PRELUDE, code)
+    return got
+
+
+def test_the_injection_library_is_loaded_local_and_the_variables_reach_children(tmp_path):
+    got = run_scenario(tmp_path, """
+        import zorvek.nvtx
+        with zorvek.profile("out", sample_hz=0) as p:
+            report("started", p.started)
+            report("loaded", loaded("libzorv_nvtx.so"))
+            # Found by the hook search through its own handle, and nowhere else.
+            report("global", hasattr(ctypes.CDLL(None), "ZVKI_update_functable"))
+        child = subprocess.run(
+            [sys.executable, "-c", "import json, os; print(json.dumps([os.environ.get(k) for k in "
+             "('NVTX_INJECTION64_PATH', 'ZORV_MIN_LOG_LEVEL')]))"],
+            capture_output=True, text=True, check=True)
+        report("child", json.loads(child.stdout))
+        report("library", zorvek.nvtx.library_path())
+    """)
+    assert got["started"] and got["loaded"]
+    assert got["global"] is False
+    assert got["child"] == [got["library"], "1"]
