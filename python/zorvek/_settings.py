@@ -7,7 +7,7 @@ import ctypes
 import errno
 import os
 import platform
-from typing import Dict, Mapping, Optional, Tuple, Union
+from typing import Dict, List, Mapping, Optional, Tuple, Union
 
 MiB = 1 << 20
 
@@ -142,17 +142,44 @@ def probe_cpu_sampling() -> Optional[str]:
     return reason
 
 
+# Where an NVIDIA driver's libcuda.so.1 lies when the loader's cache doesn't list
+# it: WSL's folder, and the usual library folders.
+_LIBCUDA = "libcuda.so.1"
+_LIBCUDA_FOLDERS = ("/usr/lib/wsl/lib", "/usr/lib/x86_64-linux-gnu", "/usr/lib/aarch64-linux-gnu",
+                    "/usr/lib64", "/usr/lib", "/lib64", "/lib")
+
+
+def _libcuda_paths() -> List[str]:
+    """Paths the dynamic loader could take libcuda.so.1 from: LD_LIBRARY_PATH's
+    folders, the paths the loader's cache (/etc/ld.so.cache) lists, and the usual
+    folders."""
+    folders = [d for d in os.environ.get("LD_LIBRARY_PATH", "").split(":") if d]
+    paths = [os.path.join(d, _LIBCUDA) for d in folders]
+    try:
+        with open("/etc/ld.so.cache", "rb") as f:
+            cache = f.read()
+    except OSError:
+        cache = b""
+    # The cache's strings are NUL-terminated; its paths are what it maps names to.
+    suffix = ("/" + _LIBCUDA).encode()
+    paths += [entry.decode(errors="replace") for entry in cache.split(b"\0")
+              if entry.startswith(b"/") and entry.endswith(suffix)]
+    paths += [os.path.join(d, _LIBCUDA) for d in _LIBCUDA_FOLDERS]
+    return paths
+
+
 def cuda_driver_present() -> bool:
-    """Whether an NVIDIA driver seems present: its /proc folder, or a loadable
-    libcuda.so.1 (WSL has no /proc/driver/nvidia). GPU tracing on a machine without
-    one would only log CUPTI's failures."""
+    """Whether an NVIDIA driver seems present: its /proc folder, or a libcuda.so.1
+    where the dynamic loader would find it (WSL has no /proc/driver/nvidia). GPU
+    tracing on a machine without one would only log CUPTI's failures.
+
+    Nothing is loaded to find out: a driver library can't be unloaded safely, so
+    a libcuda.so.1 loaded just to probe would stay in the process for good. Nor
+    is ctypes.util.find_library asked: where the loader's cache lacks the name, it
+    runs the compiler and the linker in child processes to search."""
     if os.path.exists("/proc/driver/nvidia"):
         return True
-    try:
-        ctypes.CDLL("libcuda.so.1", mode=os.RTLD_LOCAL | os.RTLD_LAZY)
-    except OSError:
-        return False
-    return True
+    return any(os.path.isfile(path) for path in _libcuda_paths())
 
 
 def resolve_gpu(gpu: Union[bool, str]) -> bool:

@@ -39,3 +39,21 @@ def test_the_injection_library_is_loaded_local_and_the_variables_reach_children(
     assert got["started"] and got["loaded"]
     assert got["global"] is False
     assert got["child"] == [got["library"], "1"]
+
+
+def test_the_gpu_driver_probe_loads_nothing(tmp_path):
+    # A libcuda.so.1 where the loader would look counts, without being loaded:
+    # this one is empty and couldn't be.
+    (tmp_path / "driver").mkdir()
+    (tmp_path / "driver" / "libcuda.so.1").write_bytes(b"")
+    got = run_scenario(tmp_path, """
+        from zorvek import _settings
+        os.environ["LD_LIBRARY_PATH"] = os.path.abspath("driver")
+        report("present", _settings.cuda_driver_present())
+        report("loaded", loaded("libcuda"))
+        del os.environ["LD_LIBRARY_PATH"]
+        report("without", _settings.cuda_driver_present())
+        report("without_loaded", loaded("libcuda"))
+    """)
+    assert got["present"] is True
+    assert got["loaded"] is False and got["without_loaded"] is False
