@@ -162,10 +162,16 @@ class profile:
       made the profiler log.
     - quiet: don't print where the files are; problems are still printed.
     - nvtx: take the NVTX ranges and marks of the process's libraries as
-      annotations, "domain/message" for a named domain: the start sets
-      NVTX_INJECTION64_PATH to zorvek's injection library and loads it. NVTX reads
-      the variable at a library's first NVTX call, so ranges of libraries that
-      used NVTX before are not seen. A variable naming another tool is kept.
+      annotations, "domain/message" for a named domain: once the profiler is
+      configured, the start sets NVTX_INJECTION64_PATH to zorvek's injection
+      library and loads it. NVTX reads the variable at a library's first NVTX
+      call, so ranges of libraries that used NVTX before are not seen. A variable
+      naming another tool is kept.
+
+    Both variables, ZORV_MIN_LOG_LEVEL and NVTX_INJECTION64_PATH, are set in
+    os.environ, for the rest of the process, and child processes inherit them on
+    purpose: a worker started through subprocess or a "spawn" start method that
+    profiles itself has its NVTX ranges recorded and its INFO lines hidden too.
     - settings: {"profiler": {...}, "cuda": {...}, "perf": {...}}, the profiler's
       own string settings, laid over the ones chosen from the keywords.
 
@@ -251,11 +257,13 @@ class profile:
             self._pid = os.getpid()
             self.error, self.files, self.other_files = None, [], []
             _quiet_native_logs(self.verbose)
-            if self.nvtx:
-                # Before the start: its table goes only to libraries loaded by then.
-                _nvtx.enable(report, self.verbose)
             if not self._configure():
                 return False
+            if self.nvtx:
+                # After a configure that worked, so that a profile() that can't
+                # profile leaves NVTX alone; before the start, whose table goes
+                # only to libraries loaded by then.
+                _nvtx.enable(report, self.verbose)
             self._pattern = self._record_pattern()
             self._before = set(self._matching(None))
             status = repr(_zorv._start_profiling())

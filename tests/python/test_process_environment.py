@@ -41,6 +41,19 @@ def test_the_injection_library_is_loaded_local_and_the_variables_reach_children(
     assert got["child"] == [got["library"], "1"]
 
 
+def test_a_profile_that_cant_configure_leaves_nvtx_alone(tmp_path):
+    (tmp_path / "a_file").write_text("")
+    got = run_scenario(tmp_path, """
+        with zorvek.profile("a_file/out", sample_hz=0) as p:
+            report("error", p.error)
+        report("variable", os.environ.get("NVTX_INJECTION64_PATH"))
+        report("loaded", loaded("libzorv_nvtx.so"))
+    """)
+    assert got["error"] and "can't make the output folder" in got["error"]
+    assert got["variable"] is None
+    assert got["loaded"] is False
+
+
 def test_the_gpu_driver_probe_loads_nothing(tmp_path):
     # A libcuda.so.1 where the loader would look counts, without being loaded:
     # this one is empty and couldn't be.
