@@ -32,9 +32,10 @@ from typing import Dict, Iterable, List, Optional, Sequence, Tuple
 
 __all__ = ["Symbolizer", "demangle"]
 
-# An address is asked of addr2line in chunks: it answers each line as it reads it
-# (it flushes after every address), so a chunk written whole and then read whole
-# never fills both pipes at once.
+# An address is asked of addr2line in chunks, each written whole and then its
+# answers read whole. That can't deadlock because a chunk of 256 addresses (about
+# 5 KB) fits in the pipe's buffer (64 KiB): the write returns even while
+# addr2line is blocked writing answers nobody reads yet.
 _CHUNK = 256
 # addr2line processes kept open at once; the least recently used is closed beyond.
 _MAX_OPEN = 48
