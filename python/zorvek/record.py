@@ -459,12 +459,12 @@ def _module_problem(name: str) -> Optional[str]:
     if not getattr(sys.flags, "safe_path", False) and not sys.flags.isolated:
         sys.path[0] = os.getcwd()
     try:
-        spec = importlib.util.find_spec(name)
+        found = importlib.util.find_spec(name)
     except (ImportError, ValueError) as e:
-        return f"Error while finding module specification for {name!r} ({type(e).__name__}: {e})"
+        return f"Error while looking up module {name!r} ({type(e).__name__}: {e})"
     finally:
         sys.path[0] = saved
-    if spec is None:
+    if found is None:
         return f"No module named {name}"
     return None
 
