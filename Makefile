@@ -5,11 +5,11 @@
 SHELL := /bin/bash
 PYTHON ?= python3
 JOBS ?= $(shell nproc)
-APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind-dev binutils
+APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev binutils
 PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt nvidia-nvtx nvtx
 CMAKE_CONFIGURE = cmake -G Ninja -S . -DZORV_BUILD_PYTHON=OFF
 
-.PHONY: deps build test test-cpp test-asan test-tsan test-python install demo bench clean
+.PHONY: deps build test test-cpp test-asan test-tsan test-python install torch demo bench clean
 
 # Installs only what is missing, so a set-up machine hears nothing.
 deps:
@@ -49,14 +49,17 @@ test-tsan: deps
 install: deps
 	$(PYTHON) -m pip install -q --disable-pip-version-check --no-build-isolation .
 
-test-python: install build
+test-python: install build torch
 	$(PYTHON) -m pytest -q tests/python
 
 test: test-cpp test-asan test-tsan test-python
 
-demo: install
+# torch for the demo and for the tests that run real training code under the profiler.
+torch: deps
 	@$(PYTHON) -c "import torch" 2>/dev/null || { echo "Installing torch 2.13.0 (CPU)"; \
 	  $(PYTHON) -m pip install -q --disable-pip-version-check torch==2.13.0; }
+
+demo: install torch
 	@rm -rf build/demo
 	$(PYTHON) -m zorvek record -o build/demo -- $(PYTHON) examples/train_demo.py
 	$(PYTHON) -m zorvek summary build/demo
@@ -74,7 +77,8 @@ bench: build
 	./build/dev/bench/bench_nvtx
 	ZORV_NVTX_LIBRARY=build/dev/nvtx/libzorv_nvtx.so $(PYTHON) bench/bench_nvtx.py
 	$(PYTHON) bench/bench_summary_speed.py
-	@$(PYTHON) -c "import torch" 2>/dev/null || $(PYTHON) -m pip install -q --disable-pip-version-check torch==2.13.0; $(PYTHON) bench/bench_training_overhead.py
+	$(MAKE) -s torch
+	$(PYTHON) bench/bench_training_overhead.py
 	@dpkg -s linux-perf >/dev/null 2>&1 || apt-get install -y -qq linux-perf >/dev/null || true; $(PYTHON) bench/bench_sampling_overhead.py
 
 clean:

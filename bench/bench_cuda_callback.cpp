@@ -1,5 +1,5 @@
 // Cost of one driver API callback (its enter and its exit) through trace_callback,
-// beside a bare unw_backtrace into the same 32-slot array from the same stack depth,
+// beside a bare capture_backtrace (the C++ runtime's _Unwind_Backtrace) into the same 32-slot array from the same stack depth,
 // in one run. Both are called from 20 frames of recursion, so that the unwind walks
 // a stack about as deep as a training step's at a driver call.
 //
@@ -17,9 +17,7 @@
 // bare pass right before each callback pass since this VM's speed drifts, and the
 // median is printed. Nothing is asserted: the aim is a ratio of at most 1.3.
 
-#define UNW_LOCAL_ONLY
 #include <cupti.h>
-#include <libunwind.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -35,6 +33,7 @@
 #include "zorv/cuda/zvkcudacollector.h"
 #include "zorv/cuda/zvkcupti.h"
 #include "zorv/io/zvkqueue.h"
+#include "zorv/utils/backtrace.h"
 
 namespace zorvek {
 namespace {
@@ -78,7 +77,7 @@ struct Pass {
 // The baseline: an unwind from a frame of its own, as the callback's exit path has.
 __attribute__((noinline)) int bare_unwind() {
   void* frames[kFrames];
-  const int depth = unw_backtrace(frames, kFrames);
+  const int depth = zorvek::capture_backtrace(frames, kFrames);
   asm volatile("" : : "r"(frames) : "memory");  // the frames are used
   return depth;
 }
@@ -165,7 +164,7 @@ int main() {
 
   std::vector<Variant> variants = {{"no symbol name (most driver calls)", nullptr},
                                    {"kernel launch, 150-character name", kKernelName}};
-  // Every buffer, the name tables and libunwind's caches touched once before
+  // Every buffer, the name tables and the unwinder's caches touched once before
   // anything is timed.
   timed(Pass::kBare, pipeline);
   for (const Variant& variant : variants) timed(Pass::kCallback, pipeline, variant.symbol_name);
@@ -200,7 +199,7 @@ int main() {
 
   std::printf("stack: %d frames of recursion, the bare unwind sees %d of at most %d\n",
               kStackDepth, depth, kFrames);
-  std::printf("bare unw_backtrace:                        %7.1f ns a call (median of %zu)\n",
+  std::printf("bare capture_backtrace:                    %7.1f ns a call (median of %zu)\n",
               median(bare_ns), bare_ns.size());
   std::printf("two cuptiGetTimestamp of the fake CUPTI:   %7.1f ns (median of %d)\n",
               median(clock_ns), kRounds);

@@ -1,7 +1,5 @@
 #include "zorv/cuda/zvkcudacollector.h"
 
-#define UNW_LOCAL_ONLY
-#include <libunwind.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -18,6 +16,7 @@
 #include "zorv/cuda/zvkcupti.h"
 #include "zorv/io/zvkforklocks.h"
 #include "zorv/io/zvkrecord.h"
+#include "zorv/utils/backtrace.h"
 #include "zorv/utils/config_values.h"
 #include "zorv/utils/identity.h"
 #include "zorv/utils/logging.h"
@@ -382,8 +381,7 @@ void OnDriverApiExit(CUpti_CallbackDomain domain, uint32_t cbid, const CUpti_Cal
   cupti().cuptiGetTimestamp(&end);
   if (is_filtered(domain, cbid)) return;
   void* frames[kMaxFrames];
-  const int unwound = unw_backtrace(frames, kMaxFrames);
-  const int depth = unwound > 0 ? unwound : 0;
+  const int depth = capture_backtrace(frames, kMaxFrames);
   // Before the name is interned: a name marked seen whose record was never written
   // would leave later records naming an id that nothing names.
   ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
@@ -579,6 +577,9 @@ Status ZVKCudaCollector::start_profiling() {
   m_pid = getpid();
   pid = static_cast<uint32_t>(m_pid);
   helper = record_helper();
+  // Loads the unwinder here rather than in the first driver API callback.
+  void* warm_up[1];
+  capture_backtrace(warm_up, 1);
   const auto deadline = m_first_capture + std::chrono::seconds(m_max_capture_duration);
   if (m_time_limiter_started && std::chrono::system_clock::now() < deadline) {
     return Status(error::UNSUPPORTED, "Capture beyond time threshold of " +
