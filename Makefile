@@ -5,7 +5,7 @@
 SHELL := /bin/bash
 PYTHON ?= python3
 JOBS ?= $(shell nproc)
-APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev binutils
+APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind8 binutils
 PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt nvidia-nvtx nvtx
 CMAKE_CONFIGURE = cmake -G Ninja -S . -DZORV_BUILD_PYTHON=OFF
 
