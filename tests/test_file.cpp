@@ -3,6 +3,9 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <sstream>
 #include <vector>
 
@@ -280,6 +283,105 @@ TEST_F(BucketWriterTest, KilledWriterFileReadsBucketByBucket) {
   auto torn = testing_support::read_capture(path);
   EXPECT_EQ(torn.buckets.size(), 2u);
   EXPECT_TRUE(torn.torn);
+}
+
+// A write that takes at most a few bytes a call and is interrupted every third
+// call, as a pipe, a network file system or a signal can make write(2) do.
+std::atomic<int> g_write_calls{0};
+std::atomic<int> g_fail_after_bytes{-1};
+std::atomic<int> g_bytes_written{0};
+
+ssize_t short_write(int fd, const void* data, size_t size) {
+  if (++g_write_calls % 3 == 0) {
+    errno = EINTR;
+    return -1;
+  }
+  if (g_fail_after_bytes >= 0 && g_bytes_written >= g_fail_after_bytes) {
+    errno = ENOSPC;
+    return -1;
+  }
+  const ssize_t wrote = write(fd, data, std::min<size_t>(size, 7));
+  if (wrote > 0) g_bytes_written += static_cast<int>(wrote);
+  return wrote;
+}
+
+void reset_short_write(int fail_after_bytes = -1) {
+  g_write_calls = 0;
+  g_bytes_written = 0;
+  g_fail_after_bytes = fail_after_bytes;
+}
+
+TEST_F(BucketWriterTest, WriteFullyContinuesShortWritesAndRetriesInterruptions) {
+  reset_short_write();
+  const std::string text = "a record that takes several short writes to get out";
+  int error_number = -1;
+  EXPECT_EQ(write_fully(fd, text.data(), text.size(), &error_number, &short_write), text.size());
+  EXPECT_EQ(error_number, 0);
+  EXPECT_GT(g_write_calls.load(), 9);  // it did take several calls, some interrupted
+  const std::vector<char> bytes = contents();
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), text);
+}
+
+TEST_F(BucketWriterTest, WriteFullyStopsAtARealErrorAndSaysHowFarItGot) {
+  reset_short_write(14);
+  const std::string text(40, 'x');
+  int error_number = 0;
+  EXPECT_EQ(write_fully(fd, text.data(), text.size(), &error_number, &short_write), 14u);
+  EXPECT_EQ(error_number, ENOSPC);
+}
+
+TEST_F(BucketWriterTest, AShortWriteDoesntLoseTheBucket) {
+  reset_short_write();
+  ZVKBucketWriter writer(fd, 1, &short_write);
+  TestBuffer first(1024), second(1024);
+  for (uint64_t t = 1; t <= 5; ++t) first.add(t, 40);
+  for (uint64_t t = 6; t <= 8; ++t) second.add(t, 10);
+  CaptureStderr();
+  ASSERT_TRUE(writer.write_bucket(first.buffer()).ok());
+  ASSERT_TRUE(writer.write_bucket(second.buffer()).ok());
+  EXPECT_TRUE(log_messages(GetCapturedStderr()).empty());
+  EXPECT_EQ(writer.get_lost_buckets(), 0u);
+  EXPECT_EQ(writer.get_written_bytes(), static_cast<uint64_t>(contents().size()));
+
+  // Both buckets whole and back to back, the second right after the first.
+  const std::vector<char> bytes = contents();
+  size_t at = 0;
+  std::vector<uint64_t> stamps;
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_LE(at + sizeof(ZVKFileBucket), bytes.size());
+    ZVKFileBucket bucket;
+    std::memcpy(&bucket, bytes.data() + at, sizeof(bucket));
+    ASSERT_LE(at + 32 + bucket.compressed_size, bytes.size());
+    std::vector<char> inflated(bucket.uncompressed_size);
+    ZVKBucketReader reader(reinterpret_cast<const ZVKFileBucket*>(bytes.data() + at),
+                           inflated.data(), static_cast<int32_t>(inflated.size()));
+    ASSERT_TRUE(reader.decompress().ok());
+    ZVKRecordReader record;
+    while (reader.get_next_record(record).ok()) stamps.push_back(record.timestamp());
+    at += 32 + bucket.compressed_size;
+  }
+  EXPECT_EQ(at, bytes.size());
+  EXPECT_EQ(stamps, (std::vector<uint64_t>{1, 2, 3, 4, 5, 6, 7, 8}));
+}
+
+// Out of room part-way through a bucket: the part written is cut away again, and
+// the loss is told with the system's reason.
+TEST_F(BucketWriterTest, AnErrorPartWayThroughABucketCutsItAway) {
+  reset_short_write();
+  ZVKBucketWriter writer(fd, 1, &short_write);
+  TestBuffer first(1024), second(1024);
+  first.add(1, 40);
+  second.add(2, 40);
+  ASSERT_TRUE(writer.write_bucket(first.buffer()).ok());
+  const size_t whole = contents().size();
+  reset_short_write(10);
+  CaptureStderr();
+  const Status status = writer.write_bucket(second.buffer());
+  EXPECT_EQ(log_messages(GetCapturedStderr()),
+            std::vector<std::string>{"ERROR| Failed to write to file! No space left on device"});
+  EXPECT_EQ(status.msg_, "No space left on device");
+  EXPECT_EQ(contents().size(), whole);
+  EXPECT_EQ(writer.get_lost_buckets(), 1u);
 }
 
 TEST(FileReader, RejectsWhatIsNotACaptureFile) {

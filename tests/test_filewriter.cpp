@@ -1,22 +1,26 @@
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <sstream>
 #include <thread>
 
 #include "tests/test_support.h"
+#include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkfilewriter.h"
 
 namespace zorvek {
 
 struct ZVKFileWriterTestPeer {
-  static std::chrono::system_clock::time_point& rotation_time(ZVKFileWriter& writer) {
+  static std::chrono::steady_clock::time_point& rotation_time(ZVKFileWriter& writer) {
     return writer.m_rotation_time;
   }
+  static ZVKWriteFunction& write_function(ZVKFileWriter& writer) { return writer.m_write; }
 };
 
 namespace {
@@ -367,7 +371,7 @@ TEST(FileWriter, RotationOnKelvaneRenamesFinishedFiles) {
       first.stop();
     }
     ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
-    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
+    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::steady_clock::now();
     ASSERT_TRUE(writer.start(dir.file("run")).ok());
     EXPECT_TRUE(exists(dir.file("run_0.zvkraw.tmp")));
     pipe.send(2, 1);
@@ -464,7 +468,7 @@ struct RotatingWriter {
         period("ZVK_FILE_ROTATION_DURATION_SECONDS", "0"),
         writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001) {
     EXPECT_TRUE(made_folder);
-    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::system_clock::now();
+    ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::steady_clock::now();
   }
   void remove_folder() { EXPECT_EQ(system(("rm -rf '" + folder + "'").c_str()), 0); }
 
@@ -554,6 +558,235 @@ TEST(FileWriter, AnIdleWriterWakesOnlyForItsFlushes) {
     ASSERT_TRUE(writer.stop().ok());
     EXPECT_LT(std::chrono::steady_clock::now() - stop_start, std::chrono::milliseconds(200));
     GetCapturedStderr();
+  }));
+}
+
+mode_t file_mode(const std::string& path) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return 0;
+  return info.st_mode & 07777;
+}
+
+// Starts a capture under `mask`, sends a bucket and stops, checking the mode of
+// every file on the way: the one being written (".tmp" on Kelvane), the one that
+// a rotation begins when `rotate`, and the finished one.
+void expect_file_modes(bool kelvane, mode_t mask, bool share, bool rotate) {
+  EXPECT_EQ(0, run_in_child([&] {
+    TempDir dir;
+    if (kelvane) setenv("ZV_CURRENT_HOST", "algo-1", 1);
+    if (rotate) setenv("ZVK_FILE_ROTATION_DURATION_SECONDS", "0", 1);
+    umask(mask);
+    const mode_t expected = share ? 0644 : 0600;
+    const std::string suffix = kelvane ? ".tmp" : "";
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001,
+                         ZVKFileWriter::kDefaultFlushIntervalMs, share);
+    if (rotate) ZVKFileWriterTestPeer::rotation_time(writer) = std::chrono::steady_clock::now();
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    EXPECT_EQ(file_mode(dir.file("run_0.zvkraw" + suffix)), expected);
+    pipe.send(1);
+    if (rotate) {
+      for (int i = 0; i < 5000 && !exists(dir.file("run_1.zvkraw" + suffix)); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+      EXPECT_EQ(file_mode(dir.file("run_1.zvkraw" + suffix)), expected);
+      pipe.send(1);
+    }
+    ASSERT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(file_mode(dir.file("run_0.zvkraw")), expected);
+  })) << "kelvane " << kelvane << ", umask " << std::oct << mask << ", share " << share;
+}
+
+// Capture files are the owner's alone whatever the umask, and readable by all when
+// sharing is asked for.
+TEST(FileWriter, CaptureFilesArePrivateWhateverTheUmask) {
+  expect_file_modes(false, 0000, false, false);
+  expect_file_modes(false, 0022, false, false);
+  expect_file_modes(true, 0000, false, true);
+}
+
+TEST(FileWriter, SharedCaptureFilesAreReadableByAll) {
+  expect_file_modes(false, 0000, true, false);
+  expect_file_modes(false, 0022, true, false);
+  expect_file_modes(false, 0077, true, false);
+  expect_file_modes(true, 0022, true, true);
+}
+
+// A capture that can't write its first header (a full disk, here a file size
+// limit of 10 bytes) fails to start and leaves no file, under either name.
+TEST(FileWriter, ACaptureThatCouldNotStartLeavesNoFile) {
+  for (const bool kelvane : {false, true}) {
+    EXPECT_EQ(0, run_in_child([&] {
+      TempDir dir;
+      if (kelvane) setenv("ZV_CURRENT_HOST", "algo-1", 1);
+      signal(SIGXFSZ, SIG_IGN);  // the write fails with EFBIG instead
+      Pipeline pipe;
+      ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+      rlimit limit;
+      ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &limit), 0);
+      const rlimit tiny = {10, limit.rlim_max};
+      ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tiny), 0);
+      CaptureStderr();
+      const Status status = writer.start(dir.file("run"));
+      GetCapturedStderr();
+      EXPECT_EQ(status.code_, error::FAILURE);
+      EXPECT_EQ(status.msg_, "Couldn't write the header!");
+      EXPECT_FALSE(writer.is_running());
+      EXPECT_EQ(dir.list(), Strings{});
+      // Room again: the same writer starts.
+      ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+      CaptureStderr();
+      ASSERT_TRUE(writer.start(dir.file("run")).ok());
+      pipe.send(1);
+      ASSERT_TRUE(writer.stop().ok());
+      GetCapturedStderr();
+      EXPECT_EQ(read_capture(dir.file("run_0.zvkraw")).buckets.size(), 1u);
+    }));
+  }
+}
+
+// A disk that stops answering: write() doesn't return until the test lets it.
+std::atomic<bool> g_disk_hangs{false};
+std::atomic<bool> g_writer_hung{false};
+
+ssize_t hanging_write(int fd, const void* data, size_t size) {
+  while (g_disk_hangs) {
+    g_writer_hung = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return write(fd, data, size);
+}
+
+size_t count_records(const std::string& path) {
+  size_t records = 0;
+  for (const auto& bucket : read_capture(path).buckets) records += bucket.records.size();
+  return records;
+}
+
+// Producers on a writer stuck in write(): each waits a bounded while for a buffer,
+// then their records are dropped and counted, and the writer tells the loss once
+// its disk answers again.
+TEST(FileWriter, AWriterOnAHungDiskNeverHoldsAProducerForEver) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    ZVKFileWriterTestPeer::write_function(writer) = &hanging_write;
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    g_disk_hangs = true;
+    auto helper = std::make_unique<ZVKBufferRecordHelper>(&pipe.fill, &pipe.to_write);
+    constexpr int kThreads = 2;
+    constexpr int kPerThread = 100;  // 128-byte records, 31 to a buffer: far more than fit
+    std::atomic<int> done{0};
+    std::vector<std::thread> producers;
+    for (int t = 0; t < kThreads; ++t) {
+      producers.emplace_back([&, t] {
+        for (int i = 0; i < kPerThread; ++i) {
+          auto record = helper->new_record(static_cast<uint64_t>(t * kPerThread + i),
+                                           make_event_word(ANNOTATION, 0, 3), 1, 2, 0, 104);
+          std::memset(record.get_payload_store(), 0, 104);
+        }
+        ++done;
+      });
+    }
+    for (int i = 0; i < 60000 && done.load() < kThreads; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    const bool all_done = done.load() == kThreads;
+    const bool still_hung = g_disk_hangs && g_writer_hung;
+    g_disk_hangs = false;  // the disk answers again
+    for (auto& producer : producers) producer.join();
+    EXPECT_TRUE(all_done);
+    EXPECT_TRUE(still_hung);  // they got through while the writer was stuck
+    helper.reset();
+    ASSERT_TRUE(writer.stop().ok());
+    const Strings lines = log_messages(GetCapturedStderr());
+    EXPECT_TRUE(contains(lines, "WARNING| No buffer came free in 5 s: the writer is stuck or far "
+                                "behind, records are dropped until it frees a buffer"));
+    const size_t kept = count_records(dir.file("run_0.zvkraw"));
+    EXPECT_LT(kept, static_cast<size_t>(kThreads * kPerThread));
+    EXPECT_TRUE(contains(lines, "WARNING| " + std::to_string(kThreads * kPerThread - kept) +
+                                    " records were dropped: no buffer came free within 5 s while "
+                                    "the writer was behind"))
+        << ::testing::PrintToString(lines);
+  }));
+}
+
+// The pipeline's system clock, moved by an offset the test steps; the steady
+// clock stays the real one.
+std::atomic<int64_t> g_system_shift_ns{0};
+
+std::chrono::system_clock::time_point shifted_system() {
+  return std::chrono::system_clock::now() + std::chrono::nanoseconds(g_system_shift_ns.load());
+}
+
+// Set before the writer's thread starts; the test runs in a child of its own.
+void use_shifted_system_clock(int64_t shift_ns) {
+  g_system_shift_ns = shift_ns;
+  ZVKPipelineClock::system_now = &shifted_system;
+}
+
+constexpr int64_t kDayNs = 86400LL * 1000000000LL;
+
+// The system clock steps back a day after the rotation timer was set: the
+// rotation still comes when it was due.
+TEST(FileWriter, AStepOfTheSystemClockDoesntHoldTheRotationBack) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    setenv("ZVK_FILE_ROTATION_DURATION_SECONDS", "1", 1);
+    // The wall clock at second 59 of a minute: the first rotation is due 2 s later.
+    const int64_t real_ns = static_cast<int64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(
+            std::chrono::system_clock::now().time_since_epoch())
+            .count());
+    const int64_t minute_ns = 60LL * 1000000000LL;
+    use_shifted_system_clock(real_ns / minute_ns * minute_ns + 59LL * 1000000000LL - real_ns);
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001);
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    g_system_shift_ns -= kDayNs;
+    pipe.send(1);
+    bool rotated = false;
+    for (int i = 0; i < 30000 && !rotated; ++i) {
+      rotated = dir.list() == Strings{"run_0.zvkraw", "run_1.zvkraw"};
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_TRUE(rotated) << ::testing::PrintToString(dir.list());
+    ASSERT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(read_capture(dir.file("run_0.zvkraw")).buckets.size(), 1u);
+  }));
+}
+
+// ...nor the periodic flush that brings a quiet producer's records to the file.
+TEST(FileWriter, AStepOfTheSystemClockDoesntStopThePeriodicFlush) {
+  EXPECT_EQ(0, run_in_child([] {
+    TempDir dir;
+    use_shifted_system_clock(0);
+    Pipeline pipe;
+    ZVKFileWriter writer(&pipe.fill, &pipe.to_write, kMetadata, 1000001, 50);
+    CaptureStderr();
+    ASSERT_TRUE(writer.start(dir.file("run")).ok());
+    const std::string name = writer.current_filename();
+    const off_t header_only = static_cast<off_t>(read_capture(name).file_size);
+    g_system_shift_ns -= kDayNs;
+    auto helper = std::make_unique<ZVKBufferRecordHelper>(&pipe.fill, &pipe.to_write);
+    helper->new_record(7, make_event_word(ANNOTATION, 0, 3), 1, 2, 0, 0);
+    bool flushed = false;
+    for (int i = 0; i < 30000 && !flushed; ++i) {
+      struct stat info;
+      flushed = stat(name.c_str(), &info) == 0 && info.st_size > header_only;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_TRUE(flushed);
+    helper.reset();
+    ASSERT_TRUE(writer.stop().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(read_capture(name).buckets.at(0).tmin, 7u);
   }));
 }
 

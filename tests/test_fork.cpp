@@ -11,7 +11,9 @@
 
 #include "tests/test_support.h"
 #include "zorv/utils/identity.h"
+#include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/zorv.h"
+#include "zorv/zvkannotator.h"
 #include "zorv/zvkregistry.h"
 
 namespace zorvek {
@@ -376,12 +378,129 @@ TEST(Fork, AWorkerThatEndsWithExitKeepsWhatItRecorded) {
   }, true));
 }
 
+// All records of a capture, in file order.
+std::vector<testing_support::DecodedRecord> records_of(const std::string& path) {
+  std::vector<testing_support::DecodedRecord> records;
+  for (const auto& bucket : read_capture(path).buckets) {
+    records.insert(records.end(), bucket.records.begin(), bucket.records.end());
+  }
+  return records;
+}
+
+size_t count_of(const Strings& items, const std::string& item) {
+  return static_cast<size_t>(std::count(items.begin(), items.end(), item));
+}
+
+// The parent's records still in the buffers at the fork are the parent's alone: the
+// child's file holds the child's records and nothing else, and no record is in
+// both files.
+TEST(Fork, TheChildsFileHoldsOnlyTheChildsRecords) {
+  constexpr size_t kParentPairs = 50;
+  constexpr size_t kChildPairs = 30;
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    Sections config = capture_config(dir.file("cap_%p"), true);
+    config["ZORV"]["FlushIntervalMs"] = "0";  // nothing is sent on before the fork
+    Zorv& zorv = start_capture(config);
+    for (size_t i = 0; i < kParentPairs; ++i) annotate_pair(zorv, "parent");
+    const auto [child, status] = fork_and_wait([&] {
+      for (size_t i = 0; i < kChildPairs; ++i) annotate_pair(zorv, "child");
+      return zorv.stop_profiling().ok() ? 0 : 2;
+    });
+    EXPECT_EQ(status, 0);
+    annotate_pair(zorv, "parent after");
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+
+    const auto child_records = records_of(capture_of(dir, child));
+    EXPECT_EQ(child_records.size(), 2 * kChildPairs);
+    for (const auto& record : child_records) {
+      EXPECT_EQ(record.pid, static_cast<uint32_t>(child));
+      EXPECT_NE(record.event_type, static_cast<uint32_t>(annotations::TIME_MARKER));
+    }
+    const Strings in_child = messages_of(dir, child);
+    EXPECT_EQ(count_of(in_child, "child"), kChildPairs);
+    EXPECT_EQ(in_child.size(), kChildPairs);
+
+    // The parent's file: its time marker, its pairs from before and after the fork.
+    const auto parent_records = records_of(capture_of(dir, getpid()));
+    EXPECT_EQ(parent_records.size(), 1 + 2 * (kParentPairs + 1));
+    for (const auto& record : parent_records) {
+      EXPECT_EQ(record.pid, static_cast<uint32_t>(getpid()));
+    }
+    const Strings in_parent = messages_of(dir, getpid());
+    EXPECT_EQ(count_of(in_parent, "parent"), kParentPairs);
+    EXPECT_EQ(count_of(in_parent, "parent after"), 1u);
+    EXPECT_EQ(count_of(in_parent, "child"), 0u);
+  }, true));
+}
+
+// With following off the child starts a capture of its own later: the parent's
+// records it inherited are not in it either.
+TEST(Fork, AChildThatStartsLaterWritesNoneOfTheParentsRecords) {
+  TempDir dir;
+  EXPECT_EQ(0, run_in_child([&] {
+    Sections config = capture_config(dir.file("cap_%p"), false);
+    config["ZORV"]["FlushIntervalMs"] = "0";
+    Zorv& zorv = start_capture(config);
+    annotate_pair(zorv, "parent");
+    const auto [child, status] = fork_and_wait([&] {
+      if (zorv.is_active() || !zorv.start_profiling().ok()) return 2;
+      annotate_pair(zorv, "child");
+      return zorv.stop_profiling().ok() ? 0 : 3;
+    });
+    EXPECT_EQ(status, 0);
+    ASSERT_TRUE(zorv.stop_profiling().ok());
+    GetCapturedStderr();
+    EXPECT_EQ(messages_of(dir, child), Strings{"child"});
+    EXPECT_EQ(messages_of(dir, getpid()), Strings{"parent"});
+  }, true));
+}
+
+// What a child does with the buffers it inherited, seen without a fork: a record
+// that a thread of the parent was still filling holds its buffer, and the queued
+// buffers hold the parent's records. After the discard every buffer is free and
+// empty, and the held one, let go later, goes nowhere. Run in a child of its own:
+// the discard marks every buffer handed out so far in the process.
+TEST(ForkDiscard, EveryBufferComesBackEmptyAndOneHeldAtTheForkGoesNowhere) {
+  EXPECT_EQ(0, run_in_child([] {
+    ZVKQueue<ZVKBuffer> to_fill(3, 4096);
+    ZVKQueue<ZVKBuffer> to_write;
+    auto helper = std::make_shared<ZVKBufferRecordHelper>(&to_fill, &to_write);
+    helper->new_record(1, 0u, 1, 1, 0, 8);
+    ASSERT_TRUE(helper->flush().ok());  // one buffer queued for the writer
+    {
+      auto held = helper->new_record(2, 0u, 1, 2, 0, 8);
+      ASSERT_EQ(to_write.size(), 1u);
+      ASSERT_EQ(to_fill.size(), 1u);
+      ZVKBufferRecordHelper::discard_inherited(&to_fill, &to_write);
+      EXPECT_EQ(to_write.size(), 0u);
+      EXPECT_EQ(to_fill.size(), 3u);
+    }
+    EXPECT_EQ(to_write.size(), 0u);
+    EXPECT_EQ(to_fill.size(), 3u);
+    // The next record takes an empty buffer, which reaches the writer as usual.
+    helper->new_record(3, 0u, 1, 3, 0, 8);
+    ASSERT_TRUE(helper->flush().ok());
+    ZVKBuffer* sent = nullptr;
+    to_write.pop(&sent);
+    ASSERT_NE(sent, nullptr);
+    EXPECT_EQ(sent->num_bytes, 24u + 8u);
+    EXPECT_EQ(reinterpret_cast<const ZVKRecord*>(sent->record_buffer)->timestamp, 3u);
+    to_fill.push(sent);
+  }));
+}
+
 // Threads annotate without pause while the main thread forks again and again: a
 // lock held by another thread at a fork must not stay held in the child. Every
 // process ends, and every file reads back whole.
 void fork_under_load(bool follow, int forks) {
   TempDir dir;
+  int report[2];
+  ASSERT_EQ(pipe(report), 0);
   EXPECT_EQ(0, run_in_child([&] {
+    const pid_t self = getpid();
+    if (write(report[1], &self, sizeof(self)) != sizeof(self)) ADD_FAILURE();
     Zorv& zorv = start_capture(capture_config(dir.file("cap_%p"), follow));
     std::atomic<bool> stop{false};
     std::vector<std::thread> annotators;
@@ -405,6 +524,12 @@ void fork_under_load(bool follow, int forks) {
     ASSERT_TRUE(zorv.stop_profiling().ok());
     GetCapturedStderr();
   }, true));
+  pid_t capturing = 0;
+  ASSERT_EQ(read(report[0], &capturing, sizeof(capturing)),
+            static_cast<ssize_t>(sizeof(capturing)));
+  close(report[0]);
+  close(report[1]);
+  const uint32_t parent = static_cast<uint32_t>(capturing);
   const Strings files = dir.list();
   EXPECT_EQ(files.size(), follow ? static_cast<size_t>(forks) + 1 : 1u);
   // Each child's own records are all in its file, also when another thread was in
@@ -415,7 +540,13 @@ void fork_under_load(bool follow, int forks) {
     EXPECT_FALSE(file.torn) << name;
     EXPECT_EQ(file.header()->num_buckets, file.buckets.size()) << name;
     const Strings messages = begin_messages(file);
-    children_whole += std::count(messages.begin(), messages.end(), "child") == 100;
+    const size_t from_children = count_of(messages, "child");
+    if (file.header()->pid != parent) {
+      // A child's file: its own 100 pairs and nothing of the parent's load.
+      children_whole += from_children == 100 && messages.size() == 100;
+    } else {
+      EXPECT_EQ(from_children, 0u);
+    }
   }
   EXPECT_EQ(children_whole, follow ? forks : 0);
 }

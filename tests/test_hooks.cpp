@@ -1,9 +1,11 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <link.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "tests/test_support.h"
 #include "zorv/zorv.h"
@@ -52,7 +54,10 @@ class StandIn {
       : m_handle(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
     EXPECT_NE(m_handle, nullptr) << dlerror();
   }
-  void annotate(const char* msg) const { function<void (*)(const char*)>("hooked_annotate")(msg); }
+  void annotate(const char* msg) const { annotate_function()(msg); }
+  void (*annotate_function() const)(const char*) {
+    return function<void (*)(const char*)>("hooked_annotate");
+  }
   bool has_defaults() const { return function<bool (*)()>("hooked_has_defaults")(); }
   int update_calls() const { return function<int (*)()>("hooked_update_calls")(); }
   int default_requests() const { return function<int (*)()>("hooked_default_requests")(); }
@@ -259,6 +264,89 @@ TEST(Hooks, MoreThan300LoadedObjectsAreAllPatched) {
     for (const StandIn& library : libraries) restored += library.has_defaults() ? 1 : 0;
     EXPECT_EQ(restored, 300);
   }));
+}
+
+// ---- Process exit ------------------------------------------------------------------
+
+// What the exit handlers of the cases below reach. Handlers take no arguments.
+const StandIn* g_exiting_library = nullptr;
+int g_exit_report_fd = -1;
+
+void annotate_after_teardown() {
+  g_exiting_library->annotate("after the teardown");
+  const char defaults = g_exiting_library->has_defaults() ? 'd' : 'p';
+  if (write(g_exit_report_fd, &defaults, 1) != 1) _exit(7);
+}
+
+void annotate_before_teardown() { g_exiting_library->annotate("in an exit handler"); }
+
+// A thread of the library annotates without pause until the process is gone.
+void annotate_through_exit(const StandIn* library) {
+  auto annotate = library->annotate_function();
+  std::thread([annotate] {
+    for (;;) annotate("from a thread");
+  }).detach();
+}
+
+// The process ends with the capture running, while a library's thread annotates
+// and exit handlers annotate before and after the controller's teardown. The
+// teardown gives the library its defaults back before the annotator goes, and no
+// call reaches the deleted annotator (AddressSanitizer would report it).
+TEST(HooksAtExit, TablesAreWithdrawnBeforeTheAnnotatorGoes) {
+  TempDir dir;
+  int report[2];
+  ASSERT_EQ(pipe(report), 0);
+  EXPECT_EQ(0, run_in_child([&] {
+    unsetenv("ZVK_OUTPUT_FILE_NAME");
+    g_exiting_library = new StandIn(HOOKED_LIBRARY);
+    g_exit_report_fd = report[1];
+    // Registered before the controller exists, so it runs after its destructor.
+    atexit(annotate_after_teardown);
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("exit_%t"))).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    atexit(annotate_before_teardown);
+    g_exiting_library->annotate("during the capture");
+    annotate_through_exit(g_exiting_library);
+  }, true));
+  close(report[1]);
+  char defaults = 0;
+  EXPECT_EQ(read(report[0], &defaults, 1), 1);
+  close(report[0]);
+  EXPECT_EQ(defaults, 'd');
+  const Strings files = dir.list();
+  ASSERT_EQ(files.size(), 1u);
+  const Strings messages = begin_messages(dir.file(files[0]));
+  EXPECT_TRUE(contains(messages, "during the capture"));
+  EXPECT_TRUE(contains(messages, "in an exit handler"));
+  EXPECT_FALSE(contains(messages, "after the teardown"));
+}
+
+// A library without a default table keeps the profiler's pointers through the
+// teardown: its calls after it find the annotator gone and do nothing.
+TEST(HooksAtExit, ALibraryThatKeepsTheTableCallsSafelyAfterTheTeardown) {
+  TempDir dir;
+  int report[2];
+  ASSERT_EQ(pipe(report), 0);
+  EXPECT_EQ(0, run_in_child([&] {
+    unsetenv("ZVK_OUTPUT_FILE_NAME");
+    g_exiting_library = new StandIn(HOOKED_UPDATE_ONLY_LIBRARY);
+    g_exit_report_fd = report[1];
+    atexit(annotate_after_teardown);
+    Zorv& zorv = Zorv::instance();
+    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("keeps_%t"))).ok());
+    ASSERT_TRUE(zorv.start_profiling().ok());
+    g_exiting_library->annotate("during the capture");
+    annotate_through_exit(g_exiting_library);
+  }, true));
+  close(report[1]);
+  char defaults = 0;
+  EXPECT_EQ(read(report[0], &defaults, 1), 1);
+  close(report[0]);
+  EXPECT_EQ(defaults, 'p');  // it still held the profiler's table, and called it
+  const Strings files = dir.list();
+  ASSERT_EQ(files.size(), 1u);
+  EXPECT_TRUE(contains(begin_messages(dir.file(files[0])), "during the capture"));
 }
 
 }  // namespace

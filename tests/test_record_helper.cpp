@@ -15,6 +15,9 @@ namespace {
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
+using testing_support::in_fresh_process;
+using testing_support::log_messages;
+using testing_support::rerun_in_fresh_process;
 using testing_support::walk_records;
 
 using Helper = ZVKBufferRecordHelper;
@@ -349,6 +352,243 @@ TEST(RecordHelper, AWaitEndsWhenTheWriterGoes) {
     EXPECT_GT(helper.stall_time_us(), 0u);  // the wait is still counted
   }
   GetCapturedStderr();
+}
+
+// The pipeline's clocks, each the real one moved by an offset the test steps.
+std::atomic<int64_t> g_steady_shift_ns{0};
+std::atomic<int64_t> g_system_shift_ns{0};
+
+// Reads of the steady clock: a producer that read it has begun its wait.
+std::atomic<uint64_t> g_steady_reads{0};
+
+std::chrono::steady_clock::time_point shifted_steady() {
+  g_steady_reads.fetch_add(1);
+  return std::chrono::steady_clock::now() + std::chrono::nanoseconds(g_steady_shift_ns.load());
+}
+
+// Waits (a minute at most) until some thread read the steady clock after `since`.
+void await_steady_read(uint64_t since) {
+  const auto give_up = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (g_steady_reads.load() == since && std::chrono::steady_clock::now() < give_up) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+std::chrono::system_clock::time_point shifted_system() {
+  return std::chrono::system_clock::now() + std::chrono::nanoseconds(g_system_shift_ns.load());
+}
+
+// Installed before the threads of a test start and taken back after they end.
+class SteppedClocks {
+ public:
+  SteppedClocks() {
+    g_steady_shift_ns = 0;
+    g_system_shift_ns = 0;
+    ZVKPipelineClock::steady_now = &shifted_steady;
+    ZVKPipelineClock::system_now = &shifted_system;
+  }
+  ~SteppedClocks() {
+    ZVKPipelineClock::steady_now = &std::chrono::steady_clock::now;
+    ZVKPipelineClock::system_now = &std::chrono::system_clock::now;
+  }
+  void step_steady(std::chrono::nanoseconds by) { g_steady_shift_ns += by.count(); }
+  void step_system(std::chrono::nanoseconds by) { g_system_shift_ns += by.count(); }
+};
+
+// Two buffers of 128 bytes, both full of one 88-byte record each: one on the
+// to-write queue, one current. The next record of 88 bytes has to wait for the
+// test, which plays a writer that may never come.
+struct DryPipeline {
+  DryPipeline() : fill(2, 128) {
+    fill.set_supplied(true);
+    helper = std::make_unique<Helper>(&fill, &to_write);
+    append(*helper, 1, 64);
+    EXPECT_TRUE(helper->flush().ok());
+    append(*helper, 2, 64);
+    EXPECT_EQ(fill.size(), 0u);
+  }
+  ~DryPipeline() {
+    fill.set_supplied(false);
+    helper.reset();
+  }
+
+  // Hands one written buffer back, as the writer does.
+  void give_back() {
+    ZVKBuffer* buffer = pop(to_write);
+    ASSERT_NE(buffer, nullptr);
+    buffer->num_bytes = 0;
+    fill.push(buffer);
+  }
+
+  ZVKQueue<ZVKBuffer> fill, to_write;
+  std::unique_ptr<Helper> helper;
+};
+
+// A producer on another thread; `finished` waits for it a bounded while, so that a
+// producer that would wait for ever fails the test instead of hanging it.
+class Producer {
+ public:
+  Producer(Helper& helper, uint64_t timestamp)
+      : m_thread([this, &helper, timestamp] {
+          append(helper, timestamp, 64);
+          m_done = true;
+        }) {}
+  ~Producer() { m_thread.join(); }
+  bool done() const { return m_done; }
+  bool finished() {
+    for (int i = 0; i < 30000 && !m_done; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return m_done;
+  }
+
+ private:
+  std::atomic<bool> m_done{false};
+  std::thread m_thread;
+};
+
+TEST(RecordHelper, AWaitForABufferEndsAfterTheLimitAndTheRecordIsCountedLate) {
+  SteppedClocks clocks;
+  DryPipeline pipe;
+  CaptureStderr();
+  {
+    Producer waiter(*pipe.helper, 3);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(waiter.done());  // the writer may just be slow: wait
+    clocks.step_steady(Helper::kMaxBufferWait);
+    const bool finished = waiter.finished();
+    if (!finished) pipe.fill.set_supplied(false);  // let it go, the test has failed
+    ASSERT_TRUE(finished);
+  }
+  EXPECT_EQ(pipe.fill.take_late_records(), 1u);
+  EXPECT_EQ(pipe.fill.take_dropped_records(), 0u);  // a writer was there, only stuck
+  EXPECT_GE(pipe.helper->stall_time_us(), 5000000u);
+
+  // Until a buffer comes back, records are dropped without another wait: the
+  // waiting would only hold up every producer in turn.
+  append(*pipe.helper, 4, 64);
+  append(*pipe.helper, 5, 64);
+  EXPECT_EQ(pipe.fill.take_late_records(), 2u);
+  const auto lines = log_messages(GetCapturedStderr());
+  EXPECT_EQ(lines, std::vector<std::string>{
+                       "WARNING| No buffer came free in 5 s: the writer is stuck or far behind, "
+                       "records are dropped until it frees a buffer"});
+
+  // A buffer back ends that: the next record is kept, and a later shortage is
+  // waited out again.
+  pipe.give_back();
+  append(*pipe.helper, 6, 64);
+  EXPECT_EQ(pipe.fill.take_late_records(), 0u);
+  {
+    Producer waiter(*pipe.helper, 7);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(waiter.done());
+    pipe.give_back();
+    EXPECT_TRUE(waiter.finished());
+  }
+  EXPECT_EQ(pipe.fill.take_late_records(), 0u);
+  CaptureStderr();
+  pipe.helper.reset();
+  GetCapturedStderr();
+  std::vector<uint64_t> kept;
+  for (ZVKBuffer* buffer = pop(pipe.to_write); buffer != nullptr; buffer = pop(pipe.to_write)) {
+    for (const auto& record : walk_records(buffer->record_buffer, buffer->num_bytes)) {
+      kept.push_back(record.timestamp);
+    }
+  }
+  std::sort(kept.begin(), kept.end());
+  // 1 and 2 were in the buffers the test "wrote"; 3, 4 and 5 were late.
+  EXPECT_EQ(kept, (std::vector<uint64_t>{6, 7}));
+}
+
+// A step of the system clock during a wait neither ends the wait nor counts as
+// time stalled: the wait runs on the steady clock.
+TEST(RecordHelper, AStepOfTheSystemClockNeitherEndsNorStretchesAWait) {
+  SteppedClocks clocks;
+  DryPipeline pipe;
+  CaptureStderr();
+  {
+    const uint64_t reads = g_steady_reads.load();
+    Producer waiter(*pipe.helper, 3);
+    await_steady_read(reads);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    clocks.step_system(std::chrono::hours(24));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_FALSE(waiter.done());
+    pipe.give_back();
+    EXPECT_TRUE(waiter.finished());
+  }
+  EXPECT_EQ(pipe.fill.take_late_records(), 0u);
+  EXPECT_GT(pipe.helper->stall_time_us(), 0u);
+  EXPECT_LT(pipe.helper->stall_time_us(), 3600000000u);
+  pipe.helper.reset();
+  EXPECT_TRUE(log_messages(GetCapturedStderr()).empty());
+}
+
+// ZORV_QUIET is read once per process: each case runs in a process of its own.
+TEST(RecordHelperQuiet, AQuietHelperThatNeverWaitedSaysNothing) {
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({"ZORV_QUIET=1"}));
+    return;
+  }
+  ZVKQueue<ZVKBuffer> fill(1, 64), to_write;
+  auto helper = std::make_unique<Helper>(&fill, &to_write);
+  CaptureStderr();
+  helper.reset();
+  EXPECT_EQ(GetCapturedStderr(), "");
+  EXPECT_EQ(to_write.size(), 1u);
+}
+
+TEST(RecordHelperQuiet, AQuietHelperStillTellsARealStall) {
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({"ZORV_QUIET=1"}));
+    return;
+  }
+  // A wait that runs to its limit, which the stepped clock brings soon.
+  SteppedClocks clocks;
+  DryPipeline pipe;
+  CaptureStderr();
+  {
+    Producer waiter(*pipe.helper, 3);
+    while (!waiter.done()) {
+      clocks.step_steady(std::chrono::seconds(1));
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  GetCapturedStderr();
+  EXPECT_GE(pipe.helper->stall_time_us(), 5000000u);
+  CaptureStderr();
+  pipe.helper.reset();
+  const std::string text = GetCapturedStderr();
+  const std::string tail = "s while waiting for a buffer\n";
+  EXPECT_EQ(text.rfind("Stalled 5.", 0), 0u) << text;
+  ASSERT_GE(text.size(), tail.size());
+  EXPECT_EQ(text.substr(text.size() - tail.size()), tail) << text;
+}
+
+void expect_zero_stall_said() {
+  ZVKQueue<ZVKBuffer> fill(1, 64), to_write;
+  auto helper = std::make_unique<Helper>(&fill, &to_write);
+  CaptureStderr();
+  helper.reset();
+  EXPECT_EQ(GetCapturedStderr(), "Stalled 0s while waiting for a buffer\n");
+}
+
+TEST(RecordHelperQuiet, WithoutTheSwitchTheZeroStallIsSaid) {
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({}));
+    return;
+  }
+  unsetenv("ZORV_QUIET");
+  expect_zero_stall_said();
+}
+
+TEST(RecordHelperQuiet, WithTheSwitchOffTheZeroStallIsSaid) {
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({"ZORV_QUIET=0"}));
+    return;
+  }
+  expect_zero_stall_said();
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <cctype>
 
 #include "tests/test_support.h"
+#include "zorv/cpu/zvkperfcollector.h"
+#include "zorv/cpu/zvkperfkernel.h"
 #include "zorv/utils/logging.h"
 #include "zorv/utils/status.h"
 
@@ -173,6 +175,61 @@ TEST(LoggingFresh, VerboseLinesAtLevelOne) {
   }
   CaptureStderr();
   VLOG(1) << "shown";
+  EXPECT_EQ(log_messages(GetCapturedStderr()), std::vector<std::string>{"INFO| shown"});
+}
+
+// What a quiet run leaves out: the perf collector's warnings of a fork, which
+// report nothing done.
+std::vector<std::string> perf_fork_lines() {
+  ZVKQueue<ZVKBuffer> fill(4, 4096), to_write;
+  CaptureStderr();
+  {
+    ZVKPerfCollector collector("PERFCollector", &fill, &to_write, ZVKPerfKernel::real());
+    GetCapturedStderr();
+    CaptureStderr();
+    EXPECT_TRUE(collector.suspend_profiling().ok());
+    EXPECT_TRUE(collector.resume_profiling().ok());
+  }
+  std::vector<std::string> lines = log_messages(GetCapturedStderr());
+  return lines;
+}
+
+TEST(LoggingFresh, QuietIsOffWithoutTheVariable) {
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({}));
+    return;
+  }
+  unsetenv("ZORV_QUIET");
+  EXPECT_FALSE(LogMessage::is_quiet());
+  EXPECT_EQ(perf_fork_lines(),
+            (std::vector<std::string>{"WARNING| PERFCollector Suspend not implemented",
+                                      "WARNING| PERFCollector Resume not implemented"}));
+}
+
+TEST(LoggingFresh, QuietIsOnlyOne) {
+  for (const char* value : {"0", "2", "yes", ""}) {
+    if (!in_fresh_process()) {
+      EXPECT_EQ(0, rerun_in_fresh_process({std::string("ZORV_QUIET=") + value})) << value;
+      continue;
+    }
+    EXPECT_FALSE(LogMessage::is_quiet());
+    EXPECT_EQ(perf_fork_lines().size(), 2u);
+    return;
+  }
+}
+
+TEST(LoggingFresh, QuietLeavesOutTheForkWarningsAndIsReadOnce) {
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({"ZORV_QUIET=1"}));
+    return;
+  }
+  EXPECT_TRUE(LogMessage::is_quiet());
+  EXPECT_TRUE(perf_fork_lines().empty());
+  setenv("ZORV_QUIET", "0", 1);
+  EXPECT_TRUE(LogMessage::is_quiet());
+  // Other lines are not touched.
+  CaptureStderr();
+  LOG(INFO) << "shown";
   EXPECT_EQ(log_messages(GetCapturedStderr()), std::vector<std::string>{"INFO| shown"});
 }
 

@@ -110,6 +110,54 @@ TEST(ClockOffset, MatchesTheTwoClocks) {
   EXPECT_LT(std::llabs(offset - expected), 50000000LL);  // within 50 ms: both clocks run
 }
 
+// Ten readings of a system clock past 2028-06-15 sum to more than 64 bits hold.
+TEST(ClockOffset, AveragesReadingsPast2028WithoutWrapping) {
+  const uint64_t in_2030 = 1900000000ULL * 1000000000ULL;  // 2030-03-17
+  timespec monotonic[kClockOffsetRounds];
+  timespec system[kClockOffsetRounds];
+  unsigned __int128 sum = 0;
+  for (int i = 0; i < kClockOffsetRounds; ++i) {
+    const uint64_t mono_ns = 5000000000ULL + 40ULL * i;
+    const uint64_t real_ns = in_2030 + 40ULL * i + 7ULL * i;
+    monotonic[i] = {static_cast<time_t>(mono_ns / 1000000000ULL),
+                    static_cast<long>(mono_ns % 1000000000ULL)};
+    system[i] = {static_cast<time_t>(real_ns / 1000000000ULL),
+                 static_cast<long>(real_ns % 1000000000ULL)};
+    sum += real_ns - mono_ns;
+  }
+  ASSERT_GT(sum, static_cast<unsigned __int128>(UINT64_MAX));  // the old sum wrapped here
+  const timespec first = {5, 1000};
+  const timespec last = {5, 1500};  // five calls of 100 ns
+  EXPECT_EQ(clock_offset_from(monotonic, system, first, last),
+            static_cast<uint64_t>(sum / kClockOffsetRounds) - 100);
+}
+
+// Today's readings give the bytes they always gave: the sum in 64 bits over ten.
+TEST(ClockOffset, TodaysReadingsGiveTheSameOffsetAsBefore) {
+  timespec monotonic[kClockOffsetRounds];
+  timespec system[kClockOffsetRounds];
+  uint64_t sum = 0;
+  for (int i = 0; i < kClockOffsetRounds; ++i) {
+    monotonic[i] = {1234, 999999990L - 37L * i};
+    system[i] = {1764000000 + i, 123456789L + 13L * i};
+    sum += timespec_to_ns(system[i]) - timespec_to_ns(monotonic[i]);
+  }
+  const timespec first = {1300, 999999999};
+  const timespec last = {1301, 301};  // crosses a second: 302 ns over five calls
+  EXPECT_EQ(clock_offset_from(monotonic, system, first, last), sum / 10 - 60);
+}
+
+TEST(MeanOf, ExactForAnySize) {
+  const uint64_t big[] = {UINT64_MAX, UINT64_MAX, UINT64_MAX - 1};
+  EXPECT_EQ(mean_of(big, 3), UINT64_MAX - 1);  // (3 * max - 1) / 3, rounded down
+  const uint64_t small[] = {1, 2, 2};
+  EXPECT_EQ(mean_of(small, 3), 1u);
+  const uint64_t mixed[] = {9, 9, 9, 9, 9, 9, 9, 9, 9, 10};
+  EXPECT_EQ(mean_of(mixed, 10), 9u);
+  const uint64_t carried[] = {9, 9, 9, 9, 9, 9, 9, 9, 9, 19};
+  EXPECT_EQ(mean_of(carried, 10), 10u);
+}
+
 class CpuInfo : public ::testing::Test {
  protected:
   std::string write(const std::string& text) {

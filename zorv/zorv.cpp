@@ -4,10 +4,13 @@
 #include <link.h>
 #include <pthread.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "zorv/cpu/zvkperfcollector.h"
@@ -28,27 +31,107 @@ bool fork_suspend = false;
 
 namespace {
 
+// Annotation calls come from any thread, through the hook tables too, and may still
+// come while the process exits, from exit handlers and from threads that exit
+// doesn't stop. They reach the annotator only through this gate, which knows how
+// many are inside. So the controller's destructor can close it and wait for those
+// inside before the annotator goes, and a fork can hold new calls back and wait,
+// so that no other thread is inside the record path at the fork: none then holds a
+// buffer, or a lock, that the child would inherit held by a thread it doesn't have.
+// Plain atomics with constant initialisers: they outlive every destructor. All
+// sequentially consistent: the counter's change and the flag's read on one side,
+// the flag's change and the counter's read on the other, can't both miss.
+class AnnotationGate {
+ public:
+  // One call's passage: the annotator it may use, or null once the gate is closed.
+  class Pass {
+   public:
+    Pass() {
+      s_in_flight.fetch_add(1);
+      while (__builtin_expect(s_held.load(), 0)) {
+        s_in_flight.fetch_sub(1);
+        while (s_held.load()) std::this_thread::sleep_for(kPoll);
+        s_in_flight.fetch_add(1);
+      }
+      m_annotator = s_annotator.load();
+    }
+    ~Pass() { s_in_flight.fetch_sub(1); }
+    Pass(const Pass&) = delete;
+    Pass& operator=(const Pass&) = delete;
+    ZVKAnnotator* annotator() const { return m_annotator; }
+
+   private:
+    ZVKAnnotator* m_annotator;
+  };
+
+  static void open(ZVKAnnotator* target) { s_annotator.store(target); }
+
+  // Later calls find no annotator; those inside finish first. Bounded: a call waits
+  // for a buffer only while the writer runs to free one, and for a while at most.
+  static void close() {
+    s_annotator.store(nullptr);
+    wait_until_empty();
+  }
+
+  // For the fork: new calls wait, those inside finish. With the writer suspended
+  // before, no call waits for a buffer, so this is short.
+  static void hold() {
+    s_held.store(true);
+    wait_until_empty();
+  }
+  static void release() { s_held.store(false); }
+  // In a forked child: the calls other threads had under way don't exist there.
+  static void release_in_child() {
+    s_in_flight.store(0);
+    release();
+  }
+
+ private:
+  static constexpr std::chrono::microseconds kPoll{50};
+
+  static void wait_until_empty() {
+    while (s_in_flight.load() != 0) std::this_thread::sleep_for(kPoll);
+  }
+
+  static std::atomic<ZVKAnnotator*> s_annotator;
+  static std::atomic<uint32_t> s_in_flight;
+  static std::atomic<bool> s_held;
+};
+
+std::atomic<ZVKAnnotator*> AnnotationGate::s_annotator{nullptr};
+std::atomic<uint32_t> AnnotationGate::s_in_flight{0};
+std::atomic<bool> AnnotationGate::s_held{false};
+
 constexpr const char* kDefaultFilePattern = "zorvek_%h_%p_%t";
 constexpr const char* kKelvaneFilePattern = "/opt/kv/output/profiler/framework/zorvek_%h_%p_%t";
 
-// The pipeline's locks are held across the fork itself: one that another thread
-// held at that moment would stay held for ever in the child. They are taken after
-// the suspend, which joins the writer thread, and let go before anything resumes.
+// Around a fork: the capture is suspended, which joins the writer thread; then
+// annotations are held back until none is under way; then the pipeline's locks are
+// taken, for the producers that don't annotate (CPU sampling's workers, GPU
+// callbacks): a lock that another thread held at the fork would stay held for ever
+// in the child. The locks are let go before anything resumes; annotations go on
+// once the writer runs again.
 void atfork_prep() {
   fork_suspend = true;
   ZVK_LOG_NOT_OK(ERROR, Zorv::instance().suspend_profiling(), "Suspending profiling failed!");
+  AnnotationGate::hold();
   ZVKForkLocks::acquire_all();
 }
 
 void atfork_parent() {
   ZVKForkLocks::release_all();
   ZVK_LOG_NOT_OK(ERROR, Zorv::instance().resume(false), "Resuming profiling for parent failed!");
+  AnnotationGate::release();
   fork_suspend = false;
 }
 
+// The child's buffers go back to empty before its writer starts: what they held
+// are the parent's records, which the parent writes.
 void atfork_children() {
   ZVKForkLocks::release_all();
+  Zorv::instance().discard_inherited_records();
   ZVK_LOG_NOT_OK(ERROR, Zorv::instance().resume(true), "Resuming profiling for children failed!");
+  AnnotationGate::release_in_child();
   fork_suspend = false;
 }
 
@@ -84,11 +167,16 @@ Zorv::Zorv()
 }
 
 Zorv::~Zorv() {
+  // First no annotation gets through any more, then the capture stops, which takes
+  // the hooks back from the libraries, and only then does the annotator go.
+  AnnotationGate::close();
+  if (m_active) {
+    ZVK_LOG_NOT_OK(ERROR, stop_profiling(), "Stopping Failed!");
+  } else if (m_hooks_installed) {
+    disable_hooks();
+  }
   delete m_annotator;
-  // Cleared so the stop below skips the flush of the annotator that is gone; its
-  // record helper has already delivered the last buffer on destruction.
   m_annotator = nullptr;
-  if (m_active) ZVK_LOG_NOT_OK(ERROR, stop_profiling(), "Stopping Failed!");
   delete m_cuda_collector;
   delete m_perf_collector;
   delete m_writer;
@@ -134,6 +222,7 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   uint64_t bucket_size_mb = m_bucket_size;
   uint32_t compression = m_compression;
   uint32_t flush_interval_ms = ZVKFileWriter::kDefaultFlushIntervalMs;
+  bool share_files = false;
   bool activate_in_children = m_activate_in_children;
   std::string filename = m_filename;
   bool enable_cuda = false;
@@ -152,6 +241,7 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
     shared_annotations = key_value_as<bool>(keys, "SharedAnnotations", true);
     activate_in_children = key_value_as<bool>(keys, "EnableForkFollow", activate_in_children);
     flush_interval_ms = key_value_as<uint32_t>(keys, "FlushIntervalMs", flush_interval_ms);
+    share_files = key_value_as<bool>(keys, "ShareFiles", share_files);
     if (getenv("ZV_CURRENT_HOST") != nullptr) {
       LOG(WARNING) << "Setting output file in Kelvane environment is not allowed!";
       filename = kKelvaneFilePattern;
@@ -174,6 +264,9 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
     filename = get_value_as<std::string>(name, filename);
   }
   flush_interval_ms = get_env_value_as<uint32_t>("ZVK_FLUSH_INTERVAL_MS", flush_interval_ms);
+  if (const char* share = getenv("ZVK_SHARE_FILES")) {
+    share_files = get_value_as<bool>(share, share_files);
+  }
 
   const bool shared = shared_buffers || shared_annotations;
   // Without sharing, each producer holds a buffer of its own: the annotator, CPU
@@ -221,7 +314,9 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   // The annotator writes its time marker now, ahead of every later record.
   m_annotator = shared ? new ZVKAnnotator("SharedAnnotator", helper)
                        : new ZVKAnnotator("Annotator", m_to_fill, m_to_write);
-  m_writer = new ZVKFileWriter(m_to_fill, m_to_write, m_metadata, m_compression, flush_interval_ms);
+  AnnotationGate::open(m_annotator);
+  m_writer = new ZVKFileWriter(m_to_fill, m_to_write, m_metadata, m_compression, flush_interval_ms,
+                               share_files);
 
   const ZVKConfigSection no_keys;
   if (m_cuda_collector != nullptr) {
@@ -277,6 +372,7 @@ Status Zorv::start_profiling() {
     ZVK_RETURN_NOT_OK(started);
   }
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->start_profiling());
+  m_hooks_installed = true;
   ZVK_LOG_NOT_OK(INFO, enable_hooks(), "Couldn't find any library with annotations");
   m_active = true;
   return Status::OK();
@@ -294,6 +390,7 @@ Status Zorv::stop_profiling() {
     ZVK_LOG_NOT_OK(INFO, m_annotator->flush(), "Annotator flush failed!");
   }
   ZVK_LOG_NOT_OK(INFO, disable_hooks(), "Can't find libraries with annotations");
+  m_hooks_installed = false;
   // Whatever the writer answers, its thread has ended: the capture is over and a
   // new one can start. Active with no writer only after resume_profiling on an
   // unconfigured profiler: answer as a writer that isn't running would.
@@ -325,6 +422,11 @@ Status Zorv::resume_profiling() {
   return Status::OK();
 }
 
+void Zorv::discard_inherited_records() {
+  if (m_to_fill == nullptr) return;
+  ZVKBufferRecordHelper::discard_inherited(m_to_fill, m_to_write);
+}
+
 Status Zorv::resume(bool is_children) {
   if (!m_active) return Status::OK();
   if (is_children && !m_activate_in_children) {
@@ -353,18 +455,23 @@ uint64_t Zorv::annotate_begin(const std::string& msg) {
 }
 
 uint64_t Zorv::annotate_begin(const char* msg, uint64_t len) {
-  if (__builtin_expect(m_annotator == nullptr, 0)) return 0;
-  return m_annotator->annotate_begin(msg, len);
+  const AnnotationGate::Pass pass;
+  if (__builtin_expect(pass.annotator() == nullptr, 0)) return 0;
+  return pass.annotator()->annotate_begin(msg, len);
 }
 
 void Zorv::annotate_end(uint64_t token) {
-  if (__builtin_expect(m_annotator != nullptr, 1)) m_annotator->annotate_end(token);
+  const AnnotationGate::Pass pass;
+  if (__builtin_expect(pass.annotator() != nullptr, 1)) pass.annotator()->annotate_end(token);
 }
 
 void Zorv::annotate_marker(const std::string& msg) { annotate_marker(msg.data(), msg.size()); }
 
 void Zorv::annotate_marker(const char* msg, uint64_t len) {
-  if (__builtin_expect(m_annotator != nullptr, 1)) m_annotator->annotate_marker(msg, len);
+  const AnnotationGate::Pass pass;
+  if (__builtin_expect(pass.annotator() != nullptr, 1)) {
+    pass.annotator()->annotate_marker(msg, len);
+  }
 }
 
 // ---- Hook tables for foreign libraries --------------------------------------------

@@ -58,6 +58,9 @@ class Zorv {
   Status resume_profiling();
   // For the fork handlers only.
   Status resume(bool is_children);
+  // For the child's fork handler: the buffers it inherited hold its parent's
+  // records, which only the parent writes; the child starts with them all empty.
+  void discard_inherited_records();
   // For the end of the process, ahead of the static destructors: a capture still
   // running is stopped, and a suspended one's GPU tracing.
   void stop_at_exit();
@@ -97,6 +100,8 @@ class Zorv {
   uint32_t m_compression;
   bool m_active;
   bool m_activate_in_children;
+  // The libraries were given our table at a start and not yet their own back.
+  bool m_hooks_installed = false;
 };
 
 // The table handed to foreign libraries that carry annotation hooks.

@@ -128,11 +128,12 @@ def test_following_on_gives_the_child_a_file_of_its_own(tmp_path):
     assert ours.buckets >= 2
     assert len(begins(ours, "before")) == 100 and len(begins(ours, "after")) == 300
     assert child not in pids_of(ours)
-    # The child's records are all in its own file; what the parent did after the
-    # fork is not. Records queued before the fork are copies the child inherited.
+    # The child's records are all in its own file, and nothing of the parent's:
+    # neither what it did after the fork nor what was still in the buffers before.
     assert len(begins(theirs, "child", pid=child)) == 300
     assert not begins(theirs, "after")
-    assert pids_of(theirs) <= {parent, child}
+    assert not begins(theirs, "before")
+    assert pids_of(theirs) == {child}
     # The child's tokens continue the parent's counter.
     assert got["child_token"] > got["first_token"]
 
@@ -269,7 +270,8 @@ def test_second_fork_in_a_child_follows_as_the_first(tmp_path):
         assert capture.header["pid"] == pid
         assert_finished(capture)
     assert pids_of(files[parent]) == {parent}
-    assert child in pids_of(files[child]) and grandchild not in pids_of(files[child])
+    assert pids_of(files[child]) == {child}
+    assert pids_of(files[grandchild]) == {grandchild}
     assert len(begins(files[child], "child", pid=child)) == 20
     assert len(begins(files[child], "child after", pid=child)) == 20
     assert len(begins(files[grandchild], "grandchild", pid=grandchild)) == 30
@@ -409,6 +411,8 @@ def test_multiprocessing_pool_workers_each_keep_their_records(tmp_path):
     for i, worker in enumerate(done_by):
         capture = read_capture(tmp_path / f"run_{worker}_0.zvkraw")
         assert capture.header["pid"] == worker
+        # The parent's records in the buffers at the fork are the parent's alone.
+        assert pids_of(capture) == {worker} and not begins(capture, "parent")
         assert len(begins(capture, f"task{i}", pid=worker)) == 200
         ends = [r for r in capture.records if r["type"] == END and r["pid"] == worker]
         assert len(ends) == 200 * done_by.count(worker)

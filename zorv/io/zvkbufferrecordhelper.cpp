@@ -13,7 +13,7 @@
 namespace zorvek {
 namespace {
 
-using Clock = std::chrono::system_clock;
+using Clock = std::chrono::steady_clock;
 
 // Longest single sleep while waiting for a buffer: the back-off grows by 100 us a
 // round, and a wait must notice soon when the writer has gone.
@@ -32,6 +32,19 @@ void sleep_for_us(long us) {
   while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
   }
 }
+
+// Advanced in a forked child when it takes back the buffers it inherited.
+std::atomic<uint64_t> g_fork_generation{0};
+
+// A current buffer's deleter: the buffer goes to the writer once its last holder
+// lets go, unless it was handed out before a fork that this process came out of.
+struct ReleaseToWriter {
+  ZVKQueue<ZVKBuffer>* to_write;
+  uint64_t generation;
+  void operator()(ZVKBuffer* buffer) const {
+    if (generation == g_fork_generation.load()) to_write->push(buffer);
+  }
+};
 
 // The live helpers, for flush_all. Never destroyed: helpers may outlive statics.
 struct HelperList {
@@ -62,7 +75,7 @@ ZVKBufferRecordHelper::ZVKBufferRecordHelper(ZVKQueue<ZVKBuffer>* to_fill,
     std::unique_lock<std::mutex> lock(buff_mutex);
     make_room(lock, 0);
   }
-  ZVKForkLocks::add(&buff_mutex, ZVKForkLocks::RECORD_HELPER, &settle_for_fork, this);
+  ZVKForkLocks::add(&buff_mutex, ZVKForkLocks::RECORD_HELPER);
   HelperList& list = helper_list();
   std::lock_guard<std::mutex> guard(list.lock);
   list.helpers.push_back(this);
@@ -76,26 +89,17 @@ ZVKBufferRecordHelper::~ZVKBufferRecordHelper() {
                        list.helpers.end());
   }
   ZVKForkLocks::remove(&buff_mutex);
+  // A quiet run hears of a stall only when there was one.
+  if (m_stall_time == 0 && LogMessage::is_quiet()) return;
   std::cerr << "Stalled " << static_cast<double>(m_stall_time / 1000) / 1000.0
             << "s while waiting for a buffer" << std::endl;
 }
 
-void ZVKBufferRecordHelper::settle_for_fork(void* self) {
-  // With buff_mutex held no record can start, but one that another thread is
-  // filling pins the current buffer. In the child that thread is gone and its pin
-  // would never be released: the buffer would never reach the child's writer. So
-  // the fork waits, a bounded while, for records under way to be finished.
-  constexpr int kRounds = 1000;
-  const auto* helper = static_cast<const ZVKBufferRecordHelper*>(self);
-  for (int round = 0; round < kRounds && helper->curr_buff.use_count() > 1; ++round) {
-    sleep_for_us(100);
-  }
-}
-
 void ZVKBufferRecordHelper::install(ZVKBuffer* buffer) {
   std::shared_ptr<ZVKBuffer> fresh =
-      buffer != nullptr ? std::shared_ptr<ZVKBuffer>(buffer, QueueMover<ZVKBuffer>(to_write_))
-                        : no_buffer();
+      buffer != nullptr
+          ? std::shared_ptr<ZVKBuffer>(buffer, ReleaseToWriter{to_write_, g_fork_generation.load()})
+          : no_buffer();
   // The old reference drops here: with no RecordWriter on it, the old buffer
   // enters the to-write queue now, on this thread.
   curr_buff.swap(fresh);
@@ -103,9 +107,11 @@ void ZVKBufferRecordHelper::install(ZVKBuffer* buffer) {
 
 bool ZVKBufferRecordHelper::make_room(std::unique_lock<std::mutex>& lock, uint32_t size) {
   Clock::time_point wait_start{};
+  bool waited = false;
   long wait_us = 100;
   bool fits = false;
   bool oversize = false;
+  bool late = false;
   while (!fits) {
     const uint32_t capacity = curr_buff->len_buffer;
     // An empty buffer takes a record of its whole capacity; a larger one never fits.
@@ -123,11 +129,21 @@ bool ZVKBufferRecordHelper::make_room(std::unique_lock<std::mutex>& lock, uint32
     to_fill_->pop(&buffer);
     if (buffer != nullptr) {
       install(buffer);
+      m_starved = false;
       fits = size <= curr_buff->len_buffer;
       continue;
     }
     if (!to_fill_->is_supplied()) break;
-    if (wait_start == Clock::time_point{}) wait_start = Clock::now();
+    const Clock::time_point now = ZVKPipelineClock::steady_now();
+    if (!waited) {
+      waited = true;
+      wait_start = now;
+    }
+    // Another producer has already waited the whole while: don't wait again.
+    if (m_starved || now - wait_start >= kMaxBufferWait) {
+      late = true;
+      break;
+    }
     // Other producers and the fork handlers may take the lock meanwhile.
     lock.unlock();
     sleep_for_us(std::min(wait_us, kMaxWaitStepUs));
@@ -135,13 +151,28 @@ bool ZVKBufferRecordHelper::make_room(std::unique_lock<std::mutex>& lock, uint32
     lock.lock();
     fits = static_cast<uint64_t>(curr_buff->num_bytes) + size < curr_buff->len_buffer;
   }
-  if (wait_start != Clock::time_point{}) {
+  if (waited) {
     const uint64_t stalled = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - wait_start).count());
+        std::chrono::duration_cast<std::chrono::microseconds>(ZVKPipelineClock::steady_now() -
+                                                              wait_start)
+            .count());
     m_stall_time += stalled;
     process_stall_time_us().fetch_add(stalled, std::memory_order_relaxed);
   }
-  if (!fits && !oversize && size != 0) to_fill_->count_dropped_record();
+  if (late && !m_starved) {
+    m_starved = true;
+    LOG(WARNING) << "No buffer came free in "
+                 << std::chrono::duration_cast<std::chrono::seconds>(kMaxBufferWait).count()
+                 << " s: the writer is stuck or far behind, records are dropped until it "
+                    "frees a buffer";
+  }
+  if (!fits && !oversize && size != 0) {
+    if (late) {
+      to_fill_->count_late_record();
+    } else {
+      to_fill_->count_dropped_record();
+    }
+  }
   return fits;
 }
 
@@ -164,6 +195,27 @@ Status ZVKBufferRecordHelper::flush() {
   to_fill_->pop(&buffer);
   install(buffer);
   return Status::OK();
+}
+
+void ZVKBufferRecordHelper::discard_inherited(ZVKQueue<ZVKBuffer>* to_fill,
+                                              ZVKQueue<ZVKBuffer>* to_write) {
+  g_fork_generation.fetch_add(1);
+  {
+    HelperList& list = helper_list();
+    std::lock_guard<std::mutex> guard(list.lock);
+    for (ZVKBufferRecordHelper* helper : list.helpers) {
+      if (helper->to_write_ != to_write) continue;
+      std::lock_guard<std::mutex> lock(helper->buff_mutex);
+      helper->install(nullptr);
+      // The parent's waits are the parent's to report.
+      helper->m_stall_time = 0;
+    }
+  }
+  for (ZVKBuffer* buffer = nullptr;;) {
+    to_write->pop(&buffer);
+    if (buffer == nullptr) break;
+  }
+  to_fill->refill_all();
 }
 
 void ZVKBufferRecordHelper::flush_all(const ZVKQueue<ZVKBuffer>* to_write) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <iostream>
 #include <memory>
@@ -20,8 +21,15 @@ namespace zorvek {
 // A producer never waits for a buffer that nothing will free: when the to-fill
 // queue is dry and no writer is running to refill it, the record goes to a
 // per-thread scratch area instead and is counted as dropped on the to-fill queue.
+// Nor does it wait for ever on a writer that runs but frees nothing (a hung disk):
+// after kMaxBufferWait the record is dropped and counted as late, and so is every
+// record after it until a buffer comes back, without waiting again.
 class ZVKBufferRecordHelper {
  public:
+  // Long enough for a writer that is merely slow to catch up; short enough that a
+  // training thread or a CUPTI callback is not held up for good.
+  static constexpr std::chrono::milliseconds kMaxBufferWait{5000};
+
   class RecordWriter {
    public:
     RecordWriter(std::shared_ptr<ZVKBuffer>&& buffer, ZVKRecord* record, uint64_t timestamp,
@@ -103,6 +111,13 @@ class ZVKBufferRecordHelper {
   // that a quiet producer's records reach the file all the same.
   static void flush_all(const ZVKQueue<ZVKBuffer>* to_write);
 
+  // For a forked child, before its writer starts: the inherited buffers hold the
+  // parent's records, which the parent writes, or are held by threads the child
+  // doesn't have. Every helper over these queues drops its current buffer, and all
+  // buffers go back to `to_fill` empty; a buffer handed out before the fork goes
+  // nowhere when it is let go in this process.
+  static void discard_inherited(ZVKQueue<ZVKBuffer>* to_fill, ZVKQueue<ZVKBuffer>* to_write);
+
   // Total microseconds producers waited for a free buffer.
   uint64_t stall_time_us() {
     std::lock_guard<std::mutex> lock(buff_mutex);
@@ -116,12 +131,11 @@ class ZVKBufferRecordHelper {
  private:
   // With buff_mutex held through `lock`: replaces the current buffer until the
   // record fits. Sleeps without the lock, with a linear back-off, only while a
-  // writer runs to refill the to-fill queue. False: the record is to be dropped.
+  // writer runs to refill the to-fill queue, and for kMaxBufferWait at most.
+  // False: the record is to be dropped.
   // Out of line and cold, so that new_record's common path inlines everywhere.
   __attribute__((noinline, cold)) bool make_room(std::unique_lock<std::mutex>& lock,
                                                  uint32_t size);
-  // For the fork handlers, with buff_mutex held: lets records under way finish.
-  static void settle_for_fork(void* self);
   // Makes `buffer` (or the empty stand-in, for null) current; the old buffer goes
   // to the writer once no RecordWriter holds it.
   void install(ZVKBuffer* buffer);
@@ -137,6 +151,9 @@ class ZVKBufferRecordHelper {
   std::mutex buff_mutex;
   uint64_t m_stall_time;
   bool m_reported_oversize = false;
+  // A wait timed out and no buffer has come back since: records are dropped
+  // without waiting again.
+  bool m_starved = false;
 };
 
 }  // namespace zorvek

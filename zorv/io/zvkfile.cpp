@@ -104,17 +104,37 @@ Status dump_zvkfile_header(const ZVKFileHeader* hdr, std::ostream& out) {
 
 namespace {
 
-uint64_t elapsed_us(std::chrono::system_clock::time_point since) {
+uint64_t elapsed_us(std::chrono::steady_clock::time_point since) {
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                   std::chrono::system_clock::now() - since)
+                                   std::chrono::steady_clock::now() - since)
                                    .count()) /
          1000;
 }
 
 }  // namespace
 
-ZVKBucketWriter::ZVKBucketWriter(int file_handle, int compression_level)
-    : m_file_handle(file_handle), m_comp_level(compression_level) {}
+size_t write_fully(int fd, const void* data, size_t size, int* error,
+                   ZVKWriteFunction write_function) {
+  const char* cursor = static_cast<const char*>(data);
+  size_t done = 0;
+  *error = 0;
+  while (done < size) {
+    const ssize_t wrote = write_function(fd, cursor + done, size - done);
+    if (wrote > 0) {
+      done += static_cast<size_t>(wrote);
+    } else if (wrote < 0 && errno == EINTR) {
+      continue;
+    } else {
+      *error = wrote < 0 ? errno : 0;
+      break;
+    }
+  }
+  return done;
+}
+
+ZVKBucketWriter::ZVKBucketWriter(int file_handle, int compression_level,
+                                 ZVKWriteFunction write_function)
+    : m_file_handle(file_handle), m_comp_level(compression_level), m_write(write_function) {}
 
 ZVKBucketWriter::~ZVKBucketWriter() { free(m_compressed_bucket); }
 
@@ -154,7 +174,7 @@ Status ZVKBucketWriter::write_bucket(const ZVKBuffer* buffer) {
   m_total_records_written += count;
 
   uLongf length = m_buffer_size;
-  const auto compress_start = std::chrono::system_clock::now();
+  const auto compress_start = std::chrono::steady_clock::now();
   const int result =
       compress2(reinterpret_cast<Bytef*>(m_compressed_bucket->buffer), &length,
                 reinterpret_cast<const Bytef*>(buffer->record_buffer), num_bytes, m_comp_level);
@@ -175,11 +195,12 @@ Status ZVKBucketWriter::write_bucket(const ZVKBuffer* buffer) {
 
   const size_t total = length + kZVKBucketHeaderSize;
   const off_t bucket_start = lseek(m_file_handle, 0, SEEK_CUR);
-  const auto write_start = std::chrono::system_clock::now();
-  const ssize_t wrote = write(m_file_handle, m_compressed_bucket, total);
-  const int write_errno = errno;
+  const auto write_start = std::chrono::steady_clock::now();
+  int write_errno = 0;
+  const size_t wrote =
+      write_fully(m_file_handle, m_compressed_bucket, total, &write_errno, m_write);
   m_io_wait += static_cast<uint32_t>(elapsed_us(write_start));
-  if (wrote == -1 || static_cast<size_t>(wrote) < total) {
+  if (wrote < total) {
     // A torn bucket would make everything after it unreadable: cut the file back
     // to its last whole bucket, so that the next bucket follows that one.
     if (wrote > 0 && bucket_start >= 0) {
@@ -188,7 +209,7 @@ Status ZVKBucketWriter::write_bucket(const ZVKBuffer* buffer) {
         LOG(ERROR) << "Can't cut the file back to its last whole bucket: " << strerror(errno);
       }
     }
-    if (wrote == -1) {
+    if (write_errno != 0) {
       if (m_lost_buckets == 0) LOG(ERROR) << "Failed to write to file! " << strerror(write_errno);
       return lost_bucket(count, Status(error::FAILURE, strerror(write_errno)));
     }
@@ -197,7 +218,7 @@ Status ZVKBucketWriter::write_bucket(const ZVKBuffer* buffer) {
     }
     return lost_bucket(count, Status(error::FAILURE, "write call failed to write expected bytes!"));
   }
-  m_written_bytes += static_cast<uint64_t>(wrote);
+  m_written_bytes += wrote;
   m_max_compressed_size = std::max(m_max_compressed_size, static_cast<uint32_t>(length));
   if (m_lost_buckets != 0) {
     LOG(WARNING) << "Writing to the file works again; " << m_lost_buckets << " buckets with "

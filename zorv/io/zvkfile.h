@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -91,11 +92,21 @@ std::string get_hostname(const ZVKFileHeader* hdr);
 std::string get_instance_type(const ZVKFileHeader* hdr);
 Status dump_zvkfile_header(const ZVKFileHeader* hdr, std::ostream& out);
 
+// The system's write(2), or a stand-in with its contract.
+using ZVKWriteFunction = ssize_t (*)(int fd, const void* data, size_t size);
+
+// Writes all `size` bytes, continuing after a short write and retrying after
+// EINTR. Returns the bytes written; fewer than `size` only on failure, with the
+// reason in `*error` (0 when `write` wrote nothing and reported nothing).
+size_t write_fully(int fd, const void* data, size_t size, int* error,
+                   ZVKWriteFunction write_function);
+
 // Turns one buffer into one bucket of the open file: walks its records for the time
 // range and count, compresses, appends in one write. Lives on the writer thread only.
 class ZVKBucketWriter {
  public:
-  ZVKBucketWriter(int file_handle, int compression_level);
+  ZVKBucketWriter(int file_handle, int compression_level,
+                  ZVKWriteFunction write_function = &::write);
   ~ZVKBucketWriter();
   ZVKBucketWriter(const ZVKBucketWriter&) = delete;
   ZVKBucketWriter& operator=(const ZVKBucketWriter&) = delete;
@@ -123,6 +134,7 @@ class ZVKBucketWriter {
   std::unordered_set<uint64_t> m_ip_list;
   int m_file_handle;
   int m_comp_level;
+  ZVKWriteFunction m_write;
   uint32_t m_max_bucket_size = 0;
   uint32_t m_max_compressed_size = 0;
   uint64_t m_written_bytes = 0;

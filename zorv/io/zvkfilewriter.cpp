@@ -22,15 +22,18 @@
 namespace zorvek {
 namespace {
 
-using Clock = std::chrono::system_clock;
+// Intervals; the system clock only dates log lines and places the first rotation.
+using Clock = std::chrono::steady_clock;
+
+uint64_t wall_ns(std::chrono::system_clock::time_point when) {
+  return static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count());
+}
 
 // Local time as "%H:%M:%S" with ".%06ld" microseconds, for the writer's log lines.
-std::string local_time_text(Clock::time_point when) {
-  return zorvek::local_time_text(
-      static_cast<uint64_t>(
-          std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count()),
-      "%H:%M:%S");
-}
+std::string local_time_text(uint64_t ns) { return zorvek::local_time_text(ns, "%H:%M:%S"); }
+
+std::string local_time_now() { return local_time_text(wall_ns(ZVKPipelineClock::system_now())); }
 
 uint64_t elapsed_ns(Clock::time_point from, Clock::time_point to) {
   return static_cast<uint64_t>(
@@ -54,12 +57,13 @@ double ratio(uint64_t uncompressed, uint64_t written) {
 
 ZVKFileWriter::ZVKFileWriter(ZVKQueue<ZVKBuffer>* to_fill, ZVKQueue<ZVKBuffer>* to_write,
                              const JobMetadata& metadata, uint32_t compression,
-                             uint32_t flush_interval_ms)
+                             uint32_t flush_interval_ms, bool share_files)
     : m_to_write(to_write),
       m_to_fill(to_fill),
       m_metadata(metadata),
       m_compression(static_cast<int32_t>(compression)),
-      m_flush_interval_ms(flush_interval_ms) {
+      m_flush_interval_ms(flush_interval_ms),
+      m_file_mode(share_files ? kSharedFileMode : kPrivateFileMode) {
   if (m_metadata.hostname.empty()) m_metadata.hostname = "Unknown_host";
   if (const char* period = getenv("ZVK_FILE_ROTATION_DURATION_SECONDS")) {
     m_rotation_duration_s = get_value_as<uint32_t>(period, kDefaultRotationSeconds);
@@ -157,9 +161,15 @@ Status ZVKFileWriter::start_internal() {
                   "Writer thread is already present! Please stop recording first!");
   }
   if (m_rotation_time == Clock::time_point{}) {
-    m_rotation_time = Clock::time_point(std::chrono::duration_cast<Clock::duration>(
-        std::chrono::nanoseconds(next_rotation_time_ns(now_ns(), m_rotation_duration_s))));
-    VLOG(1) << "Rotation timer set to " << local_time_text(m_rotation_time);
+    // The timetable is in wall time (whole minutes); the deadline is kept as the
+    // same distance on the steady clock.
+    const Clock::time_point steady_now = ZVKPipelineClock::steady_now();
+    const uint64_t now = wall_ns(ZVKPipelineClock::system_now());
+    const uint64_t due = next_rotation_time_ns(now, m_rotation_duration_s);
+    m_rotation_time =
+        steady_now + std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(
+                         static_cast<int64_t>(due) - static_cast<int64_t>(now)));
+    VLOG(1) << "Rotation timer set to " << local_time_text(due);
   }
   m_run_writer_loop = true;
   // From here on a producer waiting for a buffer can count on getting one.
@@ -194,12 +204,11 @@ Status ZVKFileWriter::open_file(const std::string& name, bool exact) {
   }
   m_filename = name;
   VLOG(1) << "Opening " << m_filename << " constructed from pattern " << m_filepattern;
-  m_file_handle = open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_EXCL, 0664);
+  m_file_handle = open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_EXCL,
+                       kPrivateFileMode);
   if (m_file_handle < 0 && errno == EEXIST) return create_file();
   if (m_file_handle < 0) return failed_open(errno);
-  m_file_unlinked = false;
-  construct_header();
-  return write_header();
+  return begin_file();
 }
 
 Status ZVKFileWriter::create_file() {
@@ -211,18 +220,33 @@ Status ZVKFileWriter::create_file() {
     VLOG(1) << "Opening " << m_filename << " constructed from pattern " << m_filepattern;
     const bool finished_exists = m_is_kelvane && access(m_filename.c_str(), F_OK) == 0;
     if (!finished_exists) {
-      m_file_handle =
-          open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_EXCL, 0664);
-      if (m_file_handle >= 0) {
-        m_file_unlinked = false;
-        break;
-      }
+      // Created owner-only, whatever the umask; begin_file widens it if asked.
+      m_file_handle = open(get_tmp_filename(m_filename).c_str(), O_RDWR | O_CREAT | O_EXCL,
+                           kPrivateFileMode);
+      if (m_file_handle >= 0) break;
       if (errno != EEXIST || attempt == kMaxNameAttempts) return failed_open(errno);
     }
     m_rotation_count += 1;
   }
+  return begin_file();
+}
+
+Status ZVKFileWriter::begin_file() {
+  const std::string path = get_tmp_filename(m_filename);
+  m_file_unlinked = false;
+  // The umask narrowed the mode open gave; this is the mode meant.
+  if (fchmod(m_file_handle, m_file_mode) != 0) {
+    LOG(ERROR) << "Can't set the mode of " << path << ": " << strerror(errno);
+  }
   construct_header();
-  return write_header();
+  const Status written = write_header();
+  if (!written.ok()) {
+    close(m_file_handle);
+    m_file_handle = -1;
+    unlink(path.c_str());
+    m_file_unlinked = true;
+  }
+  return written;
 }
 
 Status ZVKFileWriter::failed_open(int error_number) {
@@ -290,8 +314,8 @@ Status ZVKFileWriter::write_header() {
   const size_t size = kZVKFileHeaderSize + get_header_payload_size(m_hdr);
   const off_t position = lseek(m_file_handle, 0, SEEK_CUR);
   lseek(m_file_handle, 0, SEEK_SET);
-  const ssize_t wrote = write(m_file_handle, m_hdr, size);
-  if (wrote != static_cast<ssize_t>(size)) {
+  int error_number = 0;
+  if (write_fully(m_file_handle, m_hdr, size, &error_number, m_write) != size) {
     lseek(m_file_handle, position, SEEK_SET);
     return Status(error::FAILURE, "Couldn't write the header!");
   }
@@ -363,18 +387,18 @@ Status ZVKFileWriter::rotate_file(ZVKBucketWriter** bucket_writer, uint32_t num_
 
   m_rotation_count += 1;
   ZVK_RETURN_NOT_OK(create_file());
-  *bucket_writer = new ZVKBucketWriter(m_file_handle, compression_level());
+  *bucket_writer = new ZVKBucketWriter(m_file_handle, compression_level(), m_write);
   return Status::OK();
 }
 
 ZVKBucketWriter* ZVKFileWriter::reopen_after_failed_rotation() {
   if (!create_file().ok()) return nullptr;
-  return new ZVKBucketWriter(m_file_handle, compression_level());
+  return new ZVKBucketWriter(m_file_handle, compression_level(), m_write);
 }
 
 void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
                                 ZVKQueue<ZVKBuffer>* to_write) {
-  ZVKBucketWriter* bucket_writer = new ZVKBucketWriter(file_handle, compression_level());
+  ZVKBucketWriter* bucket_writer = new ZVKBucketWriter(file_handle, compression_level(), m_write);
   uint32_t num_buckets = 0;
   uint64_t total_buckets = 0;
   uint64_t total_records = 0;
@@ -386,7 +410,7 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
   uint64_t fileless_bytes = 0;
   const auto rotation_period = std::chrono::seconds(m_rotation_duration_s);
   const auto flush_interval = std::chrono::milliseconds(m_flush_interval_ms);
-  auto next_flush = Clock::now() + flush_interval;
+  auto next_flush = ZVKPipelineClock::steady_now() + flush_interval;
 
   // Writes one buffer as a bucket and hands it back. Only a bucket that is in the
   // file whole counts; a lost one is reported by the bucket writer.
@@ -414,7 +438,7 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
   // Sleeps until a buffer is queued, the stop comes, or the next flush or rotation
   // is due; an idle capture costs a wake-up a second at most.
   auto wait_for_buffer = [&](ZVKBuffer** buffer) {
-    const auto now = Clock::now();
+    const auto now = ZVKPipelineClock::steady_now();
     auto wake = now + std::chrono::seconds(1);
     if (m_flush_interval_ms != 0) wake = std::min(wake, next_flush);
     if (m_rotation_time > now) wake = std::min(wake, m_rotation_time);
@@ -433,31 +457,31 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
   to_write->pop(&buffer);
   while (buffer == nullptr && m_run_writer_loop) {
     wait_for_buffer(&buffer);
-    const auto now = Clock::now();
+    const auto now = ZVKPipelineClock::steady_now();
     if (buffer == nullptr) flush_producers(now);
     if (now > m_rotation_time) {
-      LOG(INFO) << local_time_text(now) << " - rotation is up, no buffer received";
+      LOG(INFO) << local_time_now() << " - rotation is up, no buffer received";
       m_rotation_time += rotation_period;
     }
   }
   if (buffer != nullptr) handle(buffer);
 
-  const auto t_start = Clock::now();
+  const auto t_start = ZVKPipelineClock::steady_now();
   while (m_run_writer_loop) {
     to_write->pop(&buffer);
     if (buffer == nullptr) {
-      const auto t0 = Clock::now();
+      const auto t0 = ZVKPipelineClock::steady_now();
       wait_for_buffer(&buffer);
-      spin_us += elapsed_ns(t0, Clock::now()) / 1000;
+      spin_us += elapsed_ns(t0, ZVKPipelineClock::steady_now()) / 1000;
     }
     if (buffer != nullptr) handle(buffer);
 
-    const auto now = Clock::now();
+    const auto now = ZVKPipelineClock::steady_now();
     flush_producers(now);
     if (now > m_rotation_time) {
       const uint64_t records =
           bucket_writer != nullptr ? bucket_writer->get_total_records_written() : 0;
-      LOG(INFO) << local_time_text(now) << " - rotation is up" << "num_buckets=" << num_buckets
+      LOG(INFO) << local_time_now() << " - rotation is up" << "num_buckets=" << num_buckets
                 << "num_total_records" << records;
       m_rotation_time += rotation_period;
       if (num_buckets != 0 && bucket_writer != nullptr) {
@@ -489,8 +513,16 @@ void ZVKFileWriter::writer_loop(int file_handle, ZVKQueue<ZVKBuffer>* to_fill,
                << " records could not be written and are not in the file";
   }
 
+  if (const uint64_t late = to_fill->take_late_records()) {
+    LOG(WARNING) << late << " records were dropped: no buffer came free within "
+                 << std::chrono::duration_cast<std::chrono::seconds>(
+                        ZVKBufferRecordHelper::kMaxBufferWait)
+                        .count()
+                 << " s while the writer was behind";
+  }
+
   m_hdr->end_time = now_ns();
-  const auto t_end = Clock::now();
+  const auto t_end = ZVKPipelineClock::steady_now();
 
   const uint32_t last_max_uncompressed =
       bucket_writer != nullptr ? bucket_writer->get_max_bucket_size() : 0;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -41,12 +43,17 @@ class ZVKFileWriter {
 
   static constexpr uint32_t kDefaultFlushIntervalMs = 1000;
 
+  // A capture holds the command line, host names and the address layout: its files
+  // are readable by their owner only, unless sharing is asked for.
+  static constexpr mode_t kPrivateFileMode = 0600;
+  static constexpr mode_t kSharedFileMode = 0644;
+
   // Every `flush_interval_ms` (0: never) the writer sends on the producers'
   // partly filled buffers, so that a process that ends without a stop loses
-  // about that much at most.
+  // about that much at most. `share_files` makes the files readable by all.
   ZVKFileWriter(ZVKQueue<ZVKBuffer>* to_fill, ZVKQueue<ZVKBuffer>* to_write,
                 const JobMetadata& metadata, uint32_t compression,
-                uint32_t flush_interval_ms = kDefaultFlushIntervalMs);
+                uint32_t flush_interval_ms = kDefaultFlushIntervalMs, bool share_files = false);
   ~ZVKFileWriter();
   ZVKFileWriter(const ZVKFileWriter&) = delete;
   ZVKFileWriter& operator=(const ZVKFileWriter&) = delete;
@@ -81,6 +88,9 @@ class ZVKFileWriter {
   // A new file from m_filepattern under the first free running number.
   Status create_file();
   Status failed_open(int error_number);
+  // Gives the mode to a file just created, writes its first header, and takes the
+  // file away again if that fails: a capture that could not start leaves nothing.
+  Status begin_file();
   ZVKBucketWriter* reopen_after_failed_rotation();
   Status reopen_file(const std::string& name);
   Status close_file();
@@ -99,12 +109,15 @@ class ZVKFileWriter {
   std::string m_filename;
   std::string m_filepattern;
   JobMetadata m_metadata;
-  std::chrono::system_clock::time_point m_rotation_time{};
+  // On the steady clock: a step of the system clock must not hold a rotation back.
+  std::chrono::steady_clock::time_point m_rotation_time{};
   uint32_t m_rotation_duration_s = kDefaultRotationSeconds;
   uint32_t m_rotation_count = 0;
   int32_t m_compression;
   uint32_t m_flush_interval_ms;
   int m_file_handle = -1;
+  mode_t m_file_mode;
+  ZVKWriteFunction m_write = &::write;
   // Set and cleared by the controller's thread, polled by the writer thread.
   std::atomic<bool> m_run_writer_loop{false};
   bool m_is_kelvane = false;

@@ -9,8 +9,6 @@ namespace {
 struct Entry {
   ZVKForkLocks::Rank rank;
   std::mutex* lock;
-  ZVKForkLocks::Settle settle;
-  void* owner;
 };
 
 struct Registry {
@@ -26,13 +24,13 @@ Registry& registry() {
 
 }  // namespace
 
-void ZVKForkLocks::add(std::mutex* lock, Rank rank, Settle settle, void* owner) {
+void ZVKForkLocks::add(std::mutex* lock, Rank rank) {
   Registry& reg = registry();
   std::lock_guard<std::mutex> guard(reg.lock);
   // Kept sorted by rank so that acquire_all walks the lock order.
   auto at = std::upper_bound(reg.locks.begin(), reg.locks.end(), rank,
                              [](Rank r, const Entry& entry) { return r < entry.rank; });
-  reg.locks.insert(at, Entry{rank, lock, settle, owner});
+  reg.locks.insert(at, Entry{rank, lock});
 }
 
 void ZVKForkLocks::remove(std::mutex* lock) {
@@ -46,10 +44,7 @@ void ZVKForkLocks::remove(std::mutex* lock) {
 void ZVKForkLocks::acquire_all() {
   Registry& reg = registry();
   reg.lock.lock();
-  for (Entry& entry : reg.locks) {
-    entry.lock->lock();
-    if (entry.settle != nullptr) entry.settle(entry.owner);
-  }
+  for (Entry& entry : reg.locks) entry.lock->lock();
 }
 
 void ZVKForkLocks::release_all() {

@@ -13,11 +13,8 @@ namespace zorvek {
 class ZVKForkLocks {
  public:
   enum Rank : int { HELPER_LIST = 0, RECORD_HELPER = 1, QUEUE = 2, LEAF = 3 };
-  // Called right after `lock` is taken for a fork, before any lock of a higher
-  // rank: the owner's chance to let work already under way finish.
-  using Settle = void (*)(void* owner);
 
-  static void add(std::mutex* lock, Rank rank, Settle settle = nullptr, void* owner = nullptr);
+  static void add(std::mutex* lock, Rank rank);
   static void remove(std::mutex* lock);
 
   // For the fork handlers: acquire in the prepare handler, release in the parent

@@ -7,6 +7,9 @@
 
 namespace zorvek {
 
+ZVKPipelineClock::SteadyNow ZVKPipelineClock::steady_now = &std::chrono::steady_clock::now;
+ZVKPipelineClock::SystemNow ZVKPipelineClock::system_now = &std::chrono::system_clock::now;
+
 template <>
 ZVKQueue<ZVKBuffer>::ZVKQueue(uint32_t count, size_t size) : ZVKQueue() {
   if (count == 0) return;
@@ -36,6 +39,8 @@ ZVKQueue<ZVKBuffer>::ZVKQueue(uint32_t count, size_t size) : ZVKQueue() {
   }
   // The stride is capacity + 8 (the two counts); the slab reserves 8 more per block,
   // which no buffer uses.
+  count_ = count;
+  stride_ = capacity + sizeof(ZVKBuffer);
   char* cursor = static_cast<char*>(storage_);
   for (uint32_t i = 0; i < count; ++i) {
     ZVKBuffer* buffer = reinterpret_cast<ZVKBuffer*>(cursor);
@@ -43,6 +48,19 @@ ZVKQueue<ZVKBuffer>::ZVKQueue(uint32_t count, size_t size) : ZVKQueue() {
     buffer->num_bytes = 0;
     buffers_.push_back(buffer);
     cursor += capacity + sizeof(ZVKBuffer);
+  }
+}
+
+template <>
+void ZVKQueue<ZVKBuffer>::refill_all() {
+  std::lock_guard<std::mutex> lock(queue_lock);
+  buffers_.clear();
+  char* cursor = static_cast<char*>(storage_);
+  for (uint32_t i = 0; i < count_; ++i) {
+    ZVKBuffer* buffer = reinterpret_cast<ZVKBuffer*>(cursor);
+    buffer->num_bytes = 0;
+    buffers_.push_back(buffer);
+    cursor += stride_;
   }
 }
 

@@ -15,13 +15,26 @@
 
 namespace zorvek {
 
+// The clocks the record pipeline reads. Intervals (a producer's wait for a buffer,
+// the writer's flush period and rotation deadline) run on the steady clock, so that
+// a step of the system clock can neither stretch nor cut them; the system clock
+// only places a deadline in wall time and dates log lines. Tests replace them;
+// they are set before any thread that reads them starts.
+struct ZVKPipelineClock {
+  using SteadyNow = std::chrono::steady_clock::time_point (*)();
+  using SystemNow = std::chrono::system_clock::time_point (*)();
+  static SteadyNow steady_now;
+  static SystemNow system_now;
+};
+
 // A locked FIFO of pointers over one slab of fixed-size elements, which it owns.
 // Elements move between queues by pointer; none is allocated after construction.
 //
 // Besides the elements, a queue knows whether some thread is running that will
 // push elements back onto it (`set_supplied`): a producer waiting for a free
 // buffer waits only while that is so, since otherwise nothing would ever end the
-// wait. Records dropped for that reason are counted here, for the whole pipeline.
+// wait. Records dropped for that reason are counted here, for the whole pipeline,
+// apart from those dropped because a supplier was too slow to free a buffer.
 template <typename T>
 class ZVKQueue {
  public:
@@ -88,6 +101,16 @@ class ZVKQueue {
   // The records dropped since the last call.
   uint64_t take_dropped_records() { return m_dropped_records.exchange(0); }
 
+  // Records dropped while a supplier ran but freed no buffer in time (a writer on
+  // a hung disk, say).
+  void count_late_record() { m_late_records.fetch_add(1, std::memory_order_relaxed); }
+  // The records dropped so since the last call.
+  uint64_t take_late_records() { return m_late_records.exchange(0); }
+
+  // For a forked child, whose buffers hold its parent's records or are held by
+  // threads that don't exist in it: lists every buffer of the slab again, empty.
+  void refill_all();
+
   // Logs the buffers still queued with data in them. Teardown frees a queue without
   // a word; a tool that wants to know what would be lost asks this first.
   void report_unprocessed() const;
@@ -109,13 +132,19 @@ class ZVKQueue {
   std::condition_variable m_pushed;
   std::atomic<bool> m_supplied{false};
   std::atomic<uint64_t> m_dropped_records{0};
+  std::atomic<uint64_t> m_late_records{0};
   void* storage_ = nullptr;
+  // The slab's layout, for refill_all.
+  uint32_t count_ = 0;
+  size_t stride_ = 0;
 };
 
 template <>
 ZVKQueue<ZVKBuffer>::ZVKQueue(uint32_t count, size_t size);
 template <>
 void ZVKQueue<ZVKBuffer>::report_unprocessed() const;
+template <>
+void ZVKQueue<ZVKBuffer>::refill_all();
 
 // Shared-pointer deleter: a buffer whose last holder lets go goes to the writer.
 template <typename T>

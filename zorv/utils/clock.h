@@ -26,4 +26,16 @@ std::string local_time_text(uint64_t ns, const char* format);
 // less the cost of one clock_gettime call.
 uint64_t get_clock_offset();
 
+// The mean of `count` values, rounded down, exact at any size: summing ten system
+// clock readings in 64 bits would wrap once the clock passes mid-2028.
+uint64_t mean_of(const uint64_t* values, int count);
+
+constexpr int kClockOffsetRounds = 10;
+
+// get_clock_offset's arithmetic on its readings: ten pairs of monotonic and system
+// readings, then the first and last of six back-to-back monotonic reads.
+uint64_t clock_offset_from(const timespec (&monotonic)[kClockOffsetRounds],
+                           const timespec (&system)[kClockOffsetRounds],
+                           const timespec& cost_first, const timespec& cost_last);
+
 }  // namespace zorvek

@@ -34,6 +34,11 @@ int LogMessage::max_vlog_level() {
   return max_level;
 }
 
+bool LogMessage::is_quiet() {
+  static const bool quiet = read_level_from_env("ZORV_QUIET") == 1;
+  return quiet;
+}
+
 bool LogMessage::is_vlog_active(const char* /*filename*/, int level) {
   return level <= max_vlog_level();
 }

@@ -18,6 +18,9 @@ class LogMessage : public std::ostringstream {
 
   static int max_vlog_level();
   static bool is_vlog_active(const char* filename, int level);
+  // ZORV_QUIET, read once like the levels ("1": on): lines that report nothing
+  // (a stall of 0 s, an operation with nothing to do) are left out.
+  static bool is_quiet();
 
   int severity() const { return lvl_; }
 
