@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
@@ -89,6 +90,9 @@ class ScriptedKernel : public ZVKPerfKernel {
   }
 
   std::function<int(epoll_event*, int)> epoll_wait_script;
+  // As perf_event_paranoid 1 and above do for a user without CAP_PERFMON: an
+  // event over every task of a CPU is refused, one of a thread is not.
+  std::atomic<bool> refuse_cpu_wide{false};
   std::function<void*(int fd, size_t size)> map_ring_script;
 
   std::vector<Open> opens() const {
@@ -114,6 +118,9 @@ class ScriptedKernel : public ZVKPerfKernel {
     int fd;
     if (fails("perf_event_open")) {
       fd = -1;
+    } else if (pid == -1 && refuse_cpu_wide) {
+      errno = EACCES;
+      fd = -1;
     } else {
       fd = ZVKPerfKernel::perf_event_open(attr, pid, cpu, group_fd, flags);
     }
@@ -127,6 +134,10 @@ class ScriptedKernel : public ZVKPerfKernel {
   int enable(int fd) override { return note("enable", ZVKPerfKernel::enable(fd)); }
   int disable(int fd) override { return note("disable", ZVKPerfKernel::disable(fd)); }
   int reset(int fd) override { return note("reset", ZVKPerfKernel::reset(fd)); }
+  int set_output(int fd, int output_fd) override {
+    if (fails("set_output")) return -1;
+    return ZVKPerfKernel::set_output(fd, output_fd);
+  }
   int close(int fd) override {
     {
       std::lock_guard<std::mutex> lock(m_mutex);
@@ -223,6 +234,9 @@ class ScriptedKernel : public ZVKPerfKernel {
 };
 
 // The flag word of a perf_event_attr, the 64 bits after read_format.
+// The one-time probe's attribute is the only one whose size is left at 0.
+bool is_init_probe(const ScriptedKernel::Open& open) { return open.attr.size == 0; }
+
 uint64_t flag_word(const perf_event_attr& attr) {
   uint64_t word;
   std::memcpy(&word, reinterpret_cast<const char*>(&attr) + 40, sizeof(word));
@@ -374,18 +388,34 @@ TEST(CaptureConfig, BranchStackBitAsksForUserKernelAndCallStackBranches) {
   EXPECT_EQ(attr.branch_sample_type, 0xC803u);
 }
 
-TEST(CaptureConfig, TestConfigAsksForCpuZeroAndAllTasksWithoutKernelChainExclusion) {
+TEST(CaptureConfig, TestConfigOpensTheEventAsTheCaptureWillOnItsTarget) {
   ScriptedKernel kernel;
-  EXPECT_TRUE(test_config(CaptureConfig(kCpuClock), kernel));
+  kernel.refuse_cpu_wide = true;
+  PerfTarget target;
+  target.inherit = true;
+  EXPECT_TRUE(test_config(CaptureConfig(kCpuClock), target, kernel));
   const auto opens = kernel.opens();
   ASSERT_EQ(opens.size(), 1u);
-  EXPECT_EQ(opens[0].pid, -1);
+  EXPECT_EQ(opens[0].pid, 0);
   EXPECT_EQ(opens[0].cpu, 0);
   EXPECT_EQ(opens[0].group, -1);
   EXPECT_EQ(opens[0].flags, static_cast<unsigned long>(PERF_FLAG_FD_CLOEXEC));
-  EXPECT_EQ(flag_word(opens[0].attr), 0x421E1u);
-  EXPECT_EQ(opens[0].attr.read_format, 0u);
+  // The capture's own attribute: its flags with inherit, and the event id to read.
+  EXPECT_EQ(flag_word(opens[0].attr), 0x2421E1u | 2u);
+  EXPECT_EQ(opens[0].attr.read_format, static_cast<uint64_t>(PERF_FORMAT_ID));
   EXPECT_EQ(kernel.closed(), std::vector<int>{opens[0].fd});
+
+  PerfTarget elsewhere;
+  elsewhere.pid = 7;
+  elsewhere.cpu = 1;
+  elsewhere.flags = PERF_FLAG_FD_CLOEXEC | PERF_FLAG_PID_CGROUP;
+  kernel.fail("perf_event_open", EBADF);
+  EXPECT_FALSE(test_config(CaptureConfig(kCpuClock), elsewhere, kernel));
+  const auto second = kernel.opens().back();
+  EXPECT_EQ(second.pid, 7);
+  EXPECT_EQ(second.cpu, 1);
+  EXPECT_EQ(second.flags, elsewhere.flags);
+  EXPECT_EQ(second.attr.inherit, 0u);
 }
 
 TEST(CaptureConfig, TestConfigRejectsWhatTheKernelRefuses) {
@@ -393,7 +423,7 @@ TEST(CaptureConfig, TestConfigRejectsWhatTheKernelRefuses) {
   ScriptedKernel kernel;
   kernel.fail("perf_event_open", ENOENT);
   CaptureStderr();
-  EXPECT_FALSE(test_config(CaptureConfig("4,8401,100007,743,3,0,0"), kernel));
+  EXPECT_FALSE(test_config(CaptureConfig("4,8401,100007,743,3,0,0"), PerfTarget{}, kernel));
   EXPECT_TRUE(log_messages(GetCapturedStderr()).empty());  // verbose only
 }
 
@@ -405,7 +435,7 @@ TEST(CaptureConfigFresh, TestConfigFailureIsToldAtVerboseLevel) {
   ScriptedKernel kernel;
   kernel.fail("perf_event_open", ENOENT);
   CaptureStderr();
-  EXPECT_FALSE(test_config(CaptureConfig("4,8401,100007,743,3,0,0"), kernel));
+  EXPECT_FALSE(test_config(CaptureConfig("4,8401,100007,743,3,0,0"), PerfTarget{}, kernel));
   const std::string log = GetCapturedStderr();
   EXPECT_NE(log.find("| Failed to open perf handle! No such file or directory\n"
                      "Event config was type= PERF_TYPE_RAW, config= 20d1, period= 100007, "
@@ -566,17 +596,34 @@ TEST(PerfHandlerConfigure, ACgroupThatCannotBeOpenedIsToldAndSamplingFallsBackTo
 TEST(PerfHandlerConfigure, ACgroupDirectoryBecomesTheTargetOfEveryGroup) {
   Pipeline pipeline;
   ScriptedKernel kernel;
-  kernel.fail("perf_event_open", EBADF, 1);  // the probe of the event list passes
+  kernel.fail("perf_event_open", EBADF);  // "/" is no cgroup
   ZVKPerfHandler handler(pipeline.helper, kernel);
-  ASSERT_TRUE(configure_quietly(handler, {{"CgroupDir", "/"}, {"EventConfigs", kCpuClock}}).ok());
+  ASSERT_TRUE(configure_quietly(handler, {{"CgroupDir", "/"}}).ok());
   ASSERT_NE(handler.cgroup_fd(), -1);
   CaptureStderr();
   EXPECT_FALSE(handler.start().ok());
   GetCapturedStderr();
   const auto opens = kernel.opens();
-  EXPECT_EQ(opens.back().pid, handler.cgroup_fd());
-  EXPECT_EQ(opens.back().flags,
-            static_cast<unsigned long>(PERF_FLAG_FD_CLOEXEC | PERF_FLAG_PID_CGROUP));
+  ASSERT_FALSE(opens.empty());
+  for (const auto& open : opens) {  // the one-time probe too, if this process hadn't had it
+    EXPECT_EQ(open.pid, handler.cgroup_fd());
+    EXPECT_EQ(open.flags, static_cast<unsigned long>(PERF_FLAG_FD_CLOEXEC | PERF_FLAG_PID_CGROUP));
+  }
+}
+
+TEST(PerfHandlerConfigure, AnEventListIsTriedOnTheCgroup) {
+  Pipeline pipeline;
+  ScriptedKernel kernel;
+  kernel.fail("perf_event_open", EBADF);
+  ZVKPerfHandler handler(pipeline.helper, kernel);
+  const Status status =
+      configure_quietly(handler, {{"CgroupDir", "/"}, {"CPU", "1"}, {"EventConfigs", kCpuClock}});
+  EXPECT_EQ(status.code_, error::INVALID_ARGUMENT);
+  const auto opens = kernel.opens();
+  ASSERT_EQ(opens.size(), 1u);
+  EXPECT_EQ(opens[0].pid, handler.cgroup_fd());
+  EXPECT_EQ(opens[0].cpu, 1);
+  EXPECT_EQ(opens[0].flags, static_cast<unsigned long>(PERF_FLAG_FD_CLOEXEC | PERF_FLAG_PID_CGROUP));
 }
 
 // ---- Opening descriptors -------------------------------------------------------------
@@ -585,34 +632,37 @@ TEST(PerfHandlerStart, ACpuOfTwoOpensOneGroupOnCpuTwoOnly) {
   Pipeline pipeline;
   ScriptedKernel kernel;
   ZVKPerfHandler handler(pipeline.helper, kernel);
-  ASSERT_TRUE(configure_quietly(handler, {{"CPU", "2"}, {"SingleWorker", "0"},
-                                          {"EventConfigs", std::string(kCpuClock) + "|1,1,1000003"}})
-                  .ok());
+  const Status configured =
+      configure_quietly(handler, {{"CPU", "2"}, {"SingleWorker", "0"},
+                                  {"EventConfigs", std::string(kCpuClock) + "|1,1,1000003"}});
   const size_t probes = kernel.opens().size();
+  ASSERT_GE(probes, 1u);
+  // The event list is tried where the capture will open it.
+  EXPECT_EQ(kernel.opens()[0].cpu, 2);
+  if (get_nprocs_conf() <= 2) {
+    // No CPU 2 here: the kernel refuses it, and so the configuration.
+    EXPECT_EQ(configured.code_, error::INVALID_ARGUMENT);
+    EXPECT_EQ(probes, 1u);
+    return;
+  }
+  ASSERT_TRUE(configured.ok());
   CaptureStderr();
   const Status started = handler.start();
   GetCapturedStderr();
   std::vector<ScriptedKernel::Open> opens = kernel.opens();
   opens.erase(opens.begin(), opens.begin() + static_cast<long>(probes));
   // The one-time probe may come first, on the current CPU.
-  if (!opens.empty() && opens.front().pid == -1) opens.erase(opens.begin());
-  ASSERT_FALSE(opens.empty());
+  if (!opens.empty() && is_init_probe(opens.front())) opens.erase(opens.begin());
+  ASSERT_TRUE(started.ok());
+  ASSERT_EQ(opens.size(), 2u);
   for (const auto& open : opens) EXPECT_EQ(open.cpu, 2);
-  if (get_nprocs_conf() > 2) {
-    ASSERT_TRUE(started.ok());
-    ASSERT_EQ(opens.size(), 2u);
-    EXPECT_EQ(opens[0].group, -1);
-    EXPECT_EQ(opens[1].group, opens[0].fd);
-    EXPECT_EQ(opens[0].attr.disabled, 1u);
-    EXPECT_EQ(opens[1].attr.disabled, 0u);
-    CaptureStderr();
-    handler.stop();
-    GetCapturedStderr();
-  } else {
-    // No CPU 2 here: the kernel refuses it, and so the capture.
-    EXPECT_EQ(started.code_, error::FAILURE);
-    EXPECT_EQ(opens.size(), 1u);
-  }
+  EXPECT_EQ(opens[0].group, -1);
+  EXPECT_EQ(opens[1].group, opens[0].fd);
+  EXPECT_EQ(opens[0].attr.disabled, 1u);
+  EXPECT_EQ(opens[1].attr.disabled, 0u);
+  CaptureStderr();
+  handler.stop();
+  GetCapturedStderr();
 }
 
 TEST(PerfHandlerStart, EveryCpuGetsAGroupWithTheFirstEventAsItsDisabledLeader) {
@@ -622,12 +672,15 @@ TEST(PerfHandlerStart, EveryCpuGetsAGroupWithTheFirstEventAsItsDisabledLeader) {
   ASSERT_TRUE(configure_quietly(handler, {{"SingleWorker", "0"}, {"InheritEvents", "1"},
                                           {"EventConfigs", std::string(kCpuClock) + "|1,1,1000003"}})
                   .ok());
+  const size_t probes = kernel.opens().size();
   CaptureStderr();
   ASSERT_TRUE(handler.start().ok());
   GetCapturedStderr();
+  // The calling thread's groups; other threads of the process, if any, get their own.
   std::vector<ScriptedKernel::Open> opens;
-  for (const auto& open : kernel.opens()) {
-    if (open.pid != -1) opens.push_back(open);
+  const auto all = kernel.opens();
+  for (size_t i = probes; i < all.size(); ++i) {
+    if (!is_init_probe(all[i]) && all[i].pid == 0) opens.push_back(all[i]);
   }
   const size_t cpus = static_cast<size_t>(get_nprocs_conf());
   ASSERT_EQ(opens.size(), 2 * cpus);
@@ -641,14 +694,19 @@ TEST(PerfHandlerStart, EveryCpuGetsAGroupWithTheFirstEventAsItsDisabledLeader) {
     EXPECT_EQ(leader.attr.disabled, 1u);
     EXPECT_EQ(member.attr.disabled, 0u);
     EXPECT_EQ(leader.attr.inherit, 1u);
+    // New threads, not child processes: a child samples itself when it follows.
+    EXPECT_EQ(leader.attr.inherit_thread, 1u);
     EXPECT_EQ(leader.attr.exclude_callchain_kernel, 1u);
     EXPECT_EQ(leader.pid, 0);
   }
   // One worker per CPU, built and never started: the descriptors stay open.
   ASSERT_EQ(handler.workers().size(), cpus);
-  for (const auto& worker : handler.workers()) {
+  for (size_t cpu = 0; cpu < cpus; ++cpu) {
+    const auto& worker = handler.workers()[cpu];
     EXPECT_FALSE(worker.has_run());
-    EXPECT_EQ(worker.fds().size(), 2u);
+    ASSERT_GE(worker.fds().size(), 2u);
+    EXPECT_EQ(worker.fds()[0].fd, opens[2 * cpu].fd);
+    EXPECT_EQ(worker.fds()[1].fd, opens[2 * cpu + 1].fd);
   }
   for (const PerfConfFD& fd : handler.perf_fds()) EXPECT_TRUE(is_open(static_cast<int>(fd.fd)));
   CaptureStderr();
@@ -733,6 +791,7 @@ TEST(PerfHandlerStart, AHandlerBuiltOnAHelperRefusesPerWorkerHelpers) {
   ASSERT_TRUE(configure_quietly(handler, {{"EventConfigs", kCpuClock}, {"SingleWorker", "0"},
                                           {"SharedBuckets", "0"}})
                   .ok());
+  const size_t probes = kernel.opens().size();
   CaptureStderr();
   const Status status = handler.start();
   const Strings lines = log_messages(GetCapturedStderr());
@@ -744,7 +803,8 @@ TEST(PerfHandlerStart, AHandlerBuiltOnAHelperRefusesPerWorkerHelpers) {
   // Refused before anything is opened: a retry leaves nothing behind either.
   EXPECT_TRUE(handler.perf_fds().empty());
   EXPECT_TRUE(handler.workers().empty());
-  for (const auto& open : kernel.opens()) EXPECT_EQ(open.pid, -1);  // the list's test only
+  const auto opens = kernel.opens();
+  for (size_t i = probes; i < opens.size(); ++i) EXPECT_TRUE(is_init_probe(opens[i]));
 }
 
 // ---- A real capture ----------------------------------------------------------------
@@ -1145,13 +1205,14 @@ TEST(PerfHandlerFresh, TheProbeRunsOncePerProcessAndASecondHandlerSkipsIt) {
     const size_t before = capture.kernel.opens().size();
     ASSERT_TRUE(capture.start().ok());
     const auto opens = capture.kernel.opens();
-    const bool probed = opens[before].pid == -1;
+    const bool probed = is_init_probe(opens[before]);
     EXPECT_EQ(probed, round == 0) << round;
     if (round == 0) {
       EXPECT_EQ(opens[before].attr.type, static_cast<uint32_t>(PERF_TYPE_SOFTWARE));
       EXPECT_EQ(opens[before].attr.config, static_cast<uint64_t>(PERF_COUNT_SW_CPU_CLOCK));
       EXPECT_EQ(opens[before].attr.exclude_kernel, 1u);
-      EXPECT_EQ(opens[before].attr.size, 0u);
+      // On the capture's own target, the calling thread, not every task of the CPU.
+      EXPECT_EQ(opens[before].pid, 0);
       EXPECT_NE(capture.start_log.find("| Perf init succesful with FD=" + std::to_string(opens[before].fd)),
                 std::string::npos);
     }
@@ -1173,13 +1234,14 @@ TEST(PerfHandlerFresh, AFailedProbeIsToldAndTheStartGoesOn) {
   const Strings lines = log_messages(GetCapturedStderr());
   const auto opens = capture.kernel.opens();
   ASSERT_GT(opens.size(), before + 1);
-  EXPECT_EQ(opens[before].pid, -1);
-  EXPECT_EQ(opens[before + 1].pid, 0);  // the start went on
+  EXPECT_TRUE(is_init_probe(opens[before]));
+  EXPECT_EQ(opens[before].pid, 0);
+  EXPECT_FALSE(is_init_probe(opens[before + 1]));  // the start went on
   EXPECT_EQ(started.code_, error::FAILURE);
   ASSERT_GE(lines.size(), 3u);
   EXPECT_EQ(lines[0], "ERROR| Failed to open perf handle! Permission denied size of perfstruct=112 "
                       "enum=112 errno=13");
-  EXPECT_EQ(lines[1], "ERROR| PID=-1, CPU=" + std::to_string(opens[before].cpu) +
+  EXPECT_EQ(lines[1], "ERROR| PID=0, CPU=" + std::to_string(opens[before].cpu) +
                           ", type=PERF_TYPE_SOFTWARE, config=PERF_COUNT_SW_CPU_CLOCK, sample_type= "
                           "PERF_SAMPLE_IP | PERF_SAMPLE_TID | PERF_SAMPLE_TIME | "
                           "PERF_SAMPLE_CALLCHAIN | PERF_SAMPLE_ID | PERF_SAMPLE_CPU | "
@@ -1209,6 +1271,239 @@ TEST(PerfHandlerFresh, VerboseLevelTellsEveryOpenAndEventId) {
   std::ostringstream id;
   id << "INFO| Event id for " << fd.fd << " is " << fd.id << " 0x" << std::hex << fd.id;
   EXPECT_NE(std::find(lines.begin(), lines.end(), id.str()), lines.end());
+}
+
+// ---- Without privileges ------------------------------------------------------------------
+
+TEST(PerfUnprivileged, AKernelThatRefusesCpuWideEventsStillSamplesTheProcess) {
+  // Fresh: the one-time probe is part of what must not ask for a whole CPU.
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({}));
+    return;
+  }
+  Pipeline pipeline;
+  ScriptedKernel kernel;
+  kernel.refuse_cpu_wide = true;
+  ZVKPerfHandler handler(pipeline.helper, kernel);
+  // The settings the zorvek package hands over: one event, threads inherited.
+  CaptureStderr();
+  const Status configured = handler.configure({{"EventConfigs", kCpuClock}, {"InheritEvents", "1"}});
+  const Status started = handler.start();
+  const std::string start_log = GetCapturedStderr();
+  ASSERT_TRUE(configured.ok()) << configured.msg_;
+  ASSERT_TRUE(started.ok()) << started.msg_;
+  spin_for(std::chrono::milliseconds(300));
+  CaptureStderr();
+  const Status stopped = handler.stop();
+  GetCapturedStderr();
+  EXPECT_TRUE(stopped.ok()) << stopped.msg_;
+  for (const std::string& line : log_messages(start_log)) {
+    EXPECT_NE(line.rfind("ERROR|", 0), 0u) << line;
+  }
+  for (const auto& open : kernel.opens()) {
+    EXPECT_NE(open.pid, -1);
+    EXPECT_GE(open.fd, 0);
+  }
+  const uint32_t tid = static_cast<uint32_t>(syscall(SYS_gettid));
+  size_t own = 0;
+  for (const auto& sample : of_event(pipeline.written(), perfevent::SAMPLE)) {
+    if (sample.tid == tid) ++own;
+  }
+  EXPECT_GT(own, 10u);
+}
+
+// ---- Threads that were there before the start ----------------------------------------------
+
+TEST(PerfThreads, ThreadsRunningBeforeTheStartAreSampledIntoTheTargetsRings) {
+  // Two threads spin from before the start to the stop, as a thread pool would.
+  std::atomic<bool> stop{false};
+  std::atomic<int> ready{0};
+  std::vector<uint32_t> tids(2, 0);
+  std::vector<std::thread> spinners;
+  for (size_t i = 0; i < tids.size(); ++i) {
+    spinners.emplace_back([&, i] {
+      tids[i] = static_cast<uint32_t>(syscall(SYS_gettid));
+      ++ready;
+      volatile uint64_t sink = 0;
+      while (!stop) sink = sink + 1;
+    });
+  }
+  while (ready < 2) std::this_thread::yield();
+  StartedCapture capture(Settings{{"InheritEvents", "1"}});
+  ASSERT_TRUE(capture.start().ok());
+  spin_for(std::chrono::milliseconds(400));
+  EXPECT_TRUE(capture.stop().ok());
+  stop = true;
+  for (std::thread& spinner : spinners) spinner.join();
+
+  // Their groups write to the target's rings: no ring, no epoll entry of their own.
+  size_t routed = 0;
+  for (const PerfConfFD& fd : capture.fds) {
+    if (fd.output_fd == -1) continue;
+    ++routed;
+    EXPECT_TRUE(std::any_of(capture.fds.begin(), capture.fds.end(), [&](const PerfConfFD& owner) {
+      return owner.fd == fd.output_fd && owner.output_fd == -1;
+    }));
+  }
+  const size_t cpus = static_cast<size_t>(get_nprocs_conf());
+  EXPECT_GE(routed, 2 * cpus);
+  EXPECT_EQ(capture.kernel.calls("set_output"), static_cast<int>(routed));
+  EXPECT_EQ(capture.kernel.calls("map_ring"), static_cast<int>(capture.fds.size() - routed));
+
+  const auto records = capture.pipeline.written();
+  // Every descriptor's configuration is there, so every sample's id can be placed.
+  std::set<uint64_t> ids;
+  for (const auto& config : of_event(records, perfevent::CONFIGURATION)) {
+    ids.insert(payload_of<perfevent::ZVKPerfConfigData>(config).format_id);
+  }
+  EXPECT_EQ(ids.size(), capture.fds.size());
+  std::map<uint32_t, size_t> per_thread;
+  for (const auto& sample : of_event(records, perfevent::SAMPLE)) {
+    ++per_thread[sample.tid];
+    EXPECT_EQ(ids.count(payload_of<perfevent::ZVKPerfSample>(sample).id), 1u);
+  }
+  for (uint32_t tid : tids) EXPECT_GT(per_thread[tid], 10u) << tid;
+  EXPECT_GT(per_thread[static_cast<uint32_t>(syscall(SYS_gettid))], 10u);
+}
+
+TEST(PerfThreadsFresh, ThreadsTakeAtMostAQuarterOfTheDescriptorsLeft) {
+  // Fresh: the descriptor limit is lowered for the whole process.
+  if (!in_fresh_process()) {
+    EXPECT_EQ(0, rerun_in_fresh_process({}));
+    return;
+  }
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> sleepers;
+  for (int i = 0; i < 8; ++i) {
+    sleepers.emplace_back([&] {
+      while (!stop) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+  }
+  const size_t cpus = static_cast<size_t>(get_nprocs_conf());
+  // A quarter of what is left comes to about two threads' groups, far fewer than
+  // the eight threads there are.
+  size_t open_now = 0;
+  for (int fd = 0; fd < 4096; ++fd) open_now += is_open(fd) ? 1 : 0;
+  rlimit limit;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit lowered = {open_now + 8 + 4 * 2 * cpus, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+  StartedCapture capture(Settings{{"InheritEvents", "1"}});
+  ASSERT_TRUE(capture.start().ok());
+  size_t routed = 0;
+  for (const PerfConfFD& fd : capture.fds) routed += fd.output_fd != -1 ? 1 : 0;
+  EXPECT_TRUE(capture.stop().ok());
+  stop = true;
+  for (std::thread& sleeper : sleepers) sleeper.join();
+  // At most a quarter of the 8 + 8 * cpus descriptors left; descriptors the test
+  // itself holds at the start (its captured stderr) may leave one thread fewer.
+  EXPECT_GE(routed, cpus);
+  EXPECT_LE(routed, (8 + 8 * cpus) / 4);
+  const Strings lines = log_messages(capture.start_log);
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.rfind("WARNING| CPU sampling leaves out ", 0) == 0 &&
+           line.find(" threads that were running before the start: their events would take more "
+                     "than a quarter of the file descriptors the process has left") !=
+               std::string::npos;
+  })) << capture.start_log;
+}
+
+TEST(PerfThreads, WithoutInheritOnlyTheCallingThreadIsOpened) {
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    while (!stop) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  StartedCapture capture;
+  ASSERT_TRUE(capture.start().ok());
+  EXPECT_TRUE(capture.stop().ok());
+  stop = true;
+  other.join();
+  EXPECT_EQ(capture.fds.size(), static_cast<size_t>(get_nprocs_conf()));
+  for (const PerfConfFD& fd : capture.fds) EXPECT_EQ(fd.output_fd, -1);
+  EXPECT_EQ(capture.kernel.calls("set_output"), 0);
+}
+
+TEST(PerfThreads, AnEventThatCannotReachItsRingIsToldAndTheRestSample) {
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    while (!stop) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  });
+  StartedCapture capture(Settings{{"InheritEvents", "1"}});
+  capture.kernel.fail("set_output", EINVAL);
+  CaptureStderr();
+  ASSERT_TRUE(capture.handler.start().ok());
+  ASSERT_TRUE(eventually([&] { return capture.kernel.calls("enable") > 0; }));
+  spin_for(std::chrono::milliseconds(200));
+  capture.handler.stop();
+  const Strings lines = log_messages(GetCapturedStderr());
+  stop = true;
+  other.join();
+  const int failed = capture.kernel.calls("set_output");
+  ASSERT_GE(failed, 1);
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "WARNING| Samples of " + std::to_string(failed) +
+                          " perf events of threads running before the start have no ring to go "
+                          "to: Invalid argument"),
+            lines.end());
+  EXPECT_GT(of_event(capture.pipeline.written(), perfevent::SAMPLE).size(), 10u);
+}
+
+TEST(PerfUnprivileged, RingsShrinkToTheMemoryTheUserMayLock) {
+  // The kernel refuses rings beyond what the user may lock with EPERM, as it does
+  // for a user without CAP_IPC_LOCK on a host with many CPUs.
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  std::mutex lock;
+  std::vector<std::pair<void*, size_t>> mapped;
+  StartedCapture capture;
+  capture.kernel.map_ring_script = [&](int fd, size_t size) -> void* {
+    if (size > page * (256 + 1)) {
+      errno = EPERM;
+      return MAP_FAILED;
+    }
+    void* ring = ZVKPerfKernel::real().map_ring(fd, size);
+    std::lock_guard<std::mutex> guard(lock);
+    mapped.emplace_back(ring, size);
+    return ring;
+  };
+  CaptureStderr();
+  ASSERT_TRUE(capture.handler.start().ok());
+  capture.fds = capture.handler.perf_fds();
+  ASSERT_TRUE(eventually([&] { return capture.kernel.calls("enable") > 0; }));
+  spin_for(std::chrono::milliseconds(300));
+  EXPECT_TRUE(capture.handler.stop().ok());
+  const Strings lines = log_messages(GetCapturedStderr());
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "INFO| Perf rings have 256 data pages instead of 1024: larger ones pass "
+                      "the memory this user may lock"),
+            lines.end());
+  EXPECT_GT(of_event(capture.pipeline.written(), perfevent::SAMPLE).size(), 10u);
+  // The script's rings are the test's to unmap.
+  ASSERT_EQ(mapped.size(), capture.fds.size());
+  for (const auto& ring : mapped) {
+    EXPECT_EQ(ring.second, page * (256 + 1));
+    munmap(ring.first, ring.second);
+  }
+}
+
+// ---- Samples reach the file while the capture runs ------------------------------------------
+
+TEST(PerfWorker, RingsAreReadWithoutWaitingForTheKernelsWakeUp) {
+  StartedCapture capture;
+  // The kernel wakes a reader only once a ring is half full: never, at this rate.
+  capture.kernel.epoll_wait_script = [](epoll_event*, int) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return 0;
+  };
+  ASSERT_TRUE(capture.start().ok());
+  // The writer's periodic flush, while the capture goes on, finds samples to send.
+  size_t samples = 0;
+  EXPECT_TRUE(eventually([&] {
+    spin_for(std::chrono::milliseconds(20));
+    capture.pipeline.helper->flush();
+    samples += of_event(capture.pipeline.written(), perfevent::SAMPLE).size();
+    return samples > 0;
+  }));
+  EXPECT_TRUE(capture.stop().ok());
 }
 
 // ---- Mappings at the start --------------------------------------------------------------
@@ -1308,6 +1603,37 @@ TEST(PerfFork, AChildNeitherJoinsItsParentsWorkerNorClosesAnotherFile) {
   spin_for(std::chrono::milliseconds(100));
   EXPECT_TRUE(capture.stop().ok());
   EXPECT_FALSE(of_event(capture.pipeline.written(), perfevent::SAMPLE).empty());
+}
+
+TEST(PerfFork, AChildThatFollowsSamplesItselfWhileTheParentDoesNot) {
+  StartedCapture capture(Settings{{"InheritEvents", "1"}}, true);
+  ASSERT_TRUE(capture.start().ok());
+  // Nothing to take up again in the process that started sampling.
+  ASSERT_TRUE(capture.handler.restart_after_fork().ok());
+  const std::vector<PerfConfFD> parents = capture.fds;
+  EXPECT_EQ(capture.handler.perf_fds().size(), parents.size());
+  const pid_t parent = getpid();
+  const int status = fork_with_locks_held([&] {
+    alarm(10);
+    CaptureStderr();
+    const Status restarted = capture.handler.restart_after_fork();
+    GetCapturedStderr();
+    ASSERT_TRUE(restarted.ok()) << restarted.msg_;
+    spin_for(std::chrono::milliseconds(200));
+    EXPECT_TRUE(capture.stop().ok());
+    const auto samples = of_event(capture.pipeline.written(), perfevent::SAMPLE);
+    EXPECT_TRUE(std::any_of(samples.begin(), samples.end(), [](const auto& sample) {
+      return sample.pid == static_cast<uint32_t>(getpid());
+    }));
+  });
+  EXPECT_EQ(status, 0);
+  spin_for(std::chrono::milliseconds(100));
+  EXPECT_TRUE(capture.stop().ok());
+  // The parent's rings hold its own samples and none of the child's: the child's
+  // went to rings of its own.
+  const auto samples = of_event(capture.pipeline.written(), perfevent::SAMPLE);
+  EXPECT_FALSE(samples.empty());
+  for (const auto& sample : samples) EXPECT_EQ(sample.pid, static_cast<uint32_t>(parent));
 }
 
 TEST(PerfFork, AChildClosesOnlyDescriptorsThatAreStillTheParentsEvents) {

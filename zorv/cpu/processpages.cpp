@@ -1,12 +1,16 @@
 #include "zorv/cpu/processpages.h"
 
+#include <sched.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
 #include "zorv/cpu/zvkperfevents.h"
 #include "zorv/io/zvkrecord.h"
+#include "zorv/utils/clock.h"
 #include "zorv/utils/logging.h"
 
 namespace zorvek {
@@ -178,6 +182,41 @@ void parse_event(int /*cpu*/, uint64_t /*sample_mask*/, uint32_t /*index*/,
   }
 }
 
+// The fewest bytes a sample of the decoded layout takes: header through nr.
+constexpr uint64_t kSmallestSample = kSampleChain;
+
+// A header the kernel can't have written: too short to step over, longer than
+// what the kernel has published or than the ring, or off the 8-byte grid all
+// records keep.
+inline bool malformed(uint16_t esize, uint64_t available, uint64_t data_size) {
+  return esize < sizeof(perf_event_header) || esize > available || esize > data_size ||
+         (esize & 7u) != 0;
+}
+
+// Nothing behind a malformed header can be found: everything the kernel has
+// published is given up, and the tail jumps to the head, where the next record
+// will start. The loss is counted as a LOST record with no event id, for at most
+// as many samples as the skipped bytes could have held. The perf clock can't be
+// read here; CLOCK_MONOTONIC runs close to it.
+void resynchronize(perf_event_mmap_page* page, uint64_t tail, uint64_t head,
+                   ZVKBufferRecordHelper* rh) {
+  static std::atomic<bool> told{false};
+  const uint64_t skipped = head - tail;
+  if (!told.exchange(true)) {
+    LOG(WARNING) << "A perf ring held a malformed record header; " << skipped
+                 << " bytes of it were skipped and counted as lost";
+  }
+  zvk_store_release(&page->data_tail, head);
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const int32_t pid = static_cast<int32_t>(getpid());
+  auto writer = rh->new_record(timespec_to_ns(now),
+                               cpu_event_word(static_cast<uint32_t>(sched_getcpu()), LOST), pid,
+                               pid, 0, sizeof(ZVKPerfLost));
+  const uint64_t lost = (skipped + kSmallestSample - 1) / kSmallestSample;
+  store_payload(writer, ZVKPerfLost{0, 0, lost});
+}
+
 }  // namespace
 
 void process_pages(int cpu, perf_event_mmap_page* page, uint64_t sample_mask, void** page_buffer,
@@ -192,14 +231,14 @@ void process_pages(int cpu, perf_event_mmap_page* page, uint64_t sample_mask, vo
     const perf_event_header* ehdr =
         reinterpret_cast<const perf_event_header*>(base + (tail & rbmask));
     const uint16_t esize = ehdr->size;
-    // Can't step over it: nothing after it can be found.
-    if (esize < sizeof(perf_event_header)) return;
+    if (malformed(esize, head - tail, page->data_size)) {
+      resynchronize(page, tail, head, rh);
+      return;
+    }
     const char* evt_end = reinterpret_cast<const char*>(ehdr) + esize;
     if (evt_end <= rb_end) {
       parse_event(cpu, sample_mask, 0, ehdr, rh);
     } else {
-      // Longer than the ring: not a record the kernel wrote, and nothing after it can be found.
-      if (esize > page->data_size) return;
       if (*page_buffer_size < esize) {
         free(*page_buffer);
         *page_buffer_size = esize;

@@ -100,6 +100,8 @@ inline void zvk_store_release(T* word, typename non_deduced<T>::type value) {
 // The data area is the one behind the control page. A record that straddles the
 // ring's end is copied into the scratch buffer `*page_buffer` of `*page_buffer_size`
 // bytes, which belongs to the caller and is replaced (free/malloc) when too small.
+// A malformed header gives up what the kernel has published so far: the tail
+// moves to the head and a LOST record counts the loss, so the ring goes on.
 // `cpu` and `sample_mask` don't change what is written: the decoder reads the one
 // sample layout every descriptor is opened with.
 void process_pages(int cpu, perf_event_mmap_page* page, uint64_t sample_mask, void** page_buffer,

@@ -20,13 +20,13 @@ Status ZVKPerfCollector::start_profiling() { return m_handler->start(); }
 Status ZVKPerfCollector::stop_profiling() { return m_handler->stop(); }
 
 Status ZVKPerfCollector::suspend_profiling() {
-  LOG(WARNING) << m_name << " Suspend not implemented";
+  if (!LogMessage::is_quiet()) LOG(WARNING) << m_name << " Suspend not implemented";
   return Status::OK();
 }
 
 Status ZVKPerfCollector::resume_profiling() {
-  LOG(WARNING) << m_name << " Resume not implemented";
-  return Status::OK();
+  if (!LogMessage::is_quiet()) LOG(WARNING) << m_name << " Resume not implemented";
+  return m_handler->restart_after_fork();
 }
 
 Status ZVKPerfCollector::configure(const std::map<std::string, std::string>& config) {

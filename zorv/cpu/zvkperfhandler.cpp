@@ -1,14 +1,18 @@
 #include "zorv/cpu/zvkperfhandler.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/sysinfo.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -54,9 +58,17 @@ namespace {
 // PERF_SAMPLE_BRANCH_USER | KERNEL | CALL_STACK | NO_FLAGS | NO_CYCLES
 constexpr uint64_t kBranchSampleType = 0xC803;
 
-// What capture and probe share; they differ in exclude_callchain_kernel and
-// read_format, which each sets apart.
-void fill_event_attr(const CaptureConfig& c, perf_event_attr* attr) {
+// How often a worker reads every ring, ready or not: well inside the writer's
+// flush interval, so a capture that ends without a stop loses about that much.
+constexpr long kSweepIntervalMs = 100;
+
+// The smallest rings tried where the memory a user may lock is short: 32 KiB,
+// about a hundred samples between two reads.
+constexpr uint32_t kMinRingPages = 8;
+
+}  // namespace
+
+void set_event_attr(const CaptureConfig& c, perf_event_attr* attr) {
   std::memset(attr, 0, sizeof(*attr));
   attr->size = kPerfAttrSize;
   attr->type = c.type_;
@@ -74,22 +86,16 @@ void fill_event_attr(const CaptureConfig& c, perf_event_attr* attr) {
   attr->task = 1;
   attr->sample_id_all = 1;
   attr->branch_sample_type = (c.sample_type_ & PERF_SAMPLE_BRANCH_STACK) ? kBranchSampleType : 0;
-}
-
-}  // namespace
-
-void set_event_attr(const CaptureConfig& c, perf_event_attr* attr) {
-  fill_event_attr(c, attr);
   attr->read_format = PERF_FORMAT_ID;
   attr->exclude_callchain_kernel = 1;
 }
 
-bool test_config(const CaptureConfig& c, ZVKPerfKernel& kernel) {
-  // Asks for CPU 0 and every task: more than the per-process capture may need.
+bool test_config(const CaptureConfig& c, const PerfTarget& target, ZVKPerfKernel& kernel) {
   perf_event_attr attr;
-  fill_event_attr(c, &attr);
+  set_event_attr(c, &attr);
+  attr.inherit = target.inherit;
   errno = 0;
-  const int fd = kernel.perf_event_open(&attr, -1, 0, -1, PERF_FLAG_FD_CLOEXEC);
+  const int fd = kernel.perf_event_open(&attr, target.pid, target.cpu, -1, target.flags);
   if (fd >= 0) {
     kernel.close(fd);
     return true;
@@ -305,6 +311,17 @@ Status ZVKPerfHandler::configure(const std::map<std::string, std::string>& m) {
   key_value_as<bool>(m, "UseSoftBacktrace", false);
   m_sample_type = forced_sample_type(m_sample_type);
 
+  // The cgroup comes first: the event list is tried on the target it names.
+  if (!m_cgroup_dir.empty()) {
+    if (m_cgroup_fd != -1) close(static_cast<int>(m_cgroup_fd));
+    m_cgroup_fd = -1;
+    m_cgroup_fd = open(m_cgroup_dir.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_cgroup_fd == -1) {
+      LOG(ERROR) << "Opening cgroup directory " << m_cgroup_dir << " failed with "
+                 << strerror(errno);
+    }
+  }
+
   if (event_configs.empty()) {
     for (const auto& event : kDefaultEvents) {
       m_configs.emplace_back(event[0] + std::to_string(m_sample_type) + event[1]);
@@ -315,8 +332,9 @@ Status ZVKPerfHandler::configure(const std::map<std::string, std::string>& m) {
       config.sample_type_ &= m_sample_type;
       m_configs.push_back(config);
     }
+    const PerfTarget target = target_on(m_cpu != -1 ? m_cpu : 0);
     for (const CaptureConfig& config : m_configs) {
-      if (!test_config(config, m_kernel)) {
+      if (!test_config(config, target, m_kernel)) {
         const std::string text = config;
         LOG(ERROR) << "Invalid perf configuration " << text;
         return Status(error::INVALID_ARGUMENT, "Perf event configuration is invalid! Event was " + text);
@@ -347,15 +365,6 @@ Status ZVKPerfHandler::configure(const std::map<std::string, std::string>& m) {
 
   m_num_host_cores = static_cast<uint32_t>(get_nprocs_conf());
   m_num_active_cores = static_cast<uint32_t>(get_nprocs());
-  if (!m_cgroup_dir.empty()) {
-    if (m_cgroup_fd != -1) close(static_cast<int>(m_cgroup_fd));
-    m_cgroup_fd = -1;
-    m_cgroup_fd = open(m_cgroup_dir.c_str(), O_RDONLY | O_CLOEXEC);
-    if (m_cgroup_fd == -1) {
-      LOG(ERROR) << "Opening cgroup directory " << m_cgroup_dir << " failed with "
-                 << strerror(errno);
-    }
-  }
   VLOG(1) << "Host has total " << m_num_host_cores << " and " << m_num_active_cores
           << " active cores";
   LOG(INFO) << "Perf capture configuration= " << "\n"
@@ -388,14 +397,16 @@ Status ZVKPerfHandler::init_perf() {
     VLOG(1) << "getcpu call failed, trying cpu 0" << strerror(errno);
     cpu = 0;
   }
-  const int fd = m_kernel.perf_event_open(&attr, -1, static_cast<int>(cpu), -1,
-                                          PERF_FLAG_FD_CLOEXEC);
+  // The capture's own target: a CPU-wide probe would need privileges that
+  // sampling one process doesn't.
+  const PerfTarget target = target_on(static_cast<int>(cpu));
+  const int fd = m_kernel.perf_event_open(&attr, target.pid, target.cpu, -1, target.flags);
   if (fd < 0) {
     const int err = errno;
     LOG(ERROR) << "Failed to open perf handle! " << strerror(err)
                << " size of perfstruct=" << kPerfAttrSize << " enum=" << PERF_ATTR_SIZE_VER5
                << " errno=" << err;
-    LOG(ERROR) << "PID=" << -1 << ", CPU=" << cpu << ", type=" << decode_perf_event_type(attr.type)
+    LOG(ERROR) << "PID=" << target.pid << ", CPU=" << cpu << ", type=" << decode_perf_event_type(attr.type)
                << ", config=" << decode_perf_config(attr.type, attr.config)
                << ", sample_type= " << decode_sample_type(m_sample_type)
                << ", branch_sample_type= " << decode_branch_sample_type(attr.branch_sample_type);
@@ -407,7 +418,22 @@ Status ZVKPerfHandler::init_perf() {
   return Status::OK();
 }
 
+PerfTarget ZVKPerfHandler::target_on(int cpu) const {
+  PerfTarget target;
+  target.pid = m_cgroup_fd != -1 ? static_cast<pid_t>(m_cgroup_fd) : m_pid;
+  target.cpu = cpu;
+  target.flags = m_cgroup_fd != -1 ? PERF_FLAG_FD_CLOEXEC | PERF_FLAG_PID_CGROUP
+                                   : PERF_FLAG_FD_CLOEXEC;
+  target.inherit = m_inherit_events;
+  return target;
+}
+
 Status ZVKPerfHandler::open_perf_fd(pid_t pid, int cpu, std::vector<PerfConfFD>& fds) {
+  return open_group(pid, cpu, fds, true, nullptr);
+}
+
+Status ZVKPerfHandler::open_group(pid_t pid, int cpu, std::vector<PerfConfFD>& fds,
+                                  bool tell_failure, int* failed_errno) {
   perf_event_attr attr;
   std::memset(&attr, 0, sizeof(attr));
   errno = 0;
@@ -418,8 +444,17 @@ Status ZVKPerfHandler::open_perf_fd(pid_t pid, int cpu, std::vector<PerfConfFD>&
   for (const CaptureConfig& config : m_configs) {
     set_event_attr(config, &attr);
     attr.inherit = m_inherit_events;
+    // New threads are sampled into this process's rings; child processes sample
+    // themselves when they follow the fork, and are not sampled when they don't.
+    attr.inherit_thread = m_inherit_events;
     attr.disabled = group == -1;  // the leader starts disabled, the others follow it
-    const int fd = m_kernel.perf_event_open(&attr, target, cpu, group, flags);
+    int fd = m_kernel.perf_event_open(&attr, target, cpu, group, flags);
+    if (fd < 0 && errno == EINVAL && attr.inherit_thread) {
+      // Kernels before 5.13 know only inheritance by every child.
+      attr.inherit_thread = 0;
+      errno = 0;
+      fd = m_kernel.perf_event_open(&attr, target, cpu, group, flags);
+    }
     const int err = errno;
     // The descriptor's line, with the sample type's separator of the caller's.
     auto described = [&](const char* sample_type) {
@@ -432,18 +467,21 @@ Status ZVKPerfHandler::open_perf_fd(pid_t pid, int cpu, std::vector<PerfConfFD>&
       return text.str();
     };
     if (fd < 0) {
-      LOG(ERROR) << "Failed to open perf handle! " << strerror(err) << " errno=" << err;
+      if (tell_failure) {
+        LOG(ERROR) << "Failed to open perf handle! " << strerror(err) << " errno=" << err;
+      }
       errno = 0;
       for (const PerfConfFD& opened : fds) m_kernel.close(static_cast<int>(opened.fd));
       fds.clear();
-      LOG(ERROR) << described(", sample_type=");
+      if (tell_failure) LOG(ERROR) << described(", sample_type=");
+      if (failed_errno != nullptr) *failed_errno = err;
       return Status(error::FAILURE, strerror(err));
     }
     VLOG(1) << "Opened perf_event at fd=" << fd << " with " << described(", sample_type= ");
     uint64_t id = 0;
     m_kernel.event_id(fd, &id);
     fds.push_back(PerfConfFD{attr.config, attr.sample_period, attr.config1, attr.config2, attr.type,
-                             static_cast<uint32_t>(attr.precise_ip), fd, id});
+                             static_cast<uint32_t>(attr.precise_ip), fd, id, -1});
     if (group == -1) group = fd;
   }
   return Status::OK();
@@ -459,9 +497,8 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
                                                        std::atomic<bool>* running) {
     const size_t n = fds.size();
     const long page_size = sysconf(_SC_PAGESIZE);
-    const size_t mmap_size = static_cast<size_t>(page_size) * (pages + 1);
     // The worker owns its descriptors from here: every way out disables, closes and unmaps.
-    PerfCleaner pc(fds, mmap_size, *kernel);
+    PerfCleaner pc(fds, static_cast<size_t>(page_size) * (pages + 1), *kernel);
 
     errno = 0;
     const int epfd = kernel->epoll_create1(EPOLL_CLOEXEC);
@@ -488,6 +525,8 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
     ev.events = EPOLLIN | EPOLLPRI | EPOLLERR | EPOLLHUP | EPOLLRDHUP;
     for (size_t i = 0; i < n; ++i) {
       save_perf_config(rh, fds[i], *kernel);
+      // A descriptor without a ring of its own is read through the one it writes to.
+      if (fds[i].output_fd != -1) continue;
       ev.data.u64 = 0;
       ev.data.u32 = static_cast<uint32_t>(i);
       if (kernel->epoll_ctl(epfd, EPOLL_CTL_ADD, static_cast<int>(fds[i].fd), &ev) != 0) {
@@ -495,15 +534,59 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
         return;
       }
     }
-    for (size_t t = 0; t < n; ++t) {
-      void* ring = kernel->map_ring(static_cast<int>(fds[t].fd), mmap_size);
-      if (ring == MAP_FAILED) {
-        LOG(ERROR) << "Memory mapping of perf pages for CPU " << t << " at fd " << fds[t].fd
-                   << " failed with " << strerror(errno);
-        return;
+    // A user without CAP_IPC_LOCK may lock only so much memory in rings
+    // (perf_event_mlock_kb per CPU, then RLIMIT_MEMLOCK): where the rings asked
+    // for pass that, the kernel refuses with EPERM, and smaller ones are tried.
+    uint32_t data_pages = pages;
+    for (;;) {
+      const size_t map_size = static_cast<size_t>(page_size) * (data_pages + 1);
+      size_t t = 0;
+      int err = 0;
+      for (; t < n; ++t) {
+        if (fds[t].output_fd != -1) continue;
+        void* ring = kernel->map_ring(static_cast<int>(fds[t].fd), map_size);
+        if (ring == MAP_FAILED) {
+          err = errno;
+          break;
+        }
+        pe_buff[t] = static_cast<perf_event_mmap_page*>(ring);
       }
-      pe_buff[t] = static_cast<perf_event_mmap_page*>(ring);
-      pc.add_ring(pe_buff[t]);
+      if (t == n) {
+        pc.set_map_size(map_size);
+        for (perf_event_mmap_page* ring : pe_buff) {
+          if (ring != nullptr) pc.add_ring(ring);
+        }
+        break;
+      }
+      for (perf_event_mmap_page*& ring : pe_buff) {
+        if (ring != nullptr) kernel->unmap_ring(ring, map_size);
+        ring = nullptr;
+      }
+      if (err == EPERM && data_pages > kMinRingPages) {
+        data_pages /= 2;
+        continue;
+      }
+      LOG(ERROR) << "Memory mapping of perf pages for CPU " << t << " at fd " << fds[t].fd
+                 << " failed with " << strerror(err);
+      return;
+    }
+    if (data_pages != pages) {
+      LOG(INFO) << "Perf rings have " << data_pages << " data pages instead of " << pages
+                   << ": larger ones pass the memory this user may lock";
+    }
+    // Only once the rings are mapped can records be sent to them.
+    int unrouted = 0;
+    int unrouted_error = 0;
+    for (const PerfConfFD& fd : fds) {
+      if (fd.output_fd == -1) continue;
+      if (kernel->set_output(static_cast<int>(fd.fd), static_cast<int>(fd.output_fd)) != 0) {
+        ++unrouted;
+        unrouted_error = errno;
+      }
+    }
+    if (unrouted != 0) {
+      LOG(WARNING) << "Samples of " << unrouted << " perf events of threads running before the "
+                   << "start have no ring to go to: " << strerror(unrouted_error);
     }
 
     // The wrap buffer: process_pages replaces it when a record needs more, so the
@@ -529,6 +612,16 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
       kernel->enable(descriptor);
     }
 
+    auto drain = [&](size_t i) {
+      if (pe_buff[i] == nullptr) return;
+      process_pages(static_cast<int>(i), pe_buff[i], sample_type, &rb_pages,
+                    &rb_page_wrap_store_size, rh);
+    };
+    // The kernel wakes the worker only once a ring is half full, which at a modest
+    // rate takes many seconds: every ring is also read at this interval, so that
+    // the writer's periodic flush finds the samples in the record helper.
+    const auto sweep_interval = std::chrono::milliseconds(kSweepIntervalMs);
+    auto next_sweep = std::chrono::steady_clock::now() + sweep_interval;
     // Rings whose event hung up (its target ended) are taken out of epoll, where,
     // level-triggered, they would wake every wait at once and spin this thread.
     // Threads that inherited the event may still write to them: drained each round.
@@ -543,26 +636,49 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
         const epoll_event& ready = eb[static_cast<size_t>(k)];
         const uint32_t i = ready.data.u32;
         if (i >= n) continue;
-        process_pages(static_cast<int>(i), pe_buff[i], sample_type, &rb_pages,
-                      &rb_page_wrap_store_size, rh);
+        drain(i);
         if ((ready.events & (EPOLLHUP | EPOLLERR)) != 0 &&
             kernel->epoll_ctl(epfd, EPOLL_CTL_DEL, static_cast<int>(fds[i].fd), nullptr) == 0) {
           hung_up.push_back(i);
         }
       }
-      for (uint32_t i : hung_up) {
-        process_pages(static_cast<int>(i), pe_buff[i], sample_type, &rb_pages,
-                      &rb_page_wrap_store_size, rh);
+      for (uint32_t i : hung_up) drain(i);
+      const auto now = std::chrono::steady_clock::now();
+      if (now >= next_sweep) {
+        for (size_t i = 0; i < n; ++i) drain(i);
+        next_sweep = now + sweep_interval;
       }
     }
     // What was written up to the disable is still recorded, ready or not.
     for (const PerfConfFD& fd : fds) kernel->disable(static_cast<int>(fd.fd));
-    for (size_t i = 0; i < n; ++i) {
-      process_pages(static_cast<int>(i), pe_buff[i], sample_type, &rb_pages,
-                    &rb_page_wrap_store_size, rh);
-    }
+    for (size_t i = 0; i < n; ++i) drain(i);
   };
 }
+
+namespace {
+
+// The most descriptors the threads already running at a start may take in all,
+// whatever the limit allows: on a host of a hundred CPUs a few hundred threads
+// would otherwise cost tens of thousands of opens in the start.
+constexpr size_t kMaxDescriptorsForRunningThreads = 4096;
+
+// Descriptors the process may still open: its soft limit less those it has open.
+size_t spare_descriptors() {
+  rlimit limit;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) {
+    return static_cast<size_t>(INT32_MAX);
+  }
+  size_t open_now = 0;
+  DIR* fds = opendir("/proc/self/fd");
+  if (fds == nullptr) return 0;
+  while (const dirent* entry = readdir(fds)) {
+    if (entry->d_name[0] != '.') ++open_now;
+  }
+  closedir(fds);
+  return limit.rlim_cur > open_now ? static_cast<size_t>(limit.rlim_cur) - open_now : 0;
+}
+
+}  // namespace
 
 Status ZVKPerfHandler::start() {
   release_workers_lost_to_fork();
@@ -583,8 +699,23 @@ Status ZVKPerfHandler::start() {
   } else {
     for (uint32_t cpu = 0; cpu < m_num_host_cores; ++cpu) cpus.push_back(static_cast<int>(cpu));
   }
-  std::vector<PerfConfFD> all_fds;
-  size_t per_cpu = 0;
+  // Inherit brings in only threads created after the open: those already running
+  // (a thread pool started before the capture) get groups of their own.
+  std::vector<pid_t> threads =
+      samples_whole_process() ? threads_besides_target() : std::vector<pid_t>();
+  // Each such thread takes a descriptor per event and CPU, which the job may need
+  // more: they may take a quarter of what the process has left, and no more than
+  // kMaxDescriptorsForRunningThreads.
+  const size_t per_thread = cpus.size() * m_configs.size();
+  const size_t affordable =
+      per_thread == 0
+          ? threads.size()
+          : std::min(spare_descriptors() / 4, kMaxDescriptorsForRunningThreads) / per_thread;
+  const size_t unaffordable = threads.size() > affordable ? threads.size() - affordable : 0;
+  threads.resize(threads.size() - unaffordable);
+  std::set<pid_t> missed;
+  int missed_error = 0;
+  std::vector<std::vector<PerfConfFD>> per_cpu;
   for (int cpu : cpus) {
     std::vector<PerfConfFD> fds;
     const Status opened = open_perf_fd(m_pid, cpu, fds);
@@ -593,17 +724,28 @@ Status ZVKPerfHandler::start() {
       m_perf_fds.clear();
       return opened;
     }
-    per_cpu = fds.size();
-    all_fds.insert(all_fds.end(), fds.begin(), fds.end());
+    const std::vector<PerfConfFD> target_fds = fds;
+    open_other_threads(threads, cpu, target_fds, fds, missed, missed_error);
     m_perf_fds.insert(m_perf_fds.end(), fds.begin(), fds.end());
+    per_cpu.push_back(std::move(fds));
   }
   m_fds_owner_pid = getpid();
+  if (unaffordable != 0) {
+    LOG(WARNING) << "CPU sampling leaves out " << unaffordable
+                 << " threads that were running before the start: their events would take more "
+                    "than a quarter of the file descriptors the process has left, or more than "
+                 << kMaxDescriptorsForRunningThreads;
+  }
+  if (!missed.empty()) {
+    LOG(WARNING) << "CPU sampling leaves out " << missed.size()
+                 << " threads that were running before the start: " << strerror(missed_error);
+  }
 
   auto helper_for_workers = [this] {
     return m_helper ? m_helper : std::make_shared<ZVKBufferRecordHelper>(m_to_fill, m_to_write);
   };
   if (m_single_thread) {
-    m_workers.emplace_back(make_processor(), all_fds, helper_for_workers(),
+    m_workers.emplace_back(make_processor(), m_perf_fds, helper_for_workers(),
                            std::make_shared<std::atomic<bool>>(false));
     m_workers.back().run();
     return Status::OK();
@@ -611,15 +753,55 @@ Status ZVKPerfHandler::start() {
   // One worker per CPU; these are built and never started, so they yield no samples.
   std::shared_ptr<ZVKBufferRecordHelper> helper;
   if (m_shared_buckets) helper = helper_for_workers();
-  for (size_t first = 0; per_cpu != 0 && first < all_fds.size(); first += per_cpu) {
-    std::vector<PerfConfFD> fds(all_fds.begin() + static_cast<long>(first),
-                                all_fds.begin() + static_cast<long>(first + per_cpu));
+  for (std::vector<PerfConfFD>& fds : per_cpu) {
+    if (fds.empty()) continue;
     m_workers.emplace_back(
         make_processor(), std::move(fds),
         m_shared_buckets ? helper : std::make_shared<ZVKBufferRecordHelper>(m_to_fill, m_to_write),
         std::make_shared<std::atomic<bool>>(false));
   }
   return Status::OK();
+}
+
+bool ZVKPerfHandler::samples_whole_process() const {
+  return m_cgroup_fd == -1 && m_inherit_events && (m_pid == 0 || m_pid == getpid());
+}
+
+std::vector<pid_t> ZVKPerfHandler::threads_besides_target() const {
+  const pid_t target = m_pid == 0 ? static_cast<pid_t>(syscall(SYS_gettid)) : m_pid;
+  std::vector<pid_t> threads;
+  DIR* tasks = opendir("/proc/self/task");
+  if (tasks == nullptr) return threads;
+  while (const dirent* entry = readdir(tasks)) {
+    char* end = nullptr;
+    const long tid = strtol(entry->d_name, &end, 10);
+    if (end == entry->d_name || *end != '\0' || tid <= 0 || tid == target) continue;
+    threads.push_back(static_cast<pid_t>(tid));
+  }
+  closedir(tasks);
+  return threads;
+}
+
+void ZVKPerfHandler::open_other_threads(const std::vector<pid_t>& threads, int cpu,
+                                        const std::vector<PerfConfFD>& target_fds,
+                                        std::vector<PerfConfFD>& fds, std::set<pid_t>& missed,
+                                        int& last_error) {
+  for (pid_t tid : threads) {
+    std::vector<PerfConfFD> group;
+    int err = 0;
+    if (!open_group(tid, cpu, group, false, &err).ok()) {
+      if (err != ESRCH) {
+        missed.insert(tid);
+        last_error = err;
+      }
+      continue;
+    }
+    // Event by event into the target's rings on this CPU: no ring of its own.
+    for (size_t k = 0; k < group.size() && k < target_fds.size(); ++k) {
+      group[k].output_fd = target_fds[k].fd;
+    }
+    fds.insert(fds.end(), group.begin(), group.end());
+  }
 }
 
 Status ZVKPerfHandler::flush() {
@@ -641,6 +823,13 @@ Status ZVKPerfHandler::stop() {
   close_handler_fds();
   m_workers.clear();
   return flushed;
+}
+
+Status ZVKPerfHandler::restart_after_fork() {
+  if (!release_workers_lost_to_fork()) return Status::OK();
+  // A named process or a cgroup is sampled by the parent still.
+  if (m_pid != 0 || m_cgroup_fd != -1) return Status::OK();
+  return start();
 }
 
 void ZVKPerfHandler::close_handler_fds() {

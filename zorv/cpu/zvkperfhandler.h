@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,8 +49,20 @@ struct CaptureConfig {
 // `inherit` per descriptor.
 void set_event_attr(const CaptureConfig& c, perf_event_attr* attr);
 
-// True when the kernel opens a descriptor for `c` on CPU 0 for every task.
-bool test_config(const CaptureConfig& c, ZVKPerfKernel& kernel = ZVKPerfKernel::real());
+// Whom and where a capture samples, as perf_event_open takes it: a thread (0 for
+// the caller) or a cgroup's descriptor with PERF_FLAG_PID_CGROUP, on one CPU.
+struct PerfTarget {
+  pid_t pid = 0;
+  int cpu = 0;
+  unsigned long flags = PERF_FLAG_FD_CLOEXEC;
+  bool inherit = false;
+};
+
+// True when the kernel opens a descriptor for `c` as the capture will open it on
+// `target`: a probe that asked for more (every task of a CPU) would refuse users
+// whom the capture itself serves.
+bool test_config(const CaptureConfig& c, const PerfTarget& target,
+                 ZVKPerfKernel& kernel = ZVKPerfKernel::real());
 
 // One opened descriptor and what it was opened with.
 struct PerfConfFD {
@@ -63,6 +76,9 @@ struct PerfConfFD {
   // The kernel's id of the event: after a fork it tells whether the number still
   // names our descriptor.
   uint64_t id;
+  // -1: the descriptor has a ring of its own. Else the descriptor whose ring its
+  // records go to (an event of another thread, on the same CPU).
+  long output_fd;
 };
 
 // Writes the CONFIGURATION record of `fd`, which every later record's id refers to.
@@ -84,6 +100,7 @@ class PerfCleaner {
   PerfCleaner& operator=(const PerfCleaner&) = delete;
 
   void add_ring(perf_event_mmap_page* ring) { m_pages.push_back(ring); }
+  void set_map_size(size_t map_size) { m_map_size = map_size; }
   void disarm() { m_armed = false; }
 
  private:
@@ -153,9 +170,15 @@ class ZVKPerfHandler {
   Status init_perf();
   // Opens one group, one descriptor per configuration, on `cpu`; appends to `fds`.
   Status open_perf_fd(pid_t pid, int cpu, std::vector<PerfConfFD>& fds);
+  // Where the probes open: the capture's target on `cpu`.
+  PerfTarget target_on(int cpu) const;
   Status start();
   Status stop();
   Status flush();
+  // In a forked child whose capture goes on, lets go of the parent's workers and
+  // samples this process's own threads; the parent's events, inherited by threads
+  // only, don't see the child. Does nothing in the process that started sampling.
+  Status restart_after_fork();
 
   // Read-only views for tests and the log.
   const std::vector<CaptureConfig>& configs() const { return m_configs; }
@@ -171,6 +194,22 @@ class ZVKPerfHandler {
 
   // The thread body of every worker of a capture.
   Processor make_processor() const;
+  // open_perf_fd, with the failure told or not, and its errno handed back.
+  Status open_group(pid_t pid, int cpu, std::vector<PerfConfFD>& fds, bool tell_failure,
+                    int* failed_errno);
+  // True when the capture is of this whole process: threads created later come in
+  // through inherit, those that exist already get groups of their own.
+  bool samples_whole_process() const;
+  // The process's threads other than the one the target names.
+  std::vector<pid_t> threads_besides_target() const;
+  // For each of `threads`, a group on `cpu` whose records go to the rings of
+  // `target_fds`, the target's group there; appended to `fds`. A thread that ended
+  // meanwhile is passed over; the others that fail are added to `missed`, with
+  // the reason in `last_error`.
+  void open_other_threads(const std::vector<pid_t>& threads, int cpu,
+                          const std::vector<PerfConfFD>& target_fds,
+                          std::vector<PerfConfFD>& fds, std::set<pid_t>& missed,
+                          int& last_error);
   // Closes what this process owns of a failed or finished capture's descriptors:
   // those of workers that never ran, and after a fork those that still are ours.
   void close_handler_fds();

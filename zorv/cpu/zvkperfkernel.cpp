@@ -26,6 +26,10 @@ int ZVKPerfKernel::reset(int fd) { return ioctl(fd, PERF_EVENT_IOC_RESET, 0); }
 
 int ZVKPerfKernel::event_id(int fd, uint64_t* id) { return ioctl(fd, PERF_EVENT_IOC_ID, id); }
 
+int ZVKPerfKernel::set_output(int fd, int output_fd) {
+  return ioctl(fd, PERF_EVENT_IOC_SET_OUTPUT, output_fd);
+}
+
 int ZVKPerfKernel::set_nonblocking(int fd) { return fcntl(fd, F_SETFL, O_NONBLOCK); }
 
 int ZVKPerfKernel::close(int fd) { return ::close(fd); }

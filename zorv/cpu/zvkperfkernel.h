@@ -27,6 +27,8 @@ class ZVKPerfKernel {
   virtual int disable(int fd);         // PERF_EVENT_IOC_DISABLE
   virtual int reset(int fd);           // PERF_EVENT_IOC_RESET
   virtual int event_id(int fd, uint64_t* id);  // PERF_EVENT_IOC_ID
+  // PERF_EVENT_IOC_SET_OUTPUT: `fd`'s records go to the mapped ring of `output_fd`.
+  virtual int set_output(int fd, int output_fd);
   virtual int set_nonblocking(int fd);
   virtual int close(int fd);
 
