@@ -1160,6 +1160,41 @@ TEST_F(CudaCollector, TheQueueFormHasItsOwnHelperAndTheDefaultFlags) {
 
 // ---- The capture time limit -------------------------------------------------------------
 
+// The limit is an interval: counted on the monotonic clock, which a step of the
+// system clock (an NTP correction, an administrator's date) doesn't move.
+TEST(CaptureTimeLimit, IsCountedOnTheMonotonicClock) {
+  static_assert(ZVKCudaCollector::LimiterClock::is_steady, "the limiter's clock never steps");
+  static_assert(std::is_same<ZVKCudaCollector::LimiterClock, std::chrono::steady_clock>::value,
+                "the limiter waits on the steady clock");
+  const auto start = ZVKCudaCollector::LimiterClock::now();
+  EXPECT_EQ(ZVKCudaCollector::limit_deadline(start, 60), start + std::chrono::seconds(60));
+  EXPECT_EQ(ZVKCudaCollector::limit_deadline(start, 0), start);
+}
+
+// A limit too long for the clock is one that never comes, not one that wraps into
+// the past and stops the capture at once.
+TEST(CaptureTimeLimit, ALimitBeyondTheClocksRangeNeverComes) {
+  const auto start = ZVKCudaCollector::LimiterClock::now();
+  const auto never = ZVKCudaCollector::LimiterClock::time_point::max();
+  EXPECT_EQ(ZVKCudaCollector::limit_deadline(start, UINT64_MAX), never);
+  EXPECT_EQ(ZVKCudaCollector::limit_deadline(start, 10000000000000ULL), never);
+  EXPECT_GT(ZVKCudaCollector::limit_deadline(start, 315360000), start);
+}
+
+TEST_F(CudaCollector, AnOverlongLimitLeavesTheCaptureRunning) {
+  ScopedEnv limit("ZVK_CAPTURE_LIMIT_SECONDS", "18446744073709551615");
+  Pipeline pipeline;
+  ZVKCudaCollector collector("CUDACollector", pipeline.helper);
+  CaptureStderr();
+  ASSERT_TRUE(collector.start_profiling().ok());
+  std::this_thread::sleep_for(milliseconds(300));
+  EXPECT_TRUE(fake_cupti_subscribed());
+  EXPECT_EQ(count_of(fake_cupti::calls(), "cuptiActivityFlushAll(1)"), 0u);
+  ASSERT_TRUE(collector.stop_profiling().ok());
+  ASSERT_TRUE(collector.suspend_profiling().ok());  // ends the limiter's wait
+  GetCapturedStderr();
+}
+
 TEST_F(CudaCollector, ARestartWithinTheDefaultLimitIsRefusedAndEnablesNothing) {
   Pipeline pipeline;
   ZVKCudaCollector collector("CUDACollector", pipeline.helper);
@@ -1834,6 +1869,34 @@ TEST(CudaFork, FollowingOnTheChildTracesUnderItsOwnPid) {
   EXPECT_EQ(status, 0);
 }
 
+TEST(CudaFork, AChildNeverWritesTheParentsCompletedBuffers) {
+  fake_cupti_reset();
+  Pipeline pipeline;
+  ZVKCudaCollector collector("CUDACollector", pipeline.helper);
+  ASSERT_TRUE(collector.start_profiling().ok());
+  // As at a fork: suspended, with a buffer of the parent's completed and not walked.
+  ASSERT_TRUE(collector.suspend_profiling().ok());
+  emit(make_memset<CUpti_ActivityMemset5>(7));
+  ASSERT_TRUE(fake_cupti_complete_held());
+  const pid_t child = fork_child([&] {
+    if (!collector.resume_profiling().ok()) return kChildWrongState;
+    emit(make_memset<CUpti_ActivityMemset5>(8));
+    if (!fake_cupti_complete_held()) return kChildWrongCount;
+    if (!collector.stop_profiling().ok()) return kChildStopFailed;
+    const std::vector<DecodedRecord> records = pipeline.take_records();
+    if (records.size() != 1 || correlation_of(records[0]) != 8) return kChildWrongCount;
+    return records[0].pid == static_cast<uint32_t>(getpid()) ? kChildOk : kChildWrongState;
+  });
+  EXPECT_EQ(wait_child(child), kChildOk);
+  // The parent still writes its own.
+  ASSERT_TRUE(collector.resume_profiling().ok());
+  ASSERT_TRUE(collector.stop_profiling().ok());
+  const std::vector<DecodedRecord> records = pipeline.take_records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(correlation_of(records[0]), 7u);
+  EXPECT_EQ(records[0].pid, static_cast<uint32_t>(getpid()));
+}
+
 TEST(CudaFork, FollowingOffLeavesTheChildsCollectorSuspended) {
   TempDir dir;
   const int status = run_in_child([&] {
@@ -1902,6 +1965,65 @@ TEST(CudaExit, ASuspendedCapturesTracingStopsWhenTheProcessEnds) {
   EXPECT_EQ(state, 'O') << "S: still subscribed, K: kernels still enabled";
 }
 #endif  // !defined(__SANITIZE_THREAD__)
+
+// ---- Bounded loss and bounded waits ------------------------------------------------
+
+TEST_F(CudaCollector, RecordsCuptiHoldsComeOutWithinAboutASecondWithoutAStop) {
+  Pipeline pipeline;
+  ZVKCudaCollector collector("CUDACollector", pipeline.helper);
+  ASSERT_TRUE(collector.start_profiling().ok());
+  emit(make_memset<CUpti_ActivityMemset5>(42));
+  ASSERT_TRUE(fake_cupti_holds_buffer());
+  // The rotator forces CUPTI's partly filled buffer out and walks it.
+  EXPECT_TRUE(wait_until([] { return !fake_cupti_holds_buffer(); }, milliseconds(10000)));
+  EXPECT_TRUE(call_seen("cuptiActivityFlushAll(1)"));
+  EXPECT_TRUE(wait_until([] { return fake_cupti_next_record_calls() >= 2; }, milliseconds(5000)));
+  ASSERT_TRUE(pipeline.helper->flush().ok());
+  const std::vector<DecodedRecord> records = pipeline.take_records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(correlation_of(records[0]), 42u);
+  ASSERT_TRUE(collector.stop_profiling().ok());
+}
+
+TEST_F(CudaCollector, NothingHeldByCuptiMeansNoPeriodicFlush) {
+  Pipeline pipeline;
+  ZVKCudaCollector collector("CUDACollector", pipeline.helper);
+  ASSERT_TRUE(collector.start_profiling().ok());
+  std::this_thread::sleep_for(milliseconds(2500));
+  EXPECT_FALSE(call_seen("cuptiActivityFlushAll(1)"));
+  ASSERT_TRUE(collector.stop_profiling().ok());
+}
+
+TEST_F(CudaCollector, ARequestGivesUpWhenTheRotatorHandsNothingBackAndTheStopSaysSo) {
+  Pipeline pipeline;
+  ZVKCudaCollector collector("CUDACollector", pipeline.helper);
+  ASSERT_TRUE(collector.start_profiling().ok());
+  std::vector<uint8_t*> out;
+  for (uint32_t i = 0; i < kActivityBufferCount; ++i) {
+    uint8_t* buffer = nullptr;
+    size_t size = 0;
+    size_t max_records = 0;
+    bufferRequested(&buffer, &size, &max_records);
+    ASSERT_NE(buffer, nullptr);
+    out.push_back(buffer);
+  }
+  // The rotator runs but nothing comes back (a writer held up by a hung disk
+  // looks the same from here): the request answers none instead of holding the
+  // thread CUPTI called on.
+  uint8_t* buffer = out[0];
+  size_t size = 1;
+  size_t max_records = 1;
+  bufferRequested(&buffer, &size, &max_records);
+  EXPECT_EQ(buffer, nullptr);
+  EXPECT_EQ(size, 0u);
+  for (uint8_t* b : out) bufferCompleted(nullptr, 0, b, kActivityBufferSize, 0);
+  CaptureStderr();
+  ASSERT_TRUE(collector.stop_profiling().ok());
+  EXPECT_EQ(log_messages(GetCapturedStderr()),
+            (Strings{kEmptyFlushLine,
+                     "WARNING| CUDACollector refused CUPTI 1 activity buffers: all were waiting "
+                     "to be written, and CUPTI dropped what it could not place"}));
+}
 
 }  // namespace
 }  // namespace zorvek

@@ -125,3 +125,31 @@ def test_without_cupti_everything_else_works(tmp_path):
         assert "failed with CUPTI is not loaded" in err
     (path,) = glob.glob(str(tmp_path / "plain_*.zvkraw"))
     assert any(r.get("msg") == "step" for r in read_capture(path).records)
+
+
+def test_gpu_records_reach_the_file_about_a_second_after_they_happen(tmp_path):
+    """CUPTI keeps its records until its buffer is full; the collector forces them out
+    each second, so a process that ends without a stop (os._exit) keeps them."""
+    script = tmp_path / "gone.py"
+    script.write_text(textwrap.dedent("""
+        import ctypes, os, sys, time
+        fake = ctypes.CDLL(os.environ["ZVK_CUPTI_LIBRARY"])
+        fake.fake_cupti_emit_kernel.argtypes = [ctypes.c_char_p] + [ctypes.c_uint32] * 3 + [ctypes.c_uint64] * 2
+        import _zorv
+        config = _zorv.Config()
+        config.profiler = {"EnableCuda": "1", "BucketCount": "4", "BucketSizeMB": "4",
+                           "RecordFile": sys.argv[1]}
+        profiler = _zorv.Zorvek.instance()
+        assert repr(profiler.configure(config)) == "OK"
+        profiler.start_profiling()
+        fake.fake_cupti_emit_kernel(b"early_kernel", 0, 7, 11, 1000, 2000)
+        time.sleep(3)
+        os._exit(0)
+    """))
+    env = {"ZVK_CUPTI_LIBRARY": fake_cupti_library()}
+    code, out, err = run_python([str(script), str(tmp_path / "gone_%p")], cwd=tmp_path, env=env,
+                                timeout=60)
+    assert code == 0, err[-4000:]
+    (path,) = glob.glob(str(tmp_path / "gone_*"))
+    kernels = gpu_records(read_capture(path), KERNEL)
+    assert [r["correlation"] for r in kernels] == [11]

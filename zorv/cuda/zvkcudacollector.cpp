@@ -123,6 +123,12 @@ std::atomic<ZVKBufferRecordHelper*> helper{nullptr};
 std::atomic<uint32_t> pid{0};
 std::atomic<bool> rotator_switch{false};
 std::atomic<bool> time_limit_switch{false};
+// Activity buffers CUPTI holds: only those can hold records that a flush would
+// bring out.
+std::atomic<int> buffers_with_cupti{0};
+// Requests bufferRequested answered with no buffer, since the last stop, because
+// the running rotator handed none back in time.
+std::atomic<uint64_t> refused_buffer_requests{0};
 
 // Names by id, counted from 0 in order of first sight, for the life of the process.
 class NameTable {
@@ -309,8 +315,24 @@ void return_buffer(ZVKCuptiActivityBuffer* buffer) {
   to_send.load()->push(buffer);
 }
 
+// CUPTI keeps records in a buffer until the buffer is full, which at a few kernels
+// a step can take minutes. Forcing the buffers out this often bounds what a
+// process that ends without a stop (os._exit, SIGKILL) loses, as the writer's
+// flush does for the record helpers.
+constexpr auto kActivityFlushPeriod = std::chrono::seconds(1);
+
+// A failure is not logged: without a driver every CUPTI call fails, and this one
+// would say so every second. The stop's own flush reports.
+void force_activity_flush(std::chrono::steady_clock::time_point* next_flush) {
+  const auto now = std::chrono::steady_clock::now();
+  if (now < *next_flush) return;
+  *next_flush = now + kActivityFlushPeriod;
+  if (buffers_with_cupti.load() > 0) cupti().cuptiActivityFlushAll(CUPTI_ACTIVITY_FLAG_FLUSH_FORCED);
+}
+
 void rotator_loop() {
   ZVKQueue<ZVKCuptiActivityBuffer>* const completed = to_parse.load();
+  auto next_flush = std::chrono::steady_clock::now() + kActivityFlushPeriod;
   while (rotator_switch) {
     ZVKCuptiActivityBuffer* buffer = nullptr;
     completed->pop(&buffer);
@@ -318,6 +340,7 @@ void rotator_loop() {
       timespec pause = {0, 1000000};
       nanosleep(&pause, nullptr);
       if (!rotator_switch) break;
+      force_activity_flush(&next_flush);
       completed->pop(&buffer);
     }
     if (buffer == nullptr) break;
@@ -447,10 +470,19 @@ void bufferRequested(uint8_t** buffer, size_t* size, size_t* maxNumRecords) {
   ZVKQueue<ZVKCuptiActivityBuffer>* const free_buffers = to_send.load();
   if (free_buffers != nullptr) free_buffers->pop(&free_buffer);
   // Every buffer is out: wait for the rotator to hand one back, but only while a
-  // rotator runs. Without one (suspended, or a child that doesn't follow) nothing
-  // would, and CUPTI drops what it can't place rather than wait for ever.
-  while (free_buffer == nullptr && free_buffers != nullptr && rotator_switch) {
+  // rotator runs, and not for ever. Without a rotator (suspended, or a child that
+  // doesn't follow) nothing would hand one back; with one that is held up (a
+  // writer stuck on a hung disk) the thread CUPTI called on, an application
+  // thread, must not stay held. CUPTI drops what it can't place.
+  const auto give_up = std::chrono::steady_clock::now() + kBufferRequestPatience;
+  while (free_buffer == nullptr && free_buffers != nullptr && rotator_switch &&
+         std::chrono::steady_clock::now() < give_up) {
     free_buffers->pop_wait_for(&free_buffer, std::chrono::milliseconds(10), rotator_switch);
+  }
+  if (free_buffer != nullptr) {
+    buffers_with_cupti.fetch_add(1);
+  } else if (rotator_switch) {
+    refused_buffer_requests.fetch_add(1);
   }
   *buffer = free_buffer != nullptr ? free_buffer->buffer : nullptr;
   *size = free_buffer != nullptr ? free_buffer->size : 0;
@@ -464,6 +496,7 @@ void bufferCompleted(CUctx_st* /*ctx*/, uint32_t /*streamId*/, uint8_t* buffer, 
   auto* owner = reinterpret_cast<ZVKCuptiActivityBuffer*>(buffer -
                                                           offsetof(ZVKCuptiActivityBuffer, buffer));
   owner->valid_size = validSize;
+  buffers_with_cupti.fetch_sub(1);
   completed->push(owner);
 }
 
@@ -580,14 +613,16 @@ Status ZVKCudaCollector::start_profiling() {
   // Loads the unwinder here rather than in the first driver API callback.
   void* warm_up[1];
   capture_backtrace(warm_up, 1);
-  const auto deadline = m_first_capture + std::chrono::seconds(m_max_capture_duration);
-  if (m_time_limiter_started && std::chrono::system_clock::now() < deadline) {
+  // The last stop's forced flush took every buffer back from CUPTI.
+  buffers_with_cupti = 0;
+  const auto deadline = limit_deadline(m_first_capture, m_max_capture_duration);
+  if (m_time_limiter_started && LimiterClock::now() < deadline) {
     return Status(error::UNSUPPORTED, "Capture beyond time threshold of " +
                                           std::to_string(m_max_capture_duration) +
                                           " is not possible!");
   }
   if (!m_time_limiter_started) {
-    m_first_capture = std::chrono::system_clock::now();
+    m_first_capture = LimiterClock::now();
     m_time_limiter = start_time_limiter();
     m_time_limiter_started = true;
   }
@@ -624,6 +659,12 @@ Status ZVKCudaCollector::stop_profiling() {
   check(api.cuptiActivityFlushAll(1), "cuptiActivityFlushAll(1)");
   end_buffer_rotator();
   ZVK_LOG_NOT_OK(ERROR, record_helper()->flush(), "flushing buffer helper returned not OK");
+  const uint64_t refused = refused_buffer_requests.exchange(0);
+  if (refused != 0) {
+    LOG(WARNING) << m_name << " refused CUPTI " << refused
+                 << " activity buffers: all were waiting to be written, and CUPTI dropped "
+                    "what it could not place";
+  }
   return Status::OK();
 }
 
@@ -640,6 +681,7 @@ Status ZVKCudaCollector::suspend_profiling() {
 
 Status ZVKCudaCollector::resume_profiling() {
   std::lock_guard<std::mutex> lifecycle(m_lifecycle_mutex);
+  if (m_pid != getpid()) discard_parents_activity();
   m_pid = getpid();
   pid = static_cast<uint32_t>(m_pid);
   m_buffer_rotator = start_buffer_rotator();
@@ -647,6 +689,19 @@ Status ZVKCudaCollector::resume_profiling() {
   // suspend ended the last one.
   if (m_time_limiter_started && m_time_limiter == nullptr) m_time_limiter = start_time_limiter();
   return Status::OK();
+}
+
+void ZVKCudaCollector::discard_parents_activity() {
+  // Completed buffers copied over at the fork hold the parent's GPU work, which
+  // the parent writes itself; walked here they would be written twice, under the
+  // child's pid. The buffers CUPTI held at the fork never come back to the child.
+  ZVKQueue<ZVKCuptiActivityBuffer>* const completed = to_parse.load();
+  ZVKCuptiActivityBuffer* buffer = nullptr;
+  for (completed->pop(&buffer); buffer != nullptr; completed->pop(&buffer)) {
+    return_buffer(buffer);
+    buffer = nullptr;
+  }
+  buffers_with_cupti = 0;
 }
 
 std::thread* ZVKCudaCollector::start_buffer_rotator() {
@@ -676,17 +731,25 @@ std::thread* ZVKCudaCollector::start_time_limiter() {
   // suspend joined the last one), and the new thread sees the store through its
   // start.
   time_limit_switch = false;
-  const auto deadline = m_first_capture + std::chrono::seconds(m_max_capture_duration);
+  const auto deadline = limit_deadline(m_first_capture, m_max_capture_duration);
   ScopedSignalsBlocked blocked;
   return new std::thread([this, deadline] {
     std::unique_lock<std::mutex> lock(m_time_limiter_mutex);
     m_cv.wait_until(lock, deadline, [] { return time_limit_switch.load(); });
     if (time_limit_switch) return;
-    if (std::chrono::system_clock::now() >= deadline) {
+    if (LimiterClock::now() >= deadline) {
       VLOG(1) << "Cuda capture time limit reached. Stopping capture";
     }
     stop_profiling();
   });
+}
+
+ZVKCudaCollector::LimiterClock::time_point ZVKCudaCollector::limit_deadline(
+    LimiterClock::time_point first_capture, uint64_t limit_s) {
+  const auto room = std::chrono::duration_cast<std::chrono::seconds>(
+      LimiterClock::time_point::max() - first_capture);
+  if (limit_s >= static_cast<uint64_t>(room.count())) return LimiterClock::time_point::max();
+  return first_capture + std::chrono::seconds(limit_s);
 }
 
 void ZVKCudaCollector::end_time_limiter() {

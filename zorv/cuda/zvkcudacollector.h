@@ -45,6 +45,8 @@ static_assert(offsetof(ZVKCuptiActivityBuffer, buffer) == 16, "buffer follows th
 
 constexpr uint32_t kActivityBufferCount = 20;
 constexpr uint64_t kActivityBufferSize = 5242880;
+// How long bufferRequested waits for a buffer to come back before it answers none.
+constexpr std::chrono::milliseconds kBufferRequestPatience{2000};
 
 // CUPTI's buffer callbacks: they only move a buffer between the two queues.
 void bufferRequested(uint8_t** buffer, size_t* size, size_t* maxNumRecords);
@@ -85,6 +87,14 @@ class ZVKCudaCollector : public ZVKDataCollectorBase {
   uint64_t current_config() const { return m_current_config; }
   bool time_limiter_started() const { return m_time_limiter_started; }
 
+  // The capture time limit is an interval, measured on the monotonic clock: a step
+  // of the system clock can neither stretch nor cut it.
+  using LimiterClock = std::chrono::steady_clock;
+  // `first_capture` plus `limit_s` seconds; a limit too long for the clock is one
+  // that never comes.
+  static LimiterClock::time_point limit_deadline(LimiterClock::time_point first_capture,
+                                                 uint64_t limit_s);
+
  private:
   // The record helper the callbacks write through: the shared one, or our own.
   ZVKBufferRecordHelper* record_helper() const;
@@ -92,6 +102,8 @@ class ZVKCudaCollector : public ZVKDataCollectorBase {
   void end_time_limiter();
   // Stops and joins the rotator, which first drains what CUPTI completed.
   void end_buffer_rotator();
+  // In a forked child: frees the completed buffers inherited from the parent unread.
+  void discard_parents_activity();
 
   pid_t m_pid = 0;
   CUpti_SubscriberHandle m_subscriber = nullptr;
@@ -105,7 +117,7 @@ class ZVKCudaCollector : public ZVKDataCollectorBase {
   // which decides whether a later start is within the capture time limit.
   bool m_time_limiter_started = false;
   uint64_t m_max_capture_duration;
-  std::chrono::system_clock::time_point m_first_capture;
+  LimiterClock::time_point m_first_capture;
   std::condition_variable m_cv;
   std::mutex m_time_limiter_mutex;
   uint64_t m_current_config = 0;
