@@ -1,9 +1,10 @@
 // zvkdump: its decoder against damaged input (every truncation and every flipped
 // byte of a real capture, buckets whose stream is sound but whose records aren't,
 // damage in the middle of a file), its decoding of CPU sampling records, whole or
-// cut short, its JSON, its summary, its progress and its command line. Under the
-// sanitizers a stray read fails the run; here each result must be a clean answer:
-// true with nothing on err, or false with lines naming the file.
+// cut short, its JSON, its summary, its progress, its command line and its exit
+// status. Under the sanitizers a stray read fails the run; here each result must
+// be a clean answer: read whole with nothing on err but an unfinished header's
+// note, or a status saying what went wrong with lines naming the file.
 
 #include <gtest/gtest.h>
 #include <linux/perf_event.h>
@@ -11,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -47,6 +49,7 @@ void write_bytes(const std::string& path, const std::string& bytes) {
 }
 
 struct Dumped {
+  int status;
   bool whole;
   std::string out;
   std::string err;
@@ -54,8 +57,8 @@ struct Dumped {
 
 Dumped dump(const std::vector<std::string>& paths, const DumpOptions& options) {
   std::ostringstream out, err;
-  const bool whole = dump_files(paths, options, out, err);
-  return {whole, out.str(), err.str()};
+  const int status = dump_files(paths, options, out, err);
+  return {status, status == kExitReadWhole, out.str(), err.str()};
 }
 
 std::vector<std::string> lines_of(const std::string& text) {
@@ -268,32 +271,40 @@ std::vector<size_t> bucket_offsets(const std::string& capture) {
   return offsets;
 }
 
-// Dumps `bytes` as a file in every mode; checks the answer is a clean one, and
-// every JSON answer one valid document. Returns whether the dump read it whole.
-bool dump_cleanly(const TempDir& dir, const std::string& bytes, std::string* error = nullptr) {
+// Dumps `bytes` as a file in every mode; checks the answer is a clean one: read
+// whole with nothing on err but an unfinished header's note, or one line on err
+// naming the file and the status of a file not read or of one damaged or cut;
+// every JSON answer one valid document, and the modes agreeing. Returns whether
+// the dump read it whole; `status`, the exit status.
+bool dump_cleanly(const TempDir& dir, const std::string& bytes, std::string* error = nullptr,
+                  int* status = nullptr) {
   const std::string path = dir.file("probe.zvkraw");
   write_bytes(path, bytes);
   bool first = true;
-  bool read_whole = false;
+  int first_status = kExitReadWhole;
   for (const DumpOptions& options : kModes) {
     const Dumped result = dump({path}, options);
-    if (result.whole) {
+    if (result.whole && result.err.find(": unfinished capture: ") == std::string::npos) {
       EXPECT_EQ(result.err, "");
     } else {
       EXPECT_EQ(result.err.rfind("zvkdump: " + path + ": ", 0), 0u) << result.err;
       EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
       if (error != nullptr) *error = result.err;
     }
+    EXPECT_TRUE(result.status == kExitReadWhole || result.status == kExitNotRead ||
+                result.status == kExitDamaged)
+        << result.status;
     if (options.format == DumpFormat::kJson) {
       EXPECT_TRUE(is_one_json_document(result.out)) << result.out;
     }
     if (!first) {
-      EXPECT_EQ(result.whole, read_whole) << "modes disagree";
+      EXPECT_EQ(result.status, first_status) << "modes disagree";
     }
     first = false;
-    read_whole = result.whole;
+    first_status = result.status;
   }
-  return read_whole;
+  if (status != nullptr) *status = first_status;
+  return first_status == kExitReadWhole;
 }
 
 TEST(ZvkdumpDamage, TheCaptureItselfReadsWhole) {
@@ -311,14 +322,17 @@ TEST(ZvkdumpDamage, EveryTruncationGetsAnAnswer) {
   TempDir dir;
   const std::string& capture = capture_bytes();
   size_t read_whole = 0;
+  const size_t header_size = header_size_of(capture);
   for (size_t length = 0; length < capture.size(); ++length) {
     SCOPED_TRACE("length " + std::to_string(length));
-    read_whole += dump_cleanly(dir, capture.substr(0, length));
+    int status = 0;
+    read_whole += dump_cleanly(dir, capture.substr(0, length), nullptr, &status);
+    // Without its whole header a file is no capture; after it, a cut inside a
+    // bucket leaves it torn, and one at a bucket's end leaves fewer buckets than
+    // the finished header counts.
+    EXPECT_EQ(status, length < header_size ? kExitNotRead : kExitDamaged);
   }
-  // Cuts at a bucket's end read whole, and so do cuts inside the last bucket,
-  // which a killed writer leaves: torn, reported, no failure.
-  EXPECT_GT(read_whole, 0u);
-  EXPECT_LT(read_whole, capture.size());
+  EXPECT_EQ(read_whole, 0u);
 }
 
 TEST(ZvkdumpDamage, EveryFlippedByteGetsAnAnswer) {
@@ -398,8 +412,9 @@ TEST(ZvkdumpDamage, BucketsAfterADamagedOneAreReadWhole) {
       EXPECT_EQ(result.err, "zvkdump: " + path + ": " + problems[0] + "\n");
     }
     const Dumped text = dump({path}, mode(DumpFormat::kText, false));
-    EXPECT_NE(text.out.find("\n2 whole buckets\nNote: " + problems[0] + "\n"), std::string::npos)
-        << text.out;
+    EXPECT_EQ(text.status, kExitDamaged);
+    EXPECT_NE(text.out.find("\n2 whole buckets\n"), std::string::npos) << text.out;
+    EXPECT_EQ(text.out.find(problems[0]), std::string::npos) << "notes go to err only";
   }
 }
 
@@ -422,11 +437,13 @@ TEST(ZvkdumpDamage, DamageBeforeATornEndIsStillDamage) {
             std::string::npos)
       << problems[1];
   const Dumped text = dump({path}, mode(DumpFormat::kText, false));
-  EXPECT_FALSE(text.whole);
-  EXPECT_EQ(lines_of(text.err), std::vector<std::string>{"zvkdump: " + path + ": " + problems[0]});
+  EXPECT_EQ(text.status, kExitDamaged);
+  const std::string said = "zvkdump: " + path + ": ";
+  EXPECT_EQ(lines_of(text.err),
+            (std::vector<std::string>{said + problems[0], said + problems[1]}));
 }
 
-// A capture whose one bucket is a sound zlib stream of `records`.
+// A finished capture whose one bucket is a sound zlib stream of `records`.
 std::string capture_with_bucket(const std::string& capture, const std::string& records,
                                 uint64_t number_of_records) {
   std::string stream(compressBound(records.size()), '\0');
@@ -439,8 +456,11 @@ std::string capture_with_bucket(const std::string& capture, const std::string& r
   bucket.number_of_records_in_bucket = number_of_records;
   bucket.compressed_size = static_cast<uint32_t>(length);
   bucket.uncompressed_size = static_cast<uint32_t>(records.size());
-  return capture.substr(0, header_size_of(capture)) +
-         std::string(reinterpret_cast<const char*>(&bucket), sizeof(bucket)) + stream;
+  std::string header = capture.substr(0, header_size_of(capture));
+  const uint32_t one = 1;  // the header counts the one bucket
+  header.replace(offsetof(ZVKFileHeader, num_buckets), sizeof(one),
+                 reinterpret_cast<const char*>(&one), sizeof(one));
+  return header + std::string(reinterpret_cast<const char*>(&bucket), sizeof(bucket)) + stream;
 }
 
 std::string record_bytes(uint32_t event_word, uint16_t call_chain_size, uint16_t payload_size,
@@ -1420,7 +1440,8 @@ TEST(ZvkdumpJson, TheSummaryComesAsJsonToo) {
   for (const char* member :
        {"\"whole_buckets\":3,", "\"ANNOTATION BEGIN\":12,", "\"ANNOTATION MARKER\":12,",
         "\"CPU\":12", "{\"name\":\"step \\\"11\\\"\\u000a\",\"count\":1,\"total_ns\":",
-        "\"begins_without_end\":0,\"ends_without_begin\":0,\"problem\":\"\",\"clean\":true}\n"}) {
+        "\"begins_without_end\":0,\"ends_without_begin\":0,\"problem\":\"\",\"unfinished\":false,"
+        "\"clean\":true}\n"}) {
     EXPECT_NE(result.out.find(member), std::string::npos) << member << "\n" << result.out;
   }
   EXPECT_EQ(result.out.find("\"records\""), std::string::npos) << result.out;
@@ -1586,6 +1607,154 @@ TEST(ZvkdumpCommandLine, DoubleDashEndsTheOptions) {
   const Ran absent = run_zvkdump({"--", "--json"});
   EXPECT_EQ(absent.status, 1);
   EXPECT_EQ(absent.err, "zvkdump: --json: No such file or directory\n");
+}
+
+
+// ---- Exit status and notes: one status for a file read but damaged or cut --------
+
+// The capture's bytes with its header's bucket count and end time set.
+std::string with_header_count(std::string capture, uint32_t num_buckets, uint64_t end_time) {
+  std::memcpy(&capture[offsetof(ZVKFileHeader, num_buckets)], &num_buckets, sizeof(num_buckets));
+  std::memcpy(&capture[offsetof(ZVKFileHeader, end_time)], &end_time, sizeof(end_time));
+  return capture;
+}
+
+uint64_t end_time_of(const std::string& capture) {
+  uint64_t end_time;
+  std::memcpy(&end_time, capture.data() + offsetof(ZVKFileHeader, end_time), sizeof(end_time));
+  return end_time;
+}
+
+class ZvkdumpExitStatus : public testing::Test {
+ protected:
+  // zvkdump on `bytes` as one file, in text and then in each other mode: the
+  // status and err must be the same in every mode, and no note may reach out.
+  Ran run_on(const std::string& bytes, const std::string& name = "capture.zvkraw") {
+    m_path = m_dir.file(name);
+    write_bytes(m_path, bytes);
+    const Ran text = run_zvkdump({m_path});
+    for (const std::vector<std::string>& args :
+         {std::vector<std::string>{"--json", m_path}, {"--summary", m_path},
+          {"--json", "--summary", m_path}}) {
+      const Ran other = run_zvkdump(args);
+      EXPECT_EQ(other.status, text.status) << args[0];
+      EXPECT_EQ(other.err, text.err) << args[0];
+    }
+    for (const std::string& line : lines_of(text.err)) {
+      EXPECT_EQ(line.rfind("zvkdump: " + m_path + ": ", 0), 0u) << line;
+      EXPECT_EQ(text.out.find(line.substr(line.find(": ") + 2)), std::string::npos)
+          << "a note on out: " << line;
+    }
+    return text;
+  }
+
+  TempDir m_dir;
+  std::string m_path;
+  const std::string& m_capture = capture_bytes();
+  const std::vector<size_t> m_offsets = bucket_offsets(m_capture);
+};
+
+TEST_F(ZvkdumpExitStatus, AWholeFileIsZeroWithNothingOnErr) {
+  const Ran run = run_on(m_capture);
+  EXPECT_EQ(run.status, kExitReadWhole);
+  EXPECT_EQ(run.err, "");
+  EXPECT_NE(run.out.find("\n3 whole buckets\n"), std::string::npos) << run.out;
+}
+
+TEST_F(ZvkdumpExitStatus, AFileCutInsideABucketIsDamaged) {
+  ASSERT_EQ(m_offsets.size(), 4u);
+  const Ran run = run_on(m_capture.substr(0, m_offsets[2] + 20));
+  EXPECT_EQ(run.status, kExitDamaged);
+  ASSERT_EQ(lines_of(run.err).size(), 1u) << run.err;
+  EXPECT_NE(run.err.find("bucket 2 at offset " + std::to_string(m_offsets[2]) + " is torn"),
+            std::string::npos)
+      << run.err;
+  EXPECT_NE(run.out.find("\n2 whole buckets\n"), std::string::npos) << run.out;
+}
+
+TEST_F(ZvkdumpExitStatus, ACorruptedBucketIsDamaged) {
+  std::string damaged = m_capture;
+  for (size_t i = m_offsets[1] + 40; i < m_offsets[1] + 60; ++i) damaged[i] ^= '\xff';
+  const Ran run = run_on(damaged);
+  EXPECT_EQ(run.status, kExitDamaged);
+  ASSERT_EQ(lines_of(run.err).size(), 1u) << run.err;
+  EXPECT_NE(run.err.find("bucket 1 at offset " + std::to_string(m_offsets[1]) + " is damaged"),
+            std::string::npos)
+      << run.err;
+}
+
+TEST_F(ZvkdumpExitStatus, AHeaderCountingMoreBucketsThanTheFileHoldsMeansCut) {
+  // Cut at a bucket's end, the bytes left are all whole: only the count tells.
+  const Ran cut = run_on(m_capture.substr(0, m_offsets[2]));
+  EXPECT_EQ(cut.status, kExitDamaged);
+  EXPECT_EQ(cut.err, "zvkdump: " + m_path +
+                         ": cut short: its header counts 3 buckets, the file holds 2 whole\n");
+  const Ran claims_more = run_on(with_header_count(m_capture, 4, end_time_of(m_capture)));
+  EXPECT_EQ(claims_more.status, kExitDamaged);
+  EXPECT_EQ(claims_more.err, "zvkdump: " + m_path +
+                                 ": cut short: its header counts 4 buckets, the file holds 3 "
+                                 "whole\n");
+  const Ran json = run_zvkdump({"--json", m_path});
+  EXPECT_NE(json.out.find("\"unfinished\":false,\"clean\":false}"), std::string::npos) << json.out;
+}
+
+TEST_F(ZvkdumpExitStatus, AnUnfinishedCaptureIsReadWholeAndSaidSo) {
+  // As a killed process leaves it: the header as it was opened, whole buckets.
+  const Ran killed = run_on(with_header_count(m_capture, 0, 0));
+  EXPECT_EQ(killed.status, kExitReadWhole);
+  ASSERT_EQ(lines_of(killed.err).size(), 1u) << killed.err;
+  EXPECT_NE(killed.err.find(": unfinished capture: its header counts 0 buckets, the file holds 3 "
+                            "whole"),
+            std::string::npos)
+      << killed.err;
+  EXPECT_NE(killed.out.find("\n3 whole buckets\n"), std::string::npos) << killed.out;
+  const Ran json = run_zvkdump({"--json", m_path});
+  EXPECT_NE(json.out.find("\"unfinished\":true,\"clean\":true}"), std::string::npos) << json.out;
+
+  // Killed after a suspend and resume: the header counts the buckets before the
+  // suspend, and the file holds more.
+  const Ran resumed = run_on(with_header_count(m_capture, 2, end_time_of(m_capture)));
+  EXPECT_EQ(resumed.status, kExitReadWhole);
+  EXPECT_NE(resumed.err.find(": unfinished capture: its header counts 2 buckets, the file holds 3 "
+                             "whole"),
+            std::string::npos)
+      << resumed.err;
+
+  // Killed while writing a bucket: unfinished, and torn.
+  const Ran torn = run_on(with_header_count(m_capture, 0, 0).substr(0, m_offsets[3] - 5));
+  EXPECT_EQ(torn.status, kExitDamaged);
+  const std::vector<std::string> lines = lines_of(torn.err);
+  ASSERT_EQ(lines.size(), 2u) << torn.err;
+  EXPECT_NE(lines[0].find(" is torn: "), std::string::npos) << lines[0];
+  EXPECT_NE(lines[1].find(": unfinished capture: "), std::string::npos) << lines[1];
+}
+
+TEST_F(ZvkdumpExitStatus, WhatIsNotACaptureIsOneAndWeighsMoreThanDamage) {
+  const Ran text = run_on(std::string(200, 'x'), "notes.zvkraw");
+  EXPECT_EQ(text.status, kExitNotRead);
+  EXPECT_EQ(text.err, "zvkdump: " + m_path + ": not a capture file (no ZVKRAWDF magic)\n");
+  const std::string not_capture = m_path;
+  const std::string cut = m_dir.file("cut.zvkraw");
+  write_bytes(cut, m_capture.substr(0, m_offsets[2]));
+  const std::string whole = m_dir.file("whole.zvkraw");
+  write_bytes(whole, m_capture);
+  EXPECT_EQ(run_zvkdump({whole, cut}).status, kExitDamaged);
+  EXPECT_EQ(run_zvkdump({cut, not_capture, whole}).status, kExitNotRead);
+  EXPECT_EQ(run_zvkdump({not_capture, cut}).status, kExitNotRead);
+  EXPECT_EQ(run_zvkdump({whole, whole}).status, kExitReadWhole);
+}
+
+TEST(ZvkdumpCommandLine, HelpTellsTheExitStatuses) {
+  const Ran run = run_zvkdump({"--help"});
+  EXPECT_NE(run.out.find("Notes on how a file was read go to stderr"), std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("Exit status: 0 every file read whole, an unfinished capture included"),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.out.find("); 1 a file missing, unreadable or not a capture; 2 a usage\nerror; 3 "
+                         "every file read, but one damaged or cut"),
+            std::string::npos)
+      << run.out;
 }
 
 }  // namespace

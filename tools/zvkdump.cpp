@@ -2,9 +2,9 @@
 //
 //   zvkdump [--json] [--summary] [--progress | --no-progress] [--] FILE...
 //
-// Exit status: 0 when every file was read whole (a torn last bucket, which a killed
-// writer leaves, is reported but is no error); 1 when a file is unreadable, not a
-// capture file, or damaged; 2 on a usage error.
+// Exit status: 0 when every file was read whole; 1 when a file is missing,
+// unreadable or not a capture file; 2 on a usage error; 3 when every file was
+// read but one was damaged or cut. Notes on how a file was read go to stderr.
 
 #include <unistd.h>
 

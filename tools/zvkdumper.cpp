@@ -1123,14 +1123,19 @@ class FileDump {
   // Why the file can't be read at all, or OK.
   Status open() { return m_file.open(m_path); }
 
-  // Prints the whole dump; returns the damage found, one message per damaged run
-  // of bytes. A torn end is no damage: it is only noted.
+  // Prints the whole dump; returns the notes on how the file was read, in file
+  // order: damage, a torn end, the header's count of buckets. Whether they make
+  // the file damaged or cut is whole()'s answer.
   std::vector<std::string> run() {
     print_head();
     read_buckets();
+    const std::string count = m_file.header_count_note();
+    if (!count.empty()) m_notes.push_back(count);
     print_tail();
-    return m_damage;
+    return m_notes;
   }
+
+  bool whole() const { return m_file.read_whole(); }
 
  private:
   bool json() const { return m_options.format == DumpFormat::kJson; }
@@ -1147,10 +1152,6 @@ class FileDump {
     m_out << "File " << m_path << " (" << m_file.file_size() << " bytes)\n";
     dump_zvkfile_header(hdr, m_out);
     m_out << "\n";
-    if (hdr->num_buckets == 0) {
-      m_out << "Header was never rewritten with final counts (num_buckets 0); reading buckets to "
-               "the end of the file\n";
-    }
   }
 
   void read_buckets() {
@@ -1161,7 +1162,6 @@ class FileDump {
       if (next.code_ == error::END_OF_DATA) break;
       if (!next.ok()) {
         m_notes.push_back(next.msg_);
-        if (!m_file.torn()) m_damage.push_back(next.msg_);
         continue;
       }
       take_bucket(*bucket, offset);
@@ -1226,7 +1226,6 @@ class FileDump {
     } else {
       m_out << m_buckets << " whole buckets\n";
     }
-    for (const std::string& note : m_notes) m_out << "Note: " << note << "\n";
   }
 
   void print_tail_json() {
@@ -1239,7 +1238,9 @@ class FileDump {
     std::string problem;
     for (const std::string& note : m_notes) problem += (problem.empty() ? "" : "; ") + note;
     m_out << ",\"problem\":" << json_string(problem)
-          << ",\"clean\":" << (m_damage.empty() ? "true" : "false") << '}';
+          << ",\"unfinished\":"
+          << (m_file.header_count() == ZVKFileReader::HeaderCount::kUnfinished ? "true" : "false")
+          << ",\"clean\":" << (whole() ? "true" : "false") << '}';
   }
 
   const std::string& m_path;
@@ -1250,13 +1251,12 @@ class FileDump {
   ZVKFileReader m_file;
   Summary m_summary{m_names};
   uint64_t m_buckets = 0;
-  std::vector<std::string> m_notes;   // the torn end and the damage, in file order
-  std::vector<std::string> m_damage;  // the notes that make the file count as failed
+  std::vector<std::string> m_notes;  // how the file was read, in file order
 };
 
-// Dumps one file; returns whether it was read whole.
-bool dump_file(const std::string& path, const DumpOptions& options, GpuNames& names,
-               Progress& progress, std::ostream& out, std::ostream& err) {
+// Dumps one file; returns its exit status.
+int dump_file(const std::string& path, const DumpOptions& options, GpuNames& names,
+              Progress& progress, std::ostream& out, std::ostream& err) {
   FileDump dump(path, options, names, progress, out);
   const Status opened = dump.open();
   if (!opened.ok()) {
@@ -1266,27 +1266,29 @@ bool dump_file(const std::string& path, const DumpOptions& options, GpuNames& na
           << ",\"clean\":false}";
     }
     err << "zvkdump: " << path << ": " << opened.msg_ << "\n";
-    return false;
+    return kExitNotRead;
   }
-  const std::vector<std::string> damage = dump.run();
-  for (const std::string& problem : damage) err << "zvkdump: " << path << ": " << problem << "\n";
-  return damage.empty();
+  const std::vector<std::string> notes = dump.run();
+  for (const std::string& note : notes) err << "zvkdump: " << path << ": " << note << "\n";
+  return dump.whole() ? kExitReadWhole : kExitDamaged;
 }
 
-const char kUsage[] =
-    "usage: zvkdump [--json] [--summary] [--progress | --no-progress] [--] FILE...\n"
-    "Prints capture files (.zvkraw): the header, then every bucket and record.\n"
-    "  --summary      records by kind, annotation ranges, CPU sampling and GPU\n"
-    "                 tracing instead\n"
-    "  --json         as one JSON document: an object for one file, an array for several\n"
-    "  --progress     progress on stderr even when it isn't a terminal\n"
-    "  --no-progress  no progress, not even on a terminal\n"
-    "  -h, --help     this text\n";
+std::string usage() {
+  return "usage: zvkdump [--json] [--summary] [--progress | --no-progress] [--] FILE...\n"
+         "Prints capture files (.zvkraw): the header, then every bucket and record.\n"
+         "  --summary      records by kind, annotation ranges, CPU sampling and GPU\n"
+         "                 tracing instead\n"
+         "  --json         as one JSON document: an object for one file, an array for several\n"
+         "  --progress     progress on stderr even when it isn't a terminal\n"
+         "  --no-progress  no progress, not even on a terminal\n"
+         "  -h, --help     this text\n" +
+         exit_status_help();
+}
 
 }  // namespace
 
-bool dump_files(const std::vector<std::string>& paths, const DumpOptions& options,
-                std::ostream& out, std::ostream& err) {
+int dump_files(const std::vector<std::string>& paths, const DumpOptions& options,
+               std::ostream& out, std::ostream& err) {
   Progress progress(options.progress, err);
   // A process names each kernel and function once, so names given in one file
   // serve the files after it.
@@ -1294,14 +1296,14 @@ bool dump_files(const std::vector<std::string>& paths, const DumpOptions& option
   const bool json = options.format == DumpFormat::kJson;
   const bool array = json && paths.size() != 1;
   if (array) out << '[';
-  bool all_whole = true;
+  int status = kExitReadWhole;
   for (size_t i = 0; i < paths.size(); ++i) {
     if (array) out << (i ? ",\n" : "\n");
-    all_whole = dump_file(paths[i], options, names, progress, out, err) && all_whole;
+    status = worse_exit(status, dump_file(paths[i], options, names, progress, out, err));
   }
   if (array) out << "\n]";
   if (json) out << '\n';
-  return all_whole;
+  return status;
 }
 
 CommandLine parse_command_line(const std::vector<std::string>& args, Terminals terminals) {
@@ -1345,14 +1347,14 @@ int zvkdump_main(const std::vector<std::string>& args, Terminals terminals, std:
                  std::ostream& err) {
   const CommandLine line = parse_command_line(args, terminals);
   if (!line.error.empty()) {
-    err << "zvkdump: " << line.error << "\n" << kUsage;
-    return 2;
+    err << "zvkdump: " << line.error << "\n" << usage();
+    return kExitUsage;
   }
   if (line.help) {
-    out << kUsage;
-    return 0;
+    out << usage();
+    return kExitReadWhole;
   }
-  return dump_files(line.files, line.options, out, err) ? 0 : 1;
+  return dump_files(line.files, line.options, out, err);
 }
 
 }  // namespace zorvek

@@ -34,12 +34,13 @@ struct DumpOptions {
 // decoded, or its summary; as text, or as JSON. JSON is one document whatever the
 // number of files: the file's object for one file, an array of them for several.
 // Damaged bytes in a file are skipped, and reading goes on at the next whole bucket
-// after them. Returns false if a file couldn't be read or had damage, after one line
-// on `err` per failure, naming the file; a torn last bucket, which a killed writer
-// leaves, is noted in `out` and is no failure. Any bytes at all may be given:
-// damage is reported, never trusted.
-bool dump_files(const std::vector<std::string>& paths, const DumpOptions& options,
-                std::ostream& out, std::ostream& err);
+// after them. Each note on how a file was read (damage, a torn or cut end, an
+// unfinished header) is one line on `err`, naming the file. Returns the exit
+// status (kExit* of zvkfilereader.h): kExitNotRead if a file couldn't be read,
+// else kExitDamaged if one was damaged or cut, else kExitReadWhole. Any bytes at
+// all may be given: damage is reported, never trusted.
+int dump_files(const std::vector<std::string>& paths, const DumpOptions& options,
+               std::ostream& out, std::ostream& err);
 
 // Which of the standard streams are terminals: progress is shown by default only
 // where it can't land among the output.
@@ -57,8 +58,7 @@ struct CommandLine {
 };
 CommandLine parse_command_line(const std::vector<std::string>& args, Terminals terminals);
 
-// Runs zvkdump. Returns its exit status: 0 when every file was read whole, 1 when
-// one couldn't be read or had damage, 2 on a usage error.
+// Runs zvkdump. Returns its exit status: that of dump_files, or kExitUsage.
 int zvkdump_main(const std::vector<std::string>& args, Terminals terminals, std::ostream& out,
                  std::ostream& err);
 

@@ -84,6 +84,20 @@ Status check_records(const char* data, uint32_t size, uint64_t expected) {
 
 }  // namespace
 
+std::string exit_status_help() {
+  return "Notes on how a file was read go to stderr, one line each: damaged bytes\n"
+         "skipped, a torn or cut end, a header that was never finished.\n"
+         "Exit status: " + std::to_string(kExitReadWhole) +
+         " every file read whole, an unfinished capture included (its\n"
+         "process ended without stopping the capture: every bucket that reached the\n"
+         "file was read); " + std::to_string(kExitNotRead) +
+         " a file missing, unreadable or not a capture; " + std::to_string(kExitUsage) +
+         " a usage\nerror; " + std::to_string(kExitDamaged) +
+         " every file read, but one damaged or cut: bytes skipped, a torn\n"
+         "last bucket, or fewer buckets than its header counts. " +
+         std::to_string(kExitNotRead) + " wins over " + std::to_string(kExitDamaged) + ".\n";
+}
+
 ZVKFileReader::~ZVKFileReader() {
   if (m_data != nullptr && m_size != 0) munmap(const_cast<char*>(m_data), m_size);
 }
@@ -155,11 +169,38 @@ Status ZVKFileReader::next_bucket(std::unique_ptr<ZVKBucketReader>* reader) {
     m_torn = true;
     return Status(error::FAILURE, where + " is torn: " + whole.msg_);
   }
+  m_damaged = true;
   const std::string resumed = m_cursor == m_size
                                   ? "the end of the file"
                                   : "the next whole bucket at offset " + std::to_string(m_cursor);
   return Status(error::FAILURE, where + " is damaged (" + whole.msg_ + "): skipped " +
                                     std::to_string(m_cursor - at) + " bytes to " + resumed);
+}
+
+ZVKFileReader::HeaderCount ZVKFileReader::header_count() const {
+  const ZVKFileHeader* hdr = header();
+  if (hdr->num_buckets > m_bucket_index) return HeaderCount::kMore;
+  if (hdr->end_time == 0 || hdr->num_buckets < m_bucket_index) return HeaderCount::kUnfinished;
+  return HeaderCount::kAgrees;
+}
+
+std::string ZVKFileReader::header_count_note() const {
+  const std::string counts = "its header counts " + std::to_string(header()->num_buckets) +
+                             " buckets, the file holds " + std::to_string(m_bucket_index) +
+                             " whole";
+  switch (header_count()) {
+    case HeaderCount::kAgrees: return std::string();
+    case HeaderCount::kUnfinished:
+      return "unfinished capture: " + counts +
+             " (the header was never finished: the process ended without stopping the capture, "
+             "or is still writing); read to the end of the file";
+    case HeaderCount::kMore:
+      // Damage and a torn end were reported as they were met, and account for
+      // the buckets missing; only a cut at a bucket's end leaves no other trace.
+      if (m_damaged || m_torn) return std::string();
+      return "cut short: " + counts;
+  }
+  return std::string();
 }
 
 Status ZVKFileReader::whole_bucket_at(uint64_t offset, std::unique_ptr<ZVKBucketReader>* reader) {

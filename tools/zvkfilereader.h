@@ -10,6 +10,24 @@
 
 namespace zorvek {
 
+// Exit statuses of every command that reads captures (zvkdump, and zorvek's
+// summary, timeline and flame). When several apply, the lowest nonzero one wins:
+// a file not read at all weighs more than one read in part.
+constexpr int kExitReadWhole = 0;  // every file read whole
+constexpr int kExitNotRead = 1;    // a file missing, unreadable, or not a capture
+constexpr int kExitUsage = 2;      // a usage error
+constexpr int kExitDamaged = 3;    // every file read, but one was damaged or cut
+
+// Those statuses in words, with where the notes go, for the commands' help.
+std::string exit_status_help();
+
+// The status of a run from those of its parts.
+inline int worse_exit(int a, int b) {
+  if (a == kExitReadWhole) return b;
+  if (b == kExitReadWhole) return a;
+  return a < b ? a : b;
+}
+
 // Reads a capture file bucket by bucket, to the end of the file: it never relies on
 // num_buckets, which is 0 in a header that never got its final rewrite. Damage in
 // the middle of a file costs only the damaged bytes: reading goes on at the next
@@ -41,6 +59,24 @@ class ZVKFileReader {
   Status next_bucket(std::unique_ptr<ZVKBucketReader>* reader);
   bool torn() const { return m_torn; }
 
+  // Once next_bucket has answered END_OF_DATA, what the header's bucket count says
+  // of the buckets read whole. kUnfinished: the header never got its final
+  // rewrite (its end time is 0) or counts fewer buckets than the file holds (it
+  // was last rewritten at a suspend): the process ended without stopping the
+  // capture, or is still writing. Whatever reached the file was read; what the
+  // process still held in memory is not in it. kMore: it counts more than were
+  // read whole: the file was cut, or damage took them.
+  enum class HeaderCount { kAgrees, kUnfinished, kMore };
+  HeaderCount header_count() const;
+  // One line on what header_count() found, beyond what next_bucket already
+  // reported; empty when there is nothing more to say.
+  std::string header_count_note() const;
+  // Once reading is over: no damage, no torn end, and no bucket the header
+  // counts missing. An unfinished header alone doesn't make a file damaged.
+  bool read_whole() const {
+    return !m_damaged && !m_torn && header_count() != HeaderCount::kMore;
+  }
+
  private:
   // OK with `reader` when a whole bucket starts at `offset`. Otherwise why not:
   // END_OF_DATA when the bucket would run past the end of the file, FAILURE for
@@ -57,6 +93,7 @@ class ZVKFileReader {
   uint64_t m_cursor = 0;
   uint64_t m_bucket_index = 0;
   bool m_torn = false;
+  bool m_damaged = false;
   std::vector<uint64_t> m_header;  // 8-aligned copy of the header block
   std::unique_ptr<char[]> m_records;  // the current bucket, inflated
   uint32_t m_records_capacity = 0;

@@ -8,6 +8,14 @@ _Path = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
 Progress = Callable[[int, int], Any]  # progress(bytes_done, bytes_total)
 Record = Dict[str, Any]
 
+# Exit statuses of the commands that read captures (zvkdump, zorvek summary,
+# timeline, flame). Where several apply, the lowest nonzero one wins.
+EXIT_READ_WHOLE: int  # 0: every file read whole (an unfinished capture included)
+EXIT_NOT_READ: int    # 1: a file missing, unreadable, or not a capture
+EXIT_USAGE: int       # 2: a usage error
+EXIT_DAMAGED: int     # 3: every file read, but one was damaged or cut
+EXIT_STATUS_HELP: str  # those statuses in words, and where the notes go, for --help
+
 
 class CaptureFile:
     """A capture file (.zvkraw), opened and its header read. Raises OSError when
@@ -26,9 +34,20 @@ class CaptureFile:
         instance_type, cpu_model."""
     @property
     def problems(self) -> List[str]:
-        """What the last iteration skipped: damaged bytes, a torn last bucket."""
+        """What the last iteration found missing: damaged bytes skipped, a torn
+        last bucket, buckets the header counts that the file lacks."""
     @property
     def torn(self) -> bool: ...
+    @property
+    def damaged(self) -> bool:
+        """Whether the last iteration found the file damaged or cut (anything in
+        `problems`)."""
+    @property
+    def unfinished(self) -> str:
+        """After an iteration, "PATH: unfinished capture: ..." when the header was
+        never finished (the process ended without stopping the capture): every
+        bucket in the file was read, and the file doesn't count as damaged for
+        it. Empty otherwise."""
     @property
     def buckets(self) -> int:
         """Whole buckets the last iteration read."""
@@ -47,5 +66,7 @@ class CaptureFile:
 def summarize(paths: Union[_Path, Iterable[_Path]],
               progress: Optional[Progress] = None) -> Dict[str, Any]:
     """Adds up capture files: {"files": [...], "bytes", "processes": [...],
-    "problems": [...]}, one process per pid over all files. Raises as
-    CaptureFile does for a file that can't be opened."""
+    "problems": [...]}, one process per pid over all files. Each file has
+    "problems" (as CaptureFile's, without the path), "torn", "damaged" and
+    "unfinished" (a note, or empty). Raises as CaptureFile does for a file that
+    can't be opened."""

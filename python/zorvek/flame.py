@@ -25,8 +25,8 @@ import zlib
 from typing import Dict, List, Optional, Sequence, Tuple
 
 from .timeline import (VIEW_FAILURES, Progress, Reading, Survey, ViewError, add_files_argument,
-                       add_progress_arguments, build_symbolizer, name_stacks, sample_frames,
-                       view_failed)
+                       add_progress_arguments, build_symbolizer, exit_status_help, name_stacks,
+                       sample_frames, view_failed)
 
 PROG = "zorvek flame"
 
@@ -219,10 +219,25 @@ file+0xoffset.
 """
 
 
+# Narrower, and a frame's name no longer fits beside its share.
+MIN_WIDTH = 200
+
+
+def _width(text: str) -> int:
+    """--width's value: a whole number of pixels the graph can be drawn in."""
+    try:
+        width = int(text, 10)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is not a whole number of pixels") from None
+    if width < MIN_WIDTH:
+        raise argparse.ArgumentTypeError(f"{text!r}: the graph needs at least {MIN_WIDTH} pixels")
+    return width
+
+
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.description = ("A flame graph of the CPU samples in captures: an SVG for a browser,\n"
                           "or collapsed stacks, one \"root;...;leaf count\" line per stack.")
-    parser.epilog = EXAMPLES
+    parser.epilog = EXAMPLES + "\n" + exit_status_help()
     parser.formatter_class = argparse.RawDescriptionHelpFormatter
     add_files_argument(parser)
     parser.add_argument("-o", "--output",
@@ -235,7 +250,8 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--pid", type=int, action="append", metavar="PID",
                         help="only this process (repeatable)")
     parser.add_argument("--title", help="the SVG's title (default: the files' names)")
-    parser.add_argument("--width", type=int, default=1200, help="SVG width in pixels (default: 1200)")
+    parser.add_argument("--width", type=_width, default=1200,
+                        help=f"SVG width in pixels, at least {MIN_WIDTH} (default: 1200)")
     add_progress_arguments(parser)
 
 
@@ -259,7 +275,7 @@ def run(args: argparse.Namespace) -> int:
             title = args.title or ("CPU flame graph: " + ", ".join(
                 os.path.basename(p) for p in reading.paths[:3]) + (" ..." if len(reading.paths) > 3 else ""))
             subtitle = "%d samples%s" % (total, " inside range %r" % args.range if args.range else "")
-            svg = render_svg(stacks, title, subtitle, max(args.width, 200))
+            svg = render_svg(stacks, title, subtitle, args.width)
             if output == "-":
                 sys.stdout.write(svg)
             else:
@@ -269,13 +285,13 @@ def run(args: argparse.Namespace) -> int:
     except VIEW_FAILURES as error:
         return view_failed(PROG, progress, error, output)
     progress.done()
-    reading.report_problems(PROG)
+    status = reading.report_problems(PROG)
     for gap in gaps:
         sys.stderr.write("%s: %s\n" % (PROG, gap))
     where = "stdout" if output == "-" else output
     sys.stderr.write("%s: wrote %s: %d samples in %d stacks%s\n" % (
         PROG, where, total, len(stacks), (", range %r" % args.range) if args.range else ""))
-    return 0
+    return status
 
 
 class _Atomic:

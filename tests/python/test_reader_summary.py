@@ -634,19 +634,54 @@ def test_no_file_at_all():
     assert "no capture file given" in one_error_line(err)
 
 
+def test_exit_statuses_are_the_readers_own():
+    """One set of statuses for every command that reads captures, zvkdump's too."""
+    assert (_reader.EXIT_READ_WHOLE, _reader.EXIT_NOT_READ, _reader.EXIT_USAGE,
+            _reader.EXIT_DAMAGED) == (0, 1, 2, 3)
+    done = subprocess.run([sys.executable, "-m", "zorvek", "summary", "--help"],
+                          capture_output=True, text=True, timeout=60)
+    assert done.returncode == 0
+    assert " ".join(_reader.EXIT_STATUS_HELP.split()) in " ".join(done.stdout.split())
+    assert "Exit status: 0 every file read whole" in _reader.EXIT_STATUS_HELP
+
+
+def reading_notes(err):
+    """The lines on stderr about how files were read (the symbolizer may add
+    notes of its own)."""
+    return [line for line in err.splitlines()
+            if any(word in line for word in (" is torn", " is damaged", "cut short",
+                                             "unfinished capture"))]
+
+
+def test_a_whole_file_is_status_0_with_no_reading_notes(tmp_path, rich):
+    code, out, err = summary_command(rich[0])
+    assert code == _reader.EXIT_READ_WHOLE, err
+    assert reading_notes(err) == [] and "Notes:" not in out
+    (file,) = _reader.summarize([rich[0]])["files"]
+    assert file["problems"] == [] and not file["damaged"] and file["unfinished"] == ""
+
+
 def test_a_torn_file_is_summarized_up_to_the_tear(tmp_path, rich):
     header, spans, data = bucket_spans(rich[0])
     offset, length = spans[-1]
     torn = tmp_path / "torn.zvkraw"
     torn.write_bytes(data[:offset + length // 2])
     code, out, err = summary_command(str(torn))
-    assert code == 0, err
+    assert code == _reader.EXIT_DAMAGED, err
     assert "Traceback" not in err
     assert "Annotation ranges" in out
-    assert "is torn" in out and f"summarized the {len(spans) - 1} whole buckets" in out
+    (note,) = reading_notes(err)
+    assert note.startswith(f"zorvek summary: {torn}: bucket ") and " is torn" in note
+    assert f"summarized the {len(spans) - 1} whole buckets" in note
+    assert "is torn" not in out and "summarized the" not in out
     result = _reader.summarize([str(torn)])
     (file,) = result["files"]
     assert file["torn"] and file["buckets"] == len(spans) - 1 and len(file["problems"]) == 1
+    assert file["damaged"]
+    capture = _reader.CaptureFile(str(torn))
+    for _ in capture.batches():
+        pass
+    assert capture.torn and capture.damaged and capture.unfinished == ""
 
 
 def test_damage_in_the_middle_is_skipped_and_reported(tmp_path, rich):
@@ -658,15 +693,77 @@ def test_damage_in_the_middle_is_skipped_and_reported(tmp_path, rich):
     path = tmp_path / "damaged.zvkraw"
     path.write_bytes(bytes(damaged))
     code, out, err = summary_command(str(path))
-    assert code == 1
-    assert "damaged" in one_error_line(err)
+    assert code == _reader.EXIT_DAMAGED
+    (note,) = reading_notes(err)
+    assert note.startswith(f"zorvek summary: {path}: ") and "damaged" in note
+    assert note.split(": ", 2)[2] not in out
     assert "Annotation ranges" in out
+
+
+def with_header_count(data, num_buckets, end_time=None):
+    """The file's bytes with its header's bucket count (and end time) set."""
+    data = bytearray(data)
+    struct.pack_into("<I", data, 60, num_buckets)
+    if end_time is not None:
+        struct.pack_into("<Q", data, 32, end_time)
+    return bytes(data)
+
+
+def test_a_header_counting_more_buckets_than_the_file_holds_means_cut(tmp_path, rich):
+    header, spans, data = bucket_spans(rich[0])
+    assert struct.unpack_from("<I", data, 60)[0] == len(spans)
+    cut = tmp_path / "cut.zvkraw"  # cut at a bucket's end: the rest is all whole
+    cut.write_bytes(data[:spans[-1][0]])
+    claims = tmp_path / "claims.zvkraw"
+    claims.write_bytes(with_header_count(data, len(spans) + 2))
+    for path, counted, held in ((cut, len(spans), len(spans) - 1),
+                                (claims, len(spans) + 2, len(spans))):
+        code, out, err = summary_command(str(path))
+        assert code == _reader.EXIT_DAMAGED, err
+        assert reading_notes(err) == [f"zorvek summary: {path}: cut short: its header counts "
+                                      f"{counted} buckets, the file holds {held} whole"]
+        assert "cut short" not in out and "Annotation ranges" in out
+        (file,) = _reader.summarize([str(path)])["files"]
+        assert file["damaged"] and not file["torn"] and len(file["problems"]) == 1
+
+
+def test_an_unfinished_capture_is_read_whole_and_said_so(tmp_path, rich):
+    """A process killed before its stop leaves the header as it was opened: no
+    buckets counted, no end time. Every bucket that reached the file is read."""
+    header, spans, data = bucket_spans(rich[0])
+    path = tmp_path / "killed.zvkraw"
+    path.write_bytes(with_header_count(data, 0, 0))
+    code, out, err = summary_command(str(path))
+    assert code == _reader.EXIT_READ_WHOLE, err
+    (note,) = reading_notes(err)
+    assert note.startswith(f"zorvek summary: {path}: unfinished capture: its header counts 0 "
+                           f"buckets, the file holds {len(spans)} whole")
+    assert "unfinished" not in out and "Annotation ranges" in out
+    code, out, err = summary_command("--json", str(path))
+    assert code == _reader.EXIT_READ_WHOLE and len(reading_notes(err)) == 1
+    (file,) = json.loads(out)["files"]
+    assert not file["damaged"] and file["unfinished"].startswith("unfinished capture: ")
+    assert file["buckets"] == len(spans)
+    capture = _reader.CaptureFile(str(path))
+    assert capture.unfinished == ""  # known once read
+    for _ in capture.batches():
+        pass
+    assert capture.unfinished.startswith(f"{path}: unfinished capture: ")
+    assert not capture.damaged and capture.problems == []
 
 
 def test_good_files_are_summarized_beside_bad_ones(tmp_path, rich):
     junk = tmp_path / "junk.zvkraw"
     junk.write_bytes(b"\0" * 100)
     code, out, err = summary_command(rich[0], str(junk))
-    assert code == 1
+    assert code == _reader.EXIT_NOT_READ
     assert "not a Zorvek capture file" in one_error_line(err)
     assert f"== Process {rich[1]}:" in out
+    # A file not read at all weighs more than one read in part.
+    header, spans, data = bucket_spans(rich[0])
+    cut = tmp_path / "cut.zvkraw"
+    cut.write_bytes(data[:spans[-1][0]])
+    code, out, err = summary_command(str(cut), str(junk))
+    assert code == _reader.EXIT_NOT_READ and len(reading_notes(err)) == 1
+    code, out, err = summary_command(rich[0], str(cut))
+    assert code == _reader.EXIT_DAMAGED

@@ -20,6 +20,9 @@ import pytest
 
 from zvk_testing import fake_cupti_library, run_python
 
+from zorvek import _reader
+from zorvek._reader import EXIT_DAMAGED, EXIT_NOT_READ, EXIT_READ_WHOLE
+
 CPU_CLOCK = "1,0,1000003,743,0,0,0"
 
 # Two functions with the same loop, called for 3 and 1 units of work, and a third
@@ -505,14 +508,79 @@ def test_torn_file_is_read_as_far_as_it_is_whole(synced, tmp_path):
     assert zorvek(["timeline", files[0], "-o", str(whole_out)], tmp_path).returncode == 0
     torn_out = tmp_path / "torn.json"
     done = zorvek(["timeline", str(torn), "-o", str(torn_out)], tmp_path)
-    assert done.returncode == 0, done.stderr
+    assert done.returncode == EXIT_DAMAGED, done.stderr
     (said,) = [line for line in done.stderr.splitlines() if "used what was whole" in line]
-    assert said.startswith("zorvek timeline: %s" % torn)
+    assert said.startswith("zorvek timeline: %s" % torn) and " is torn" in said
     whole, read = load_trace(whole_out)["traceEvents"], load_trace(torn_out)["traceEvents"]
     assert len([e for e in read if e["ph"] == "X"]) == len([e for e in whole if e["ph"] == "X"])
     done = zorvek(["flame", str(torn), "--format", "collapsed"], tmp_path)
-    assert done.returncode == 0 and "used what was whole" in done.stderr, done.stderr
-    assert "burn_a" in done.stdout
+    assert done.returncode == EXIT_DAMAGED and "used what was whole" in done.stderr, done.stderr
+    assert "burn_a" in done.stdout and "is torn" not in done.stdout
+
+
+def damaged_variants(path):
+    """A capture's bytes made into what a reader meets: buckets its header counts
+    that the file lacks (cut at a bucket's end), a corrupted bucket followed by
+    whole ones, and a header never finished."""
+    data = open(path, "rb").read()
+    first = 88 + sum(struct.unpack_from("<HHHHH", data, 72))
+    header, buckets = data[:first], data[first:]
+    counted = struct.unpack_from("<I", data, 60)[0]
+
+    def with_count(count, end_time=None):
+        changed = bytearray(header)
+        struct.pack_into("<I", changed, 60, count)
+        if end_time is not None:
+            struct.pack_into("<Q", changed, 32, end_time)
+        return bytes(changed)
+
+    corrupted = bytearray(buckets)
+    for i in range(40, 60):
+        corrupted[i] ^= 0xFF
+    return {
+        "cut": (with_count(counted + 1) + buckets, EXIT_DAMAGED,
+                "cut short: its header counts %d buckets, the file holds %d whole; used what was "
+                "whole" % (counted + 1, counted)),
+        "corrupted": (with_count(2 * counted) + bytes(corrupted) + buckets, EXIT_DAMAGED,
+                      "bucket 0 at offset %d is damaged" % first),
+        "unfinished": (with_count(0, 0) + buckets, EXIT_READ_WHOLE,
+                       "unfinished capture: its header counts 0 buckets, the file holds %d whole"
+                       % counted),
+    }
+
+
+@pytest.mark.parametrize("view", ["timeline", "flame"])
+@pytest.mark.parametrize("case", ["cut", "corrupted", "unfinished"])
+def test_damaged_cut_and_unfinished_files_say_so_on_stderr(view, case, synced, tmp_path):
+    seen, files = synced
+    data, status, said = damaged_variants(files[0])[case]
+    path = tmp_path / ("%s.zvkraw" % case)
+    path.write_bytes(data)
+    if view == "timeline":
+        out = tmp_path / "trace.json"
+        done = zorvek(["timeline", str(path), "-o", str(out)], tmp_path)
+        assert [e for e in load_trace(out)["traceEvents"] if e["ph"] == "X"]
+    else:
+        done = zorvek(["flame", str(path), "--format", "collapsed"], tmp_path)
+        assert "burn_a" in done.stdout
+    assert done.returncode == status, done.stderr
+    notes = [line for line in done.stderr.splitlines() if said in line]
+    assert len(notes) == 1, done.stderr
+    assert notes[0].startswith("zorvek %s: %s: " % (view, path))
+    assert said not in done.stdout
+
+
+@pytest.mark.parametrize("view", ["timeline", "flame"])
+def test_a_file_not_read_weighs_more_than_a_damaged_one(view, synced, tmp_path):
+    seen, files = synced
+    data, status, said = damaged_variants(files[0])["cut"]
+    cut = tmp_path / "cut.zvkraw"
+    cut.write_bytes(data)
+    junk = tmp_path / "junk.zvkraw"
+    junk.write_bytes(b"\0" * 200)
+    done = zorvek([view, str(cut), str(junk), "-o", str(tmp_path / "out")], tmp_path)
+    assert done.returncode == EXIT_NOT_READ, done.stderr
+    assert "not a Zorvek capture file" in done.stderr
 
 
 def test_missing_symbol_file_is_a_stated_gap(tmp_path, burn_library):
@@ -528,11 +596,12 @@ def test_missing_symbol_file_is_a_stated_gap(tmp_path, burn_library):
     assert done.returncode == 0, done.stderr
 
 
-def test_help_has_examples(tmp_path):
+def test_help_has_examples_and_exit_statuses(tmp_path):
     for view in ("timeline", "flame"):
         done = zorvek([view, "--help"], tmp_path)
         assert done.returncode == 0
         assert "examples:" in done.stdout and "zorvek %s " % view in done.stdout
+        assert " ".join(_reader.EXIT_STATUS_HELP.split()) in " ".join(done.stdout.split())
 
 
 # ---- The clock model on its own --------------------------------------------------------
@@ -576,3 +645,12 @@ def test_raw_offsets_follow_a_drift_but_not_a_step():
     assert drifting.at(500_000_000) == 1005 and drifting.at(-5) == 1000 and drifting.at(2 * 10 ** 9) == 1010
     stepped = _Offsets([(0, 0), (1_000_000_000, 5_000_000_000)])  # the system clock was set
     assert stepped.at(400_000_000) == 0 and stepped.at(600_000_000) == 5_000_000_000
+
+
+@pytest.mark.parametrize("width", ["-5", "0", "199", "wide", "1.5"])
+def test_flame_refuses_a_width_it_cannot_draw_in(tmp_path, width):
+    process = zorvek(["flame", "--width", width, "-o", str(tmp_path / "f.svg"), "whatever.zvkraw"],
+                     tmp_path)
+    assert process.returncode == 2
+    assert f"argument --width: {width!r}" in process.stderr
+    assert not (tmp_path / "f.svg").exists()

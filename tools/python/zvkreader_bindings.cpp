@@ -409,6 +409,20 @@ class KindFilter {
   bool m_keep[16][kCodes] = {};
 };
 
+// Once a file is read to its end: the note on its header's bucket count, if any,
+// behind `prefix`. Buckets missing are a problem; an unfinished header is only
+// said.
+void take_count_note(const ZVKFileReader& reader, const std::string& prefix,
+                     std::vector<std::string>* problems, std::string* unfinished) {
+  const std::string note = reader.header_count_note();
+  if (note.empty()) return;
+  if (reader.header_count() == ZVKFileReader::HeaderCount::kUnfinished) {
+    *unfinished = prefix + note;
+  } else {
+    problems->push_back(prefix + note);
+  }
+}
+
 class CaptureFile {
  public:
   explicit CaptureFile(const py::object& path) : m_path(fspath(path)) {
@@ -424,19 +438,29 @@ class CaptureFile {
   py::dict header() const { return m_header; }
   py::list problems() const { return py::cast(m_problems); }
   bool torn() const { return m_torn; }
+  bool damaged() const { return m_damaged; }
+  const std::string& unfinished() const { return m_unfinished; }
   uint64_t buckets() const { return m_buckets; }
 
   // Each iteration reads the file afresh; its problems replace the last one's.
   void restart() {
     m_problems.clear();
     m_torn = false;
+    m_damaged = false;
+    m_unfinished.clear();
     m_buckets = 0;
   }
   void problem(const std::string& message, bool torn) {
     m_problems.push_back(message);
     m_torn = m_torn || torn;
+    m_damaged = true;
   }
   void bucket_read() { ++m_buckets; }
+  // At the end of an iteration: what the header's bucket count says.
+  void ended(const ZVKFileReader& reader) {
+    take_count_note(reader, path() + ": ", &m_problems, &m_unfinished);
+    m_damaged = !reader.read_whole();
+  }
 
  private:
   Path m_path;
@@ -444,6 +468,8 @@ class CaptureFile {
   py::dict m_header;
   std::vector<std::string> m_problems;
   bool m_torn = false;
+  bool m_damaged = false;
+  std::string m_unfinished;
   uint64_t m_buckets = 0;
 };
 
@@ -477,6 +503,7 @@ class Batches {
       }
       if (read.code_ == error::END_OF_DATA) {
         m_done = true;
+        m_capture.ended(m_reader);
         if (m_progress_shown) m_progress.call(m_reader.file_size(), m_reader.file_size());
         throw py::stop_iteration();
       }
@@ -521,6 +548,8 @@ struct FileRead {
   uint64_t records = 0;
   std::vector<std::string> problems;
   bool torn = false;
+  bool damaged = false;
+  std::string unfinished;
 };
 
 py::object totals_dict(const summary::Totals& totals, bool bytes) {
@@ -816,6 +845,8 @@ py::dict summarize(const py::object& paths_argument, py::object progress) {
       shown = true;
       calls.call(done + file.reader->next_bucket_offset(), total);
     }
+    take_count_note(*file.reader, "", &file.problems, &file.unfinished);
+    file.damaged = !file.reader->read_whole();
     done += file.reader->file_size();
     file.reader.reset();  // unmaps it
   }
@@ -839,6 +870,8 @@ py::dict summarize(const py::object& paths_argument, py::object progress) {
     }
     d.object("problems", file_problems);
     d.put("torn", PyBool_FromLong(file.torn));
+    d.put("damaged", PyBool_FromLong(file.damaged));
+    d.text("unfinished", file.unfinished);
     file_list.append(d.done());
   }
   py::list processes;
@@ -882,9 +915,18 @@ CaptureFile(path) raises OSError when the file can't be read and ValueError
                              "version, compression, pid, start_time, end_time, clock_shift, "
                              "num_buckets, hostname, job_uid, instance_type, cpu_model, ...")
       .def_property_readonly("problems", &CaptureFile::problems,
-                             "What the last iteration skipped: damage, a torn last bucket.")
+                             "What the last iteration found missing: damage skipped, a torn "
+                             "last bucket, buckets the header counts that the file lacks.")
       .def_property_readonly("torn", &CaptureFile::torn,
                              "Whether the last iteration ended at a torn last bucket.")
+      .def_property_readonly("damaged", &CaptureFile::damaged,
+                             "Whether the last iteration found the file damaged or cut: "
+                             "anything in `problems`.")
+      .def_property_readonly("unfinished", &CaptureFile::unfinished,
+                             "After an iteration, a note when the header was never finished "
+                             "(the process ended without stopping the capture): every bucket "
+                             "in the file was read, but the file isn't damaged for it. Empty "
+                             "otherwise.")
       .def_property_readonly("buckets", &CaptureFile::buckets,
                              "Whole buckets the last iteration read.")
       .def(
@@ -906,6 +948,13 @@ another thread's next() is under way raises RuntimeError.
                " bytes)>";
       });
 
+  // The exit statuses of the commands that read captures, the same as zvkdump's.
+  m.attr("EXIT_READ_WHOLE") = zorvek::kExitReadWhole;
+  m.attr("EXIT_NOT_READ") = zorvek::kExitNotRead;
+  m.attr("EXIT_USAGE") = zorvek::kExitUsage;
+  m.attr("EXIT_DAMAGED") = zorvek::kExitDamaged;
+  m.attr("EXIT_STATUS_HELP") = zorvek::exit_status_help();
+
   py::class_<Batches>(m, "Batches")
       .def("__iter__", [](Batches& self) -> Batches& { return self; })
       .def("__next__", &Batches::next);
@@ -917,6 +966,8 @@ annotation ranges by name (count, total, mean, p50, p99, share of wall time),
 CPU samples by thread and by instruction pointer, the mappings, lost samples and
 throttles, GPU kernels by name, copies by kind, memsets, synchronizations, API
 calls by function, and records by kind. Raises as CaptureFile does for a file
-that can't be opened; damage and torn ends go to "problems".
+that can't be opened. Per file: damage, torn ends and buckets its header counts
+that it lacks go to "problems" ("damaged" is then true); "unfinished" is a note
+when its header was never finished, else empty.
 )doc");
 }
