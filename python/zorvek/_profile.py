@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import atexit
+import errno
 import functools
 import inspect
 import os
@@ -13,21 +14,23 @@ from typing import Any, Callable, Dict, List, Mapping, Optional, Set, Tuple, Typ
 
 import _zorv
 
+from . import _autostart
 from . import _clocksync
+from . import _names
 from . import _stallmark
 from . import _settings
+from . import _sigterm
 from . import nvtx as _nvtx
 
 F = TypeVar("F", bound=Callable[..., Any])
 
 DEFAULT_OUTPUT_DIR = "zorvek_out"
 
-# The controller's answers that the package acts on (their texts are its Status
-# messages, all that Python can read of a Status).
-_OK = "OK"
-_ALREADY_CONFIGURED = "Already configured!"
-_STILL_RUNNING = "Profiling is still running"
-_NOT_RUNNING = "Profiling not running"
+# The controller's answers that the package acts on, by their codes: for each
+# call the package makes, FailedPrecondition has one meaning (configure: already
+# configured; start: a capture is running; stop: none is running).
+_OK = _zorv.ErrorCode.OK
+_OUT_OF_ORDER = _zorv.ErrorCode.FailedPrecondition
 
 # What a setting is called in messages.
 _SETTING_NAMES = {
@@ -38,6 +41,7 @@ _SETTING_NAMES = {
     "EventConfigs": "CPU sampling",
     "EnableCuda": "GPU tracing",
     "EnableForkFollow": "fork following",
+    "ShareFiles": "file sharing",
 }
 
 
@@ -57,6 +61,7 @@ class _Process:
         self.sampling_problem: Optional[Tuple[Optional[str]]] = None  # the probe's answer, once asked
         self.capture: Optional["profile"] = None            # whose start runs the capture
         self.level_set_by_us = False
+        self.quiet_set_by_us = False
 
 
 _state = _Process()
@@ -67,14 +72,46 @@ def _quiet_native_logs(verbose: bool) -> None:
     """The profiler's INFO lines (hook search, writer statistics) go to stderr from
     C++; the level is read from ZORV_MIN_LOG_LEVEL once per process, at its first
     line. Unless the user set the level, a quiet profile() sets WARNING before
-    that first line, and a verbose one puts back what a quiet one set."""
-    current = os.environ.get("ZORV_MIN_LOG_LEVEL")
-    if not verbose and current is None:
+    that first line, and a verbose one puts back what a quiet one set.
+
+    ZORV_QUIET=1 leaves out the profiler's lines that report nothing (a stall of
+    0 s, its fork warnings); a stall or a loss that happened is still told. Set
+    the same way, so the job's standard error stays what it was, terminal and
+    all, with only those lines gone."""
+    if not verbose and os.environ.get("ZORV_MIN_LOG_LEVEL") is None:
         os.environ["ZORV_MIN_LOG_LEVEL"] = "1"
         _state.level_set_by_us = True
     elif verbose and _state.level_set_by_us:
         os.environ["ZORV_MIN_LOG_LEVEL"] = "0"
         _state.level_set_by_us = False
+    if not verbose and os.environ.get("ZORV_QUIET") is None:
+        os.environ["ZORV_QUIET"] = "1"
+        _state.quiet_set_by_us = True
+    elif verbose and _state.quiet_set_by_us:
+        os.environ["ZORV_QUIET"] = "0"
+        _state.quiet_set_by_us = False
+
+
+def make_private_folder(directory: str, share: bool = False) -> None:
+    """Makes `directory` and each missing folder above it 0700, or 0755 when
+    `share`, whatever the umask: captures hold the command line, host names and
+    the process's address layout. Folders that exist stay as they are."""
+    mode = 0o755 if share else 0o700
+    missing: List[str] = []
+    path = os.path.abspath(directory)
+    while not os.path.lexists(path) and os.path.dirname(path) != path:
+        missing.append(path)
+        path = os.path.dirname(path)
+    for path in reversed(missing):
+        try:
+            os.mkdir(path, mode)
+        except FileExistsError:
+            if os.path.isdir(path):
+                continue  # another process made it meanwhile: not ours to change
+            raise
+        os.chmod(path, mode)
+    if not os.path.isdir(directory):
+        raise NotADirectoryError(errno.ENOTDIR, os.strerror(errno.ENOTDIR), directory)
 
 
 def _file_regex(pattern: str, pid: Optional[int]) -> "re.Pattern[str]":
@@ -125,7 +162,8 @@ def describe_files(files: List[str], output_dir: str, extra: int = 0) -> str:
 
 class profile:
     """profile(output_dir="zorvek_out", *, buffer_mb=None, sample_hz=1000, gpu="auto",
-    follow_forks=False, verbose=False, quiet=False, nvtx=True, settings=None)
+    follow_forks=False, verbose=False, quiet=False, nvtx=True, settings=None,
+    share=False)
 
     Captures what the process does while a block or a call runs, into .zvkraw files
     in `output_dir`, and says on stderr where they are. As a context manager:
@@ -142,24 +180,30 @@ class profile:
 
     Settings:
 
-    - output_dir: the folder for the files, made if missing. Files are named
-      zorvek_HOST_PID_NANOSECONDS_N.zvkraw.
+    - output_dir: the folder for the files, made if missing (0700, like each
+      folder above it that it makes). Files are named
+      zorvek_HOST_PID_NANOSECONDS_N.zvkraw, readable by their owner only (0600).
     - buffer_mb: memory for the capture's buffers, reserved at the first start.
       None picks 2 % of the memory the process may use, between 16 and 256 MiB,
       split into buckets of at most 8 MiB.
     - sample_hz: CPU samples a second of each thread's CPU time, with their call
       chains, from the kernel's software CPU clock (every Linux has it, VMs without
-      performance counters included). 0 or None turns CPU sampling off. Threads
-      and processes started after the start are sampled; threads that were
-      already running are not.
+      performance counters included). 0 or None turns CPU sampling off. Every
+      thread of the process is sampled, those already running at the start and
+      those started later; child processes only with follow_forks.
     - gpu: trace CUDA kernels, copies and API calls through CUPTI: True, False, or
       "auto", on when an NVIDIA driver is present.
-    - follow_forks: a forked child (a multiprocessing or DataLoader worker) writes
-      a capture file of its own; without it, children record nothing.
-    - verbose: also show the profiler's INFO lines. Otherwise profile() sets
-      ZORV_MIN_LOG_LEVEL to WARNING unless it is set; the profiler reads it once
-      per process, at its first log line, so it must happen before anything else
-      made the profiler log.
+    - follow_forks: child processes write capture files of their own, with their
+      CPU samples and annotations: a forked child (a multiprocessing or
+      DataLoader worker) from the fork on, and a Python process started anew (a
+      spawn or forkserver worker, `python` through subprocess) from its first
+      line, through ZORVEK_OUTPUT and ZORVEK_OPTIONS, which the capture sets in
+      os.environ while it runs. Without it, children are not profiled at all.
+    - verbose: also show the profiler's INFO lines and the lines that report
+      nothing (a stall of 0 s, fork warnings). Otherwise profile() sets
+      ZORV_MIN_LOG_LEVEL to WARNING and ZORV_QUIET to 1 unless they are set; the
+      profiler reads them once per process, at its first log line, so it must
+      happen before anything else made the profiler log.
     - quiet: don't print where the files are; problems are still printed.
     - nvtx: take the NVTX ranges and marks of the process's libraries as
       annotations, "domain/message" for a named domain: once the profiler is
@@ -168,12 +212,19 @@ class profile:
       call, so ranges of libraries that used NVTX before are not seen. A variable
       naming another tool is kept.
 
-    Both variables, ZORV_MIN_LOG_LEVEL and NVTX_INJECTION64_PATH, are set in
-    os.environ, for the rest of the process, and child processes inherit them on
+    The variables ZORV_MIN_LOG_LEVEL, ZORV_QUIET and NVTX_INJECTION64_PATH are set
+    in os.environ, for the rest of the process, and child processes inherit them on
     purpose: a worker started through subprocess or a "spawn" start method that
     profiles itself has its NVTX ranges recorded and its INFO lines hidden too.
     - settings: {"profiler": {...}, "cuda": {...}, "perf": {...}}, the profiler's
-      own string settings, laid over the ones chosen from the keywords.
+      own string settings, laid over the ones chosen from the keywords. Values
+      are strings, whole numbers, or True and False for "1" and "0". Unknown
+      keys, values the profiler would misread ("abc", "-1", "1.5", "" where a
+      number is wanted) and values that could only spoil the capture
+      (a "PerfSampleType" the decoder can't read, "SingleWorker" "0", a
+      "Log2NumPages" the kernel won't map) raise ValueError here.
+    - share: capture files readable by everyone (0644) and folders 0755,
+      instead of 0600 and 0700.
 
     The profiler is configured once per process: a later profile() reuses it, and
     says so if its settings differ. A profile() entered while another one's
@@ -187,19 +238,18 @@ class profile:
                  buffer_mb: Optional[int] = None, sample_hz: Optional[float] = 1000,
                  gpu: Union[bool, str] = "auto", follow_forks: bool = False,
                  verbose: bool = False, quiet: bool = False, nvtx: bool = True,
-                 settings: Optional[Mapping[str, Mapping[str, str]]] = None) -> None:
-        # Mistakes in the arguments are raised here, before anything is touched.
-        if buffer_mb is not None:
-            _settings.split_buffer(int(buffer_mb))
-        if sample_hz:
-            _settings.sampling_period_ns(sample_hz)
+                 settings: Optional[Mapping[str, Mapping[str, object]]] = None,
+                 share: bool = False) -> None:
+        # Mistakes in the arguments are raised here, before anything is touched:
+        # the settings as the start will hand them over, but for what the machine
+        # decides then (GPU, whether CPU sampling is allowed).
         if not (gpu == "auto" or isinstance(gpu, bool)):
             raise ValueError(f'gpu must be True, False or "auto"; got {gpu!r}')
-        if settings is not None:
-            _settings.build_settings(".", buffer_mb, None, False, False, settings)
+        _settings.build_settings(".", buffer_mb, sample_hz, False, follow_forks, settings, share)
         self._kwargs: Dict[str, Any] = dict(
             output_dir=output_dir, buffer_mb=buffer_mb, sample_hz=sample_hz, gpu=gpu,
-            follow_forks=follow_forks, verbose=verbose, quiet=quiet, nvtx=nvtx, settings=settings)
+            follow_forks=follow_forks, verbose=verbose, quiet=quiet, nvtx=nvtx, settings=settings,
+            share=share)
         self.output_dir = os.fspath(output_dir)
         self.buffer_mb = buffer_mb
         self.sample_hz = sample_hz
@@ -209,6 +259,7 @@ class profile:
         self.quiet = quiet
         self.nvtx = nvtx
         self.settings = settings
+        self.share = share
         self.started = False
         self.error: Optional[str] = None
         self.files: List[str] = []
@@ -218,6 +269,7 @@ class profile:
         self._pid = 0
         self._before: Set[str] = set()
         self._pattern = ""
+        self._handed: Dict[str, str] = {}  # the environment handed down to children
 
     def __repr__(self) -> str:
         return f"zorvek.profile({self.output_dir!r})"
@@ -266,21 +318,25 @@ class profile:
                 _nvtx.enable(report, self.verbose)
             self._pattern = self._record_pattern()
             self._before = set(self._matching(None))
-            status = repr(_zorv._start_profiling())
-            if status == _OK:
+            status = _zorv._start_profiling()
+            if status.code == _OK:
                 self._running = self.started = True
                 _state.capture = self
                 atexit.register(self._stop_at_exit)
                 self._mark_clocks()
+                _names.start_marking()
+                if self.follow_forks:
+                    self._hand_down()
                 if self.verbose:
                     report(f"capture started; files go to {self._shown_dir()}")
                 return True
-            if status == _STILL_RUNNING:
+            if status.code == _OUT_OF_ORDER:
                 self._joined = self.started = True
                 if self.verbose:
                     report("a capture is already running in this process; this profile() is part of it")
                 return True
-            self.error = f"the capture did not start: {status}"
+            self.error = (f"the capture did not start: {status!r} (files were to go to "
+                          f"{self._shown_dir()})")
             report(self.error)
             return False
 
@@ -298,18 +354,21 @@ class profile:
             if _state.capture is self:
                 _state.capture = None
             atexit.unregister(self._stop_at_exit)
+            if os.getpid() == self._pid or self.follow_forks:
+                _names.stop_marking()
+            self._take_back()
             self._mark_clocks()
-            status = repr(_zorv.Zorvek.instance().stop_profiling())
-            if os.getpid() != self._pid and status == _NOT_RUNNING:
+            status = _zorv.Zorvek.instance().stop_profiling()
+            if os.getpid() != self._pid and status.code == _OUT_OF_ORDER:
                 return []  # a forked child that doesn't follow: nothing ran here
             self._collect_files()
-            if status == _NOT_RUNNING:
+            if status.code == _OUT_OF_ORDER:
                 # The program stopped the capture itself, through _zorv: its files
                 # are whole all the same.
                 if self.verbose:
                     report("the program stopped the capture itself")
-            elif status != _OK:
-                self.error = f"stopping the capture: {status}"
+            elif status.code != _OK:
+                self.error = f"stopping the capture: {status!r}"
                 report(self.error)
             if not self.quiet:
                 self._report_files()
@@ -327,34 +386,49 @@ class profile:
             return False
         if _state.configured_elsewhere:
             return True
-        wanted = self._wanted_settings()
+        try:
+            wanted = self._wanted_settings()
+        except _settings.SettingError as e:
+            self.error = f"not profiling: {e}"
+            report(self.error)
+            return False
         if _state.settings is not None:
             self._compare(wanted)
             return True
         directory = os.path.dirname(wanted["profiler"]["RecordFile"])
+        folder = self._folder_name(directory)
         try:
-            os.makedirs(directory, exist_ok=True)
+            make_private_folder(directory, self.share)
         except OSError as e:
-            self.error = f"not profiling: can't make the output folder {self.output_dir}: {e.strerror}"
+            self.error = f"not profiling: can't make the output folder {folder}: {e.strerror}"
+            report(self.error)
+            return False
+        if not os.access(directory, os.W_OK | os.X_OK):
+            self.error = f"not profiling: can't write to the output folder {folder}"
             report(self.error)
             return False
         config = _zorv.Config()
         config.profiler = wanted["profiler"]
         config.cuda = wanted["cuda"]
         config.perf = wanted["perf"]
-        status = repr(_zorv.Zorvek.instance().configure(config))
-        if status == _OK:
+        status = _zorv.Zorvek.instance().configure(config)
+        if status.code == _OK:
             _state.settings, _state.output_dir = wanted, self.output_dir
             return True
-        if status == _ALREADY_CONFIGURED:
+        if status.code == _OUT_OF_ORDER:
             _state.configured_elsewhere = True
             report("the profiler was configured in this process before zorvek.profile(); "
                    "its settings stay, and its files go where they say")
             return True
-        _state.error = status
-        self.error = f"not profiling: the profiler refused the settings: {status}"
+        _state.error = repr(status)
+        self.error = f"not profiling: the profiler refused the settings: {status!r}"
         report(self.error)
         return False
+
+    def _folder_name(self, directory: str) -> str:
+        """The folder as the user named it: output_dir, or the folder of a
+        "RecordFile" given in settings."""
+        return self.output_dir if directory == os.path.abspath(self.output_dir) else directory
 
     def _mark_clocks(self) -> None:
         """The profiler's own marks, at the start and before the stop: the
@@ -380,7 +454,7 @@ class profile:
                 sample_hz = None
         return _settings.build_settings(
             os.path.abspath(self.output_dir), self.buffer_mb, sample_hz,
-            _settings.resolve_gpu(self.gpu), self.follow_forks, self.settings)
+            _settings.resolve_gpu(self.gpu), self.follow_forks, self.settings, self.share)
 
     def _compare(self, wanted: _settings.Settings) -> None:
         assert _state.settings is not None
@@ -439,7 +513,28 @@ class profile:
         else:
             report(describe_files(self.files, self._shown_dir(), len(self.other_files)))
 
-    # ---- Forked children ----
+    # ---- Children ----
+
+    def _hand_down(self) -> None:
+        """Python processes started from here (spawn and forkserver workers, any
+        `python` command) profile themselves from their first line: zorvek's .pth
+        hook reads what is handed down in the environment. Set for as long as the
+        capture runs, unless the environment named a folder already."""
+        if os.environ.get(_autostart.OUTPUT):
+            return
+        options = {key: value for key, value in self._kwargs.items()
+                   if key not in ("output_dir", "follow_forks", "quiet")}
+        if not self.verbose:
+            options.pop("verbose")
+        handed = _autostart.handed_down(self._shown_dir(), options)
+        os.environ.update(handed)
+        self._handed = handed
+
+    def _take_back(self) -> None:
+        for key, value in self._handed.items():
+            if os.environ.get(key) == value:
+                del os.environ[key]
+        self._handed = {}
 
     def _stop_in_worker(self) -> None:
         """A multiprocessing worker leaves through os._exit, which runs no atexit
@@ -449,6 +544,7 @@ class profile:
             if self._running:
                 self._running = False
                 _state.capture = None
+                _names.stop_marking()
                 _zorv.Zorvek.instance().stop_profiling()
 
 
@@ -456,6 +552,19 @@ def _register_worker_stop(capture: profile) -> None:
     mp_util = sys.modules.get("multiprocessing.util")
     if mp_util is not None:
         mp_util.Finalize(None, capture._stop_in_worker, exitpriority=-100)
+        # Pool.terminate() and a DataLoader's shutdown end workers with SIGTERM.
+        _sigterm.stop_before_sigterm(capture._stop_in_worker)
+
+
+def stop_with_worker(capture: profile) -> None:
+    """For a capture started in a process that may turn out to be a multiprocessing
+    worker. A spawned one leaves through sys.exit, so the stop at exit holds, but
+    for SIGTERM; one the forkserver forked leaves through os._exit, after the
+    finalizers that its bootstrap's after-fork functions may register."""
+    if "--multiprocessing-fork" in sys.argv:
+        _sigterm.stop_before_sigterm(capture._stop_in_worker)
+    elif "multiprocessing.util" in sys.modules:
+        sys.modules["multiprocessing.util"].register_after_fork(capture, _register_worker_stop)
 
 
 def _after_fork_in_child() -> None:
@@ -464,7 +573,10 @@ def _after_fork_in_child() -> None:
     _lock = threading.RLock()
     capture = _state.capture
     if capture is None or not capture.follow_forks:
+        # Nothing writes this child's records: its new threads are not named.
+        _names._marking = False
         return
+    _names.start_marking()
     # A child started by multiprocessing runs its after-fork functions, and later its
     # exit finalizers, before it leaves by os._exit.
     mp_util = sys.modules.get("multiprocessing.util")

@@ -21,7 +21,7 @@ import types
 import zipfile
 from typing import Any, Callable, List, NamedTuple, Optional, Union
 
-from . import _profile, _settings
+from . import _names, _profile, _settings
 
 HELP = "run a Python program under the profiler"
 
@@ -63,10 +63,40 @@ class Target(NamedTuple):
     interpreter: Optional[str]  # another interpreter to hand the command to
 
 
+def _rate(text: str) -> float:
+    """-F's value: 0, or a rate the profiler can sample at."""
+    try:
+        rate = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is not a number of samples a second") from None
+    if rate != 0:
+        try:
+            _settings.sampling_period_ns(rate)
+        except _settings.SettingError:
+            raise argparse.ArgumentTypeError(
+                f"{text!r}: give 0 (no CPU sampling) or a rate above 0 and at most "
+                f"{_settings.MAX_SAMPLE_HZ}") from None
+    return rate
+
+
+def _buffer_mb(text: str) -> int:
+    """--buffer-mb's value: a whole number of MiB the buffers can be made of."""
+    try:
+        value = int(text, 10)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"{text!r} is not a whole number of MiB") from None
+    try:
+        _settings.split_buffer(value)
+    except _settings.SettingError as e:
+        raise argparse.ArgumentTypeError(f"{text!r}: {e}") from None
+    return value
+
+
 def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("-o", "--output", metavar="DIR", default=_profile.DEFAULT_OUTPUT_DIR,
-                        help="folder for the capture files (default: %(default)s)")
-    parser.add_argument("-F", "--freq", "-r", "--rate", dest="rate", metavar="HZ", type=float,
+                        help="folder for the capture files, made 0700 if missing (default: "
+                             "%(default)s)")
+    parser.add_argument("-F", "--freq", "-r", "--rate", dest="rate", metavar="HZ", type=_rate,
                         default=1000.0,
                         help="CPU samples a second of each thread's CPU time; 0 turns CPU "
                              "sampling off (default: %(default)g)")
@@ -76,21 +106,29 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     gpu.add_argument("--no-gpu", dest="gpu", action="store_false", help="don't trace the GPU")
     forks = parser.add_mutually_exclusive_group()
     forks.add_argument("--follow-forks", dest="follow_forks", action="store_true", default=False,
-                       help="forked children (multiprocessing, DataLoader workers) write "
-                            "captures of their own")
+                       help="child processes write captures of their own, with their CPU samples "
+                            "and annotations: forked ones (multiprocessing fork, DataLoader "
+                            "workers) and Python ones started with the environment handed down "
+                            "(spawn, forkserver, subprocess)")
     forks.add_argument("--no-follow-forks", dest="follow_forks", action="store_false",
-                       help="forked children record nothing (the default)")
-    parser.add_argument("--buffer-mb", metavar="MB", type=int, default=None,
+                       help="child processes are not profiled: no capture of their own and, "
+                            "from Linux 5.13 on, no CPU samples in this one (the default)")
+    parser.add_argument("--buffer-mb", metavar="MB", type=_buffer_mb, default=None,
                         help="buffer memory (default: 2%% of memory, 16 to 256 MiB)")
+    parser.add_argument("--share", action="store_true",
+                        help="capture files readable by everyone (0644) and folders 0755; by "
+                             "default 0600 and 0700, as captures hold the command line, host "
+                             "names and the process's address layout")
     parser.add_argument("--no-nvtx", dest="nvtx", action="store_false", default=True,
                         help="don't take NVTX ranges as annotations")
     parser.add_argument("-m", dest="module", metavar="MODULE", default=None,
                         help="run a module, as python -m does")
     loud = parser.add_mutually_exclusive_group()
     loud.add_argument("-v", "--verbose", action="store_true",
-                      help="also show the profiler's own INFO lines and the settings chosen")
+                      help="also show the profiler's own INFO lines, its lines that report "
+                           "nothing (a stall of 0 s, fork warnings) and the settings chosen")
     loud.add_argument("-q", "--quiet", action="store_true",
-                      help="print nothing but problems")
+                      help="print nothing but problems (a stall or a loss is always told)")
     parser.add_argument("command", nargs=argparse.REMAINDER, metavar="-- python PROGRAM ARGS",
                         help="the program: python train.py ARGS, python -m MODULE ARGS, or train.py ARGS")
 
@@ -196,6 +234,8 @@ def _record_options(args: argparse.Namespace) -> List[str]:
         options += ["--buffer-mb", str(args.buffer_mb)]
     if not args.nvtx:
         options.append("--no-nvtx")
+    if args.share:
+        options.append("--share")
     if args.verbose:
         options.append("-v")
     if args.quiet:
@@ -345,7 +385,7 @@ class _Recording:
         self.capture = _profile.profile(
             args.output, buffer_mb=args.buffer_mb, sample_hz=args.rate or None,
             gpu="auto" if args.gpu is None else args.gpu, follow_forks=args.follow_forks,
-            verbose=args.verbose, quiet=True, nvtx=args.nvtx)
+            verbose=args.verbose, quiet=True, nvtx=args.nvtx, share=args.share)
         if args.verbose:
             self._describe_settings()
         self.capture.start()
@@ -438,6 +478,8 @@ def run(args: argparse.Namespace) -> int:
         if problem:
             print(f"{sys.executable}: {problem}", file=sys.stderr)
             return 1
+    _names.set_command(["python", *{"script": [target.value], "module": ["-m", target.value],
+                                    "code": ["-c", target.value]}[target.kind], *target.args])
     recording = _Recording(args, target)
     recording.start()
     try:

@@ -19,9 +19,9 @@ import os
 import socket
 import sys
 import time
-from typing import Any, Dict, Iterable, List, Optional, Sequence, Tuple
+from typing import Any, Dict, Iterable, List, Optional, Sequence, Set, Tuple
 
-from . import _reader
+from . import _names, _reader
 from ._clocksync import CLOCK_SYNC
 from ._stallmark import PRODUCER_STALL, stall_us
 
@@ -35,9 +35,7 @@ examples:
   zorvek summary --top 40 zorvek_out/        longer tables
   zorvek summary --json zorvek_out/ > summary.json
 
-Exit status: 0 when every file was read whole (a torn last bucket, which a
-killed process leaves, is noted and summarized up to the tear), 1 when a file
-is missing, unreadable, not a capture, or damaged, 2 on a usage error.
+A damaged or cut file is summarized from its whole buckets.
 """
 
 # Addresses beyond this many distinct ones per process are counted but not named:
@@ -54,6 +52,8 @@ def _summarize(paths, progress=None) -> dict:
     clock-sync ties are hidden, and the producers' stall time is read from its
     marks."""
     result = _reader.summarize(paths, progress=progress)
+    marks = _names.Names()
+    pids = {process["pid"] for process in result["processes"]}
     for process in result["processes"]:
         names = [r["name"] for r in process["ranges"]]
         stalled = stall_us(names)
@@ -61,8 +61,22 @@ def _summarize(paths, progress=None) -> dict:
             process["producer_stall_ns"] = stalled * 1000
             process["producer_stall"] = _duration(stalled * 1000)
         process["ranges"] = [r for r in process["ranges"]
-                             if not r["name"].startswith((CLOCK_SYNC, PRODUCER_STALL))]
+                             if not r["name"].startswith((CLOCK_SYNC, PRODUCER_STALL))
+                             and not marks.learn(process["pid"], r["name"])]
+        _add_names(process, marks, pids)
     return result
+
+
+def _add_names(process: Dict[str, Any], marks: _names.Names, pids: Set[int]) -> None:
+    """The names the process wrote for itself and its threads; its parent as it
+    named it, where the kernel's fork records didn't (a worker of a forkserver)."""
+    pid = process["pid"]
+    process["name"] = marks.process(pid)
+    parent = marks.parent(pid)
+    if process["parent"] is None and parent in pids:
+        process["parent"] = parent
+    for thread in process["cpu"]["by_thread"]:
+        thread["name"] = marks.thread(pid, thread["tid"])
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
@@ -80,7 +94,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     progress.add_argument("--no-progress", dest="progress", action="store_false",
                           help="no progress, not even on a terminal")
     if not parser.epilog:
-        parser.epilog = EXAMPLES
+        parser.epilog = EXAMPLES + "\n" + _reader.EXIT_STATUS_HELP + "130 when interrupted.\n"
         parser.formatter_class = argparse.RawDescriptionHelpFormatter
     if not parser.description:
         parser.description = ("Summarizes capture files: annotation ranges, top CPU functions, "
@@ -160,18 +174,18 @@ def run(args: argparse.Namespace) -> int:
     arguments = list(getattr(args, "files", None) or [])
     if not arguments:
         _error("no capture file given (a .zvkraw file or a folder of them); see --help")
-        return 2
+        return _reader.EXIT_USAGE
     top = getattr(args, "top", 15)
     if top is None or top < 0:
         _error("--top takes a count, 0 for all")
-        return 2
+        return _reader.EXIT_USAGE
     paths, errors = _expand(arguments)
     captures, open_errors = _open_all(dict.fromkeys(paths))  # each file once
     errors += open_errors
     for message in errors:
         _error(message)
     if not captures:
-        return 1
+        return _reader.EXIT_NOT_READ
 
     choice = getattr(args, "progress", None)
     progress = _Progress(enabled=choice if choice is not None else sys.stderr.isatty(),
@@ -185,29 +199,39 @@ def run(args: argparse.Namespace) -> int:
     except (OSError, ValueError) as error:  # a file went away since it was opened
         progress.finish()
         _error(str(error))
-        return 1
+        return _reader.EXIT_NOT_READ
     progress.finish()
 
     symbolized = not getattr(args, "no_symbols", False)
     notes = _add_functions(result, symbolized, top)
-    damaged = False
-    for file in result["files"]:
-        for problem in file["problems"]:
-            if file["torn"] and problem == file["problems"][-1]:
-                notes.append(f"{file['path']}: {problem}; summarized the "
-                             f"{file['buckets']} whole buckets before it")
-            else:
-                damaged = True
-                _error(f"{file['path']}: {problem}")
+    _report_reading(result["files"])
+    for note in notes:
+        _error(note)
 
     if getattr(args, "json", False):
         document = _json_document(result, notes, top)
         json.dump(document, sys.stdout, indent=1)
         sys.stdout.write("\n")
     else:
-        sys.stdout.write(_text(result, notes, top))
+        sys.stdout.write(_text(result, top))
     sys.stdout.flush()
-    return 1 if errors or damaged else 0
+    if errors:
+        return _reader.EXIT_NOT_READ
+    if any(file["damaged"] for file in result["files"]):
+        return _reader.EXIT_DAMAGED
+    return _reader.EXIT_READ_WHOLE
+
+
+def _report_reading(files: List[Dict[str, Any]]) -> None:
+    """One line on stderr per thing a file's reading met: damage skipped, a torn
+    or cut end, a header that was never finished."""
+    for file in files:
+        for index, problem in enumerate(file["problems"]):
+            if file["torn"] and index == len(file["problems"]) - 1 and " is torn" in problem:
+                problem += f"; summarized the {file['buckets']} whole buckets before it"
+            _error(f"{file['path']}: {problem}")
+        if file["unfinished"]:
+            _error(f"{file['path']}: {file['unfinished']}")
 
 
 # ---- Names for the sampled addresses --------------------------------------------
@@ -358,6 +382,8 @@ def _more(rows: List[Any], top: int, what: str) -> str:
 def _process_text(process: Dict[str, Any], top: int) -> str:
     out = []
     title = f"Process {process['pid']}"
+    if process.get("name"):
+        title += f" {process['name']}"
     if process["parent"] is not None:
         title += f" (forked from {process['parent']})"
     names = [os.path.basename(f) for f in process["files"]]
@@ -397,9 +423,10 @@ def _process_text(process: Dict[str, Any], top: int) -> str:
         out.append(_more(cpu["functions"], top, "functions"))
         if threads > 1:
             rows = [(str(t["tid"]), _count(t["samples"]),
-                     _percent(t["samples"] / cpu["samples"])) for t in _limit(cpu["by_thread"], top)]
+                     _percent(t["samples"] / cpu["samples"]), _cut(t.get("name") or ""))
+                    for t in _limit(cpu["by_thread"], top)]
             out.append("CPU samples by thread\n")
-            out.append(_table(("tid", "samples", "share"), rows))
+            out.append(_table(("tid", "samples", "share", "thread"), rows, align="lrrl"))
             out.append(_more(cpu["by_thread"], top, "threads"))
     if cpu["samples"] or cpu["lost_records"] or cpu["configurations"]:
         out.append(f"Records lost by the kernel: {_count(cpu['lost'])} samples "
@@ -447,7 +474,7 @@ def _process_text(process: Dict[str, Any], top: int) -> str:
     return "".join(out)
 
 
-def _text(result: Dict[str, Any], notes: List[str], top: int) -> str:
+def _text(result: Dict[str, Any], top: int) -> str:
     files, processes = result["files"], result["processes"]
     hosts = sorted({f.get("header", {}).get("hostname", "") for f in files} - {""})
     out = [f"{len(files)} file{'s' if len(files) != 1 else ''}, {_bytes(result['bytes'])}, "
@@ -458,9 +485,6 @@ def _text(result: Dict[str, Any], notes: List[str], top: int) -> str:
     for process in processes:
         out.append("\n")
         out.append(_process_text(process, top))
-    if notes:
-        out.append("\nNotes:\n")
-        out.extend(f"  {note}\n" for note in notes)
     return "".join(out)
 
 
@@ -523,7 +547,8 @@ def short_summary(files: Iterable[str]) -> str:
                 parts.append(f"{_count(kernels)} GPU kernels ({_duration(busy)})")
             if not parts:
                 parts.append(f"{_count(process['records'])} records")
-            lines.append(f"  process {process['pid']}: " + "; ".join(parts))
+            named = f" ({_cut(process['name'])})" if process.get("name") else ""
+            lines.append(f"  process {process['pid']}{named}: " + "; ".join(parts))
         for file in result["files"]:
             if file["problems"]:
                 lines.append(f"  {file['path']}: {file['problems'][-1]}")

@@ -40,6 +40,7 @@ from typing import Dict, Iterable, Iterator, List, Optional, Sequence, Set, Tupl
 
 from ._clocksync import CLOCK_SYNC, mark_clock_sync  # noqa: F401 (mark_clock_sync: public here)
 from ._stallmark import PRODUCER_STALL
+from . import _names
 from .symbols import Symbolizer, demangle
 
 PROG = "zorvek timeline"
@@ -134,6 +135,8 @@ class Reading:
         self.sizes = [max(int(getattr(c, "file_size", 0) or os.path.getsize(p)), 1)
                       for c, p in zip(self.captures, self.paths)]
         self.problems: Dict[str, List[str]] = {}
+        self.unfinished: Dict[str, str] = {}
+        self.damaged: Set[str] = set()
 
     def records(self, kinds: Optional[Sequence[str]] = None, what: str = "reading"
                 ) -> Iterator[Tuple[int, list]]:
@@ -151,19 +154,34 @@ class Reading:
                     yield index, batch
             except (OSError, ValueError) as error:
                 raise ViewError("%s: %s" % (self.paths[index], error)) from None
+            path = self.paths[index]
             problems = list(capture.problems)
             if problems:
-                self.problems[self.paths[index]] = problems
+                self.problems[path] = problems
+            if capture.unfinished:
+                self.unfinished[path] = capture.unfinished
+            if capture.damaged:
+                self.damaged.add(path)
         self.pass_index += 1
 
-    def report_problems(self, prog: str) -> None:
-        """A damaged file was read as far as it was whole: say so, once per file."""
-        for path, problems in self.problems.items():
-            text = problems[0] if len(problems) == 1 else "%s (and %d more)" % (
-                problems[0], len(problems) - 1)
-            if not text.startswith(path):
-                text = "%s: %s" % (path, text)
-            sys.stderr.write("%s: %s; used what was whole\n" % (prog, text))
+    def report_problems(self, prog: str) -> int:
+        """Says on stderr, once per file, what its reading met: a damaged or cut
+        file was read as far as it was whole, an unfinished one to its end.
+        Returns the command's exit status."""
+        from . import _reader
+
+        def said(path: str, text: str) -> str:
+            return text if text.startswith(path) else "%s: %s" % (path, text)
+
+        for path in self.paths:
+            problems = self.problems.get(path)
+            if problems:
+                text = problems[0] if len(problems) == 1 else "%s (and %d more)" % (
+                    problems[0], len(problems) - 1)
+                sys.stderr.write("%s: %s; used what was whole\n" % (prog, said(path, text)))
+            if path in self.unfinished:
+                sys.stderr.write("%s: %s\n" % (prog, said(path, self.unfinished[path])))
+        return _reader.EXIT_DAMAGED if self.damaged else _reader.EXIT_READ_WHOLE
 
 
 # ---- What the view commands share around their work --------------------------------
@@ -194,6 +212,8 @@ def view_failed(prog: str, progress: Progress, error: BaseException, output: str
     """Ends a view command that stopped on one of VIEW_FAILURES: the progress line
     taken away, one line on stderr, and the exit status. An OSError without a file
     name of its own is told against `output`, the file being written."""
+    from . import _reader
+
     progress.done()
     if isinstance(error, KeyboardInterrupt):
         sys.stderr.write("%s: interrupted\n" % prog)
@@ -201,9 +221,17 @@ def view_failed(prog: str, progress: Progress, error: BaseException, output: str
     if isinstance(error, OSError):
         sys.stderr.write("%s: %s: %s\n" % (prog, getattr(error, "filename", None) or output,
                                            error.strerror or error))
-        return 1
+        return _reader.EXIT_NOT_READ
     sys.stderr.write("%s: %s\n" % (prog, error))
-    return 1
+    return _reader.EXIT_NOT_READ
+
+
+def exit_status_help() -> str:
+    """The view commands' exit statuses, for the end of their help."""
+    from . import _reader
+
+    return _reader.EXIT_STATUS_HELP + (
+        "%d also when the output can't be written; 130 when interrupted.\n" % _reader.EXIT_NOT_READ)
 
 
 def user_frames(chain: Sequence[int]) -> List[int]:
@@ -481,6 +509,8 @@ class Survey:
         self.ranges: List[tuple] = []  # (pid, tid, start, end, msg, token, unfinished, end_tid)
         self.markers: List[tuple] = []  # (pid, tid, ts, msg)
         self.unmatched_ends = 0
+        # The names processes and threads gave themselves.
+        self.own_names = _names.Names()
         # CPU.
         self.samples = 0
         self.lost: Dict[int, int] = {}
@@ -562,6 +592,9 @@ class Survey:
                     self._seen(pid, rec["tid"], ts, domain)
                     if event == "BEGIN":
                         msg = rec.get("msg", "")
+                        if self.own_names.learn(pid, msg):
+                            own_marks.add((pid, rec["token"]))
+                            continue
                         if msg.startswith(CLOCK_SYNC):
                             sync_begins[(pid, rec["token"])] = (ts, msg)
                             continue
@@ -1113,8 +1146,12 @@ def _metadata(writer: TraceWriter, survey: Survey, symbols: Symbolizer,
               lane_names: Dict[Tuple[int, int], str], gpu_procs: Dict[tuple, int]) -> None:
     multi_host = len({d.host for d in survey.domains}) > 1
     for index, (pid, domain) in enumerate(sorted(survey.pids_seen.items())):
+        own = survey.own_names.process(pid)
         exe = symbols.executable(pid)
-        name = "%s (pid %d)" % (os.path.basename(exe), pid) if exe else "process %d" % pid
+        if own:
+            name = "%s (pid %d)" % (own, pid)
+        else:
+            name = "%s (pid %d)" % (os.path.basename(exe), pid) if exe else "process %d" % pid
         if multi_host:
             name += " on " + domain.host
         writer.event({"ph": "M", "name": "process_name", "pid": pid, "tid": pid,
@@ -1122,7 +1159,11 @@ def _metadata(writer: TraceWriter, survey: Survey, symbols: Symbolizer,
         writer.event({"ph": "M", "name": "process_sort_index", "pid": pid, "tid": pid,
                       "args": {"sort_index": index}})
         for tid in sorted(survey.threads.get(pid, ())):
-            label = "main thread" if tid == pid else "thread %d" % tid
+            own = survey.own_names.thread(pid, tid)
+            if own:
+                label = "%s (%d)" % (own, tid)
+            else:
+                label = "main thread" if tid == pid else "thread %d" % tid
             writer.event({"ph": "M", "name": "thread_name", "pid": pid, "tid": tid,
                           "args": {"name": label}})
     for (gpid, tid), label in sorted(lane_names.items()):
@@ -1205,7 +1246,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
     parser.description = ("Captures as a Chrome trace-event JSON timeline: annotation ranges,\n"
                           "CPU samples with their stacks, GPU work per device and stream, CUDA\n"
                           "API calls with arrows to the work they launched.")
-    parser.epilog = EXAMPLES
+    parser.epilog = EXAMPLES + "\n" + exit_status_help()
     parser.formatter_class = argparse.RawDescriptionHelpFormatter
     add_files_argument(parser)
     parser.add_argument("-o", "--output", default="trace.json.gz",
@@ -1228,11 +1269,11 @@ def run(args: argparse.Namespace) -> int:
         line, gaps = write_timeline(args, reading, progress)
     except VIEW_FAILURES as error:
         return view_failed(PROG, progress, error, args.output)
-    reading.report_problems(PROG)
+    status = reading.report_problems(PROG)
     for gap in gaps:
         sys.stderr.write("%s: %s\n" % (PROG, gap))
     sys.stderr.write("%s: %s\n" % (PROG, line))
-    return 0
+    return status
 
 
 def main(argv: Optional[Sequence[str]] = None) -> int:

@@ -45,7 +45,7 @@ BINDING = re.compile(r"binding file (\S+) \[\d+\] to (\S+) \[\d+\]: \w+ symbol `
 # What each shared object of the package may export: its entry point and the names
 # other code looks up in it.
 ALLOWED_EXPORTS = {
-    "_zorv": {"PyInit__zorv", "fork_suspend"},
+    "_zorv": {"PyInit__zorv", "fork_suspend", "instrumentation_funcs"},
     "_reader": {"PyInit__reader"},
     "libzorv_nvtx": {"InitializeInjectionNvtx2", "ZVKI_get_default_functable",
                      "ZVKI_update_functable"},

@@ -96,6 +96,8 @@ def test_status_config_and_enum_surface(tmp_path):
     run_script("""
         import _zorv
         assert repr(_zorv.Status(_zorv.ErrorCode.Failure, "x")) == "x"
+        assert _zorv.Status(_zorv.ErrorCode.Failure, "x").code == _zorv.ErrorCode.Failure
+        assert _zorv.Zorvek.instance().stop_profiling().code == _zorv.ErrorCode.FailedPrecondition
         assert repr(_zorv.Config()) == "ZORV:\\nCUDA:\\nPERF:\\n"
         assert repr(_zorv.Zorvek.instance().suspend_profiling()) == "OK"
         assert _zorv.ErrorCode.Failure == 7 and int(_zorv.ErrorCode.EndOfData) == 8
@@ -206,14 +208,15 @@ def test_zvkdump_reads_torn_and_unfinished_files(tmp_path):
     """, tmp_path)
     (path,) = captures(tmp_path)
     data = bytearray(path.read_bytes())
-    data[60:64] = b"\0\0\0\0"  # num_buckets as a killed writer leaves it
+    data[60:64] = b"\0\0\0\0"  # num_buckets and end_time as a killed writer leaves them
+    data[32:40] = bytes(8)
     torn = tmp_path / "cut.zvkraw"
     torn.write_bytes(bytes(data[:-10]))
     out = subprocess.run([ZVKDUMP, str(torn)], capture_output=True, text=True)
-    assert out.returncode == 0, out.stderr
-    assert "never rewritten" in out.stdout
-    assert "is torn" in out.stdout
+    assert out.returncode == 3, out.stderr  # read, but cut
+    assert "unfinished capture" in out.stderr
+    assert "is torn" in out.stderr
     whole = tmp_path / "whole.zvkraw"
     whole.write_bytes(bytes(data))
     dump = dump_json(whole)
-    assert dump["clean"] and len(dump["buckets"]) == 1
+    assert dump["clean"] and dump["unfinished"] and len(dump["buckets"]) == 1

@@ -357,7 +357,7 @@ def test_a_failed_start_says_why(tmp_path):
     """, env={"ZVK_OUTPUT_FILE_NAME": str(tmp_path / "missing" / "run_%p")})
     assert got["ran"] is True
     assert got["state"] == [False, "the capture did not start: Failed to open file No such file "
-                                   "or directory"]
+                                   f"or directory (files were to go to {tmp_path / 'missing'})"]
     assert zorvek_lines(stderr) == ["zorvek: " + got["state"][1]]
 
 

@@ -203,12 +203,13 @@ def read_capture(path):
     return Capture(header, buckets, _without_clock_sync(records), torn)
 
 
-OWN_MARKS = ("zorvek.clock_sync", "zorvek.producer_stall_us")
+OWN_MARKS = ("zorvek.clock_sync", "zorvek.producer_stall_us", "zorvek.process ",
+             "zorvek.thread ")
 
 
 def _without_clock_sync(records):
     """The records less the ranges zorvek.profile writes of its own (clock-sync
-    ties, the producers' stall time): the tests count the program's ranges."""
+    ties, the producers' stall time, names): the tests count the program's ranges."""
     sync_tokens = {(r["pid"], r["token"]) for r in records
                    if r["hw"] == ANNOTATION and r["type"] == BEGIN and r["msg"].startswith(OWN_MARKS)}
     if not sync_tokens:

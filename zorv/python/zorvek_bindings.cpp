@@ -251,8 +251,10 @@ PYBIND11_MODULE(_zorv, m) {
       .value("Failure", error::FAILURE)
       .value("EndOfData", error::END_OF_DATA);
 
+  // The code is what a caller branches on; the message is for people.
   py::class_<Status>(m, "Status")
       .def(py::init<error::Code, std::string>())
+      .def_property_readonly("code", [](const Status& status) { return status.code_; })
       .def("__repr__", [](const Status& status) { return status.msg_; });
 
   py::class_<ZVKConfig>(m, "Config")
