@@ -288,65 +288,61 @@ void annotate_through_exit(const StandIn* library) {
   }).detach();
 }
 
-// The process ends with the capture running, while a library's thread annotates
-// and exit handlers annotate before and after the controller's teardown. The
-// teardown gives the library its defaults back before the annotator goes, and no
-// call reaches the deleted annotator (AddressSanitizer would report it).
-TEST(HooksAtExit, TablesAreWithdrawnBeforeTheAnnotatorGoes) {
+// What a process that ended with its capture running left: whether the library
+// had its default table back when the last exit handler ran, and the file's
+// range messages.
+struct ExitOutcome {
+  char defaults = 0;  // 'd': defaults back, 'p': the profiler's table
+  Strings messages;
+};
+
+// Ends a child with the capture running, while a thread of `library` annotates
+// and exit handlers annotate after the controller's teardown and, where
+// `handler_before_teardown`, before it.
+ExitOutcome exit_with_capture_running(const char* library, bool handler_before_teardown) {
   TempDir dir;
   int report[2];
-  ASSERT_EQ(pipe(report), 0);
+  EXPECT_EQ(pipe(report), 0);
   EXPECT_EQ(0, run_in_child([&] {
     unsetenv("ZVK_OUTPUT_FILE_NAME");
-    g_exiting_library = new StandIn(HOOKED_LIBRARY);
+    g_exiting_library = new StandIn(library);
     g_exit_report_fd = report[1];
     // Registered before the controller exists, so it runs after its destructor.
     atexit(annotate_after_teardown);
     Zorv& zorv = Zorv::instance();
     ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("exit_%t"))).ok());
     ASSERT_TRUE(zorv.start_profiling().ok());
-    atexit(annotate_before_teardown);
+    if (handler_before_teardown) atexit(annotate_before_teardown);
     g_exiting_library->annotate("during the capture");
     annotate_through_exit(g_exiting_library);
   }, true));
   close(report[1]);
-  char defaults = 0;
-  EXPECT_EQ(read(report[0], &defaults, 1), 1);
+  ExitOutcome outcome;
+  EXPECT_EQ(read(report[0], &outcome.defaults, 1), 1);
   close(report[0]);
-  EXPECT_EQ(defaults, 'd');
   const Strings files = dir.list();
-  ASSERT_EQ(files.size(), 1u);
-  const Strings messages = begin_messages(dir.file(files[0]));
-  EXPECT_TRUE(contains(messages, "during the capture"));
-  EXPECT_TRUE(contains(messages, "in an exit handler"));
-  EXPECT_FALSE(contains(messages, "after the teardown"));
+  EXPECT_EQ(files.size(), 1u);
+  if (!files.empty()) outcome.messages = begin_messages(dir.file(files[0]));
+  return outcome;
+}
+
+// The teardown gives the library its defaults back before the annotator goes, and
+// no call reaches the deleted annotator (AddressSanitizer would report it).
+TEST(HooksAtExit, TablesAreWithdrawnBeforeTheAnnotatorGoes) {
+  const ExitOutcome outcome = exit_with_capture_running(HOOKED_LIBRARY, true);
+  EXPECT_EQ(outcome.defaults, 'd');
+  EXPECT_TRUE(contains(outcome.messages, "during the capture"));
+  EXPECT_TRUE(contains(outcome.messages, "in an exit handler"));
+  EXPECT_FALSE(contains(outcome.messages, "after the teardown"));
 }
 
 // A library without a default table keeps the profiler's pointers through the
 // teardown: its calls after it find the annotator gone and do nothing.
 TEST(HooksAtExit, ALibraryThatKeepsTheTableCallsSafelyAfterTheTeardown) {
-  TempDir dir;
-  int report[2];
-  ASSERT_EQ(pipe(report), 0);
-  EXPECT_EQ(0, run_in_child([&] {
-    unsetenv("ZVK_OUTPUT_FILE_NAME");
-    g_exiting_library = new StandIn(HOOKED_UPDATE_ONLY_LIBRARY);
-    g_exit_report_fd = report[1];
-    atexit(annotate_after_teardown);
-    Zorv& zorv = Zorv::instance();
-    ASSERT_TRUE(zorv.configure(small_capture_config(dir.file("keeps_%t"))).ok());
-    ASSERT_TRUE(zorv.start_profiling().ok());
-    g_exiting_library->annotate("during the capture");
-    annotate_through_exit(g_exiting_library);
-  }, true));
-  close(report[1]);
-  char defaults = 0;
-  EXPECT_EQ(read(report[0], &defaults, 1), 1);
-  close(report[0]);
-  EXPECT_EQ(defaults, 'p');  // it still held the profiler's table, and called it
-  const Strings files = dir.list();
-  ASSERT_EQ(files.size(), 1u);
-  EXPECT_TRUE(contains(begin_messages(dir.file(files[0])), "during the capture"));
+  const ExitOutcome outcome = exit_with_capture_running(HOOKED_UPDATE_ONLY_LIBRARY, false);
+  EXPECT_EQ(outcome.defaults, 'p');  // it still held the profiler's table, and called it
+  EXPECT_TRUE(contains(outcome.messages, "during the capture"));
+  EXPECT_FALSE(contains(outcome.messages, "after the teardown"));
 }
 
 }  // namespace

@@ -261,15 +261,19 @@ if __name__ == "__main__":
 '''
 
 
-@pytest.mark.parametrize("method", ["fork", "spawn"])
-def test_a_terminated_worker_stops_its_capture_and_ends_by_sigterm(tmp_path, method):
-    reports, printed, plain, _ = run_job(tmp_path, TERMINATED_JOB, [method])
+def assert_terminated_worker_stopped_its_capture(tmp_path, job, method):
+    reports, printed, plain, _ = run_job(tmp_path, job, [method])
     assert printed == plain == ["exit code -15"]
     worker = reports["worker"]
     files = {c.header["pid"]: c for c in captures(tmp_path / "out").values()}
     capture = files[worker]
     assert not capture.torn and capture.header["num_buckets"] == capture.buckets > 0
     assert begins(capture, "before the wait", pid=worker)
+
+
+@pytest.mark.parametrize("method", ["fork", "spawn"])
+def test_a_terminated_worker_stops_its_capture_and_ends_by_sigterm(tmp_path, method):
+    assert_terminated_worker_stopped_its_capture(tmp_path, TERMINATED_JOB, method)
 
 
 OWN_HANDLER_JOB = r'''
@@ -314,9 +318,4 @@ OWN_WAKEUP_FD_JOB = TERMINATED_JOB.replace('''    ready.set()
 
 
 def test_a_terminated_worker_with_its_own_wakeup_fd_still_stops_its_capture(tmp_path):
-    reports, printed, plain, _ = run_job(tmp_path, OWN_WAKEUP_FD_JOB, ["fork"])
-    assert printed == plain == ["exit code -15"]
-    worker = reports["worker"]
-    capture = {c.header["pid"]: c for c in captures(tmp_path / "out").values()}[worker]
-    assert not capture.torn and capture.header["num_buckets"] == capture.buckets > 0
-    assert begins(capture, "before the wait", pid=worker)
+    assert_terminated_worker_stopped_its_capture(tmp_path, OWN_WAKEUP_FD_JOB, "fork")
