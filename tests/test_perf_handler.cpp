@@ -1432,6 +1432,7 @@ TEST(PerfThreads, AnEventThatCannotReachItsRingIsToldAndTheRestSample) {
   capture.kernel.fail("set_output", EINVAL);
   CaptureStderr();
   ASSERT_TRUE(capture.handler.start().ok());
+  const int opened = static_cast<int>(capture.handler.perf_fds().size());
   ASSERT_TRUE(eventually([&] { return capture.kernel.calls("enable") > 0; }));
   spin_for(std::chrono::milliseconds(200));
   capture.handler.stop();
@@ -1440,6 +1441,8 @@ TEST(PerfThreads, AnEventThatCannotReachItsRingIsToldAndTheRestSample) {
   other.join();
   const int failed = capture.kernel.calls("set_output");
   ASSERT_GE(failed, 1);
+  // Those that can't reach a ring are never enabled.
+  EXPECT_EQ(capture.kernel.calls("enable"), opened - failed);
   EXPECT_NE(std::find(lines.begin(), lines.end(),
                       "WARNING| Samples of " + std::to_string(failed) +
                           " perf events of threads running before the start have no ring to go "

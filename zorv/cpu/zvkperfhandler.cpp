@@ -575,18 +575,20 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
                    << ": larger ones pass the memory this user may lock";
     }
     // Only once the rings are mapped can records be sent to them.
-    int unrouted = 0;
+    // An event that can't be routed is left disabled: it would interrupt its
+    // thread for samples that go nowhere.
+    std::set<int> unrouted;
     int unrouted_error = 0;
     for (const PerfConfFD& fd : fds) {
       if (fd.output_fd == -1) continue;
       if (kernel->set_output(static_cast<int>(fd.fd), static_cast<int>(fd.output_fd)) != 0) {
-        ++unrouted;
+        unrouted.insert(static_cast<int>(fd.fd));
         unrouted_error = errno;
       }
     }
-    if (unrouted != 0) {
-      LOG(WARNING) << "Samples of " << unrouted << " perf events of threads running before the "
-                   << "start have no ring to go to: " << strerror(unrouted_error);
+    if (!unrouted.empty()) {
+      LOG(WARNING) << "Samples of " << unrouted.size() << " perf events of threads running before "
+                   << "the start have no ring to go to: " << strerror(unrouted_error);
     }
 
     // The wrap buffer: process_pages replaces it when a record needs more, so the
@@ -604,6 +606,7 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
     if (record_mappings) save_process_mappings(rh);
     for (const PerfConfFD& fd : fds) {
       const int descriptor = static_cast<int>(fd.fd);
+      if (unrouted.count(descriptor) != 0) continue;
       kernel->set_nonblocking(descriptor);
       uint64_t id = 0;
       kernel->event_id(descriptor, &id);
