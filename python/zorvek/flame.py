@@ -1,8 +1,9 @@
 """`zorvek flame`: a flame graph of a capture's CPU samples.
 
 Each sample's call chain (the kernel's walk of the user stack) is put root first,
-without the kernel's context markers, and named through the process's mappings
-and the symbols of the mapped files (`zorvek.symbols`). The graph is a
+under its process's name (its command line or worker role where zorvek named it,
+else its program), without the kernel's context markers, and named through the
+process's mappings and the symbols of the mapped files (`zorvek.symbols`). The graph is a
 self-contained SVG that a browser opens (each frame's tooltip gives its name,
 samples and share), or with `--format collapsed` one line per stack,
 "root;...;leaf count", the input of the usual flame graph tools.
@@ -67,8 +68,18 @@ class _Ranges:
         return i >= 0 and t <= self.ends[(pid, tid)][i]
 
 
+def _root_name(survey: Survey, symbols, pid: int) -> str:
+    """The process a stack belongs to: the name zorvek gave it (its command line
+    or worker role), else its program; never with the collapsed format's ";"."""
+    own = survey.own_names.process(pid)
+    if own:
+        return own.replace(";", ",")
+    exe = symbols.executable(pid)
+    return os.path.basename(exe) if exe else "pid %d" % pid
+
+
 def collect(args, reading: Reading) -> Tuple[collections.Counter, Survey, List[str]]:
-    """Counts of each stack, root first, with the process's program as the root
+    """Counts of each stack, root first, with the process's name as the root
     frame; and the survey, and the stated gaps of the symbolizer."""
     pids = set(args.pid) if args.pid else None
     raw: collections.Counter = collections.Counter()
@@ -107,8 +118,7 @@ def collect(args, reading: Reading) -> Tuple[collections.Counter, Survey, List[s
         named = name_stacks(symbols, keys)
         stacks: collections.Counter = collections.Counter()
         for (pid, _frames, _padded), names in zip(keys, named):
-            exe = symbols.executable(pid)
-            root = os.path.basename(exe) if exe else "pid %d" % pid
+            root = _root_name(survey, symbols, pid)
             stacks[tuple([root] + names[::-1])] += raw[(pid, _frames, _padded)]
         return stacks, survey, list(symbols.gaps)
     finally:

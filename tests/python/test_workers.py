@@ -140,6 +140,14 @@ def test_pool_workers_write_captures_of_their_own(tmp_path, method):
         assert processes[worker]["parent"] == main
         assert all(r["name"] == "task" for r in processes[worker]["ranges"])
 
+    # The flame graph's roots are the processes' names.
+    flame = subprocess.run([sys.executable, "-m", "zorvek", "flame", "--format", "collapsed",
+                            "-o", "-", "out"], cwd=tmp_path, capture_output=True, text=True,
+                           timeout=120)
+    assert flame.returncode == 0, flame.stderr
+    roots = {line.split(";", 1)[0] for line in flame.stdout.splitlines() if line}
+    assert any(root.startswith("multiprocessing worker ") for root in roots), roots
+
 
 def test_dataloader_workers_write_captures_of_their_own(tmp_path):
     pytest.importorskip("torch")
