@@ -156,7 +156,7 @@ def describe_files(files: List[str], output_dir: str, extra: int = 0) -> str:
     plural = "file" if len(files) == 1 else "files"
     text = f"wrote {len(files)} {plural} ({_size_text(size)}) to {output_dir}: {shown}"
     if extra:
-        text += f"; forked processes wrote {extra} more there"
+        text += f"; child processes wrote {extra} more there"
     return text
 
 
@@ -468,7 +468,8 @@ class profile:
                         differing.append(name)
         if differing:
             report("the profiler is configured once per process; this profile() keeps the "
-                   f"first one's settings ({', '.join(differing)} differ), files go to "
+                   f"first one's settings ({', '.join(differing)} "
+                   f"{'differs' if len(differing) == 1 else 'differ'}), files go to "
                    f"{_state.output_dir}")
 
     # ---- Files ----

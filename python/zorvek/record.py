@@ -279,6 +279,7 @@ class _Program:
     def __init__(self, target: Target) -> None:
         self.target = target
         self.code: Optional[types.CodeType] = None
+        self.script_path = ""
         self.path_entry: Optional[str] = None
         if target.kind == "script":
             self._prepare_script(target.value)
@@ -297,7 +298,10 @@ class _Program:
             return  # a folder or zip with __main__.py: runpy knows those
         with io.open_code(path) as f:
             source = f.read()
-        self.code = compile(source, path, "exec", dont_inherit=True)
+        # Python gives a script's __file__ and code an absolute path (sys.argv[0]
+        # stays as typed).
+        self.script_path = os.path.abspath(path)
+        self.code = compile(source, self.script_path, "exec", dont_inherit=True)
 
     def run(self) -> None:
         import runpy
@@ -317,9 +321,9 @@ class _Program:
             main = types.ModuleType("__main__")
             main.__dict__["__builtins__"] = builtins
             if self.target.kind == "script":
-                main.__file__ = self.target.value
+                main.__file__ = self.script_path
                 main.__cached__ = None  # type: ignore[attr-defined]
-                main.__loader__ = importlib.machinery.SourceFileLoader("__main__", self.target.value)
+                main.__loader__ = importlib.machinery.SourceFileLoader("__main__", self.script_path)
             else:
                 main.__loader__ = importlib.machinery.BuiltinImporter
             sys.modules["__main__"] = main

@@ -474,8 +474,27 @@ def _process_text(process: Dict[str, Any], top: int) -> str:
     return "".join(out)
 
 
+# What the kernel writes into a parent's capture about a child it forked.
+_FORK_RECORDS = {"CPU FORK", "CPU EXIT"}
+
+
+def _only_forked(process: Dict[str, Any]) -> bool:
+    """A child known only through its parent's capture (its fork and exit): it
+    wrote no capture of its own, since it wasn't followed or isn't profiled."""
+    return bool(process["records_by_kind"]) and set(process["records_by_kind"]) <= _FORK_RECORDS \
+        and not process.get("name")
+
+
+def _unprofiled_line(children: List[Dict[str, Any]]) -> str:
+    pids = ", ".join(str(p["pid"]) for p in children[:8]) + (", ..." if len(children) > 8 else "")
+    plural = "es" if len(children) != 1 else ""
+    return f"{len(children)} child process{plural} without a capture of their own: {pids}"
+
+
 def _text(result: Dict[str, Any], top: int) -> str:
-    files, processes = result["files"], result["processes"]
+    files = result["files"]
+    processes = [p for p in result["processes"] if not _only_forked(p)]
+    unprofiled = [p for p in result["processes"] if _only_forked(p)]
     hosts = sorted({f.get("header", {}).get("hostname", "") for f in files} - {""})
     out = [f"{len(files)} file{'s' if len(files) != 1 else ''}, {_bytes(result['bytes'])}, "
            f"{len(processes)} process{'es' if len(processes) != 1 else ''}"
@@ -485,6 +504,8 @@ def _text(result: Dict[str, Any], top: int) -> str:
     for process in processes:
         out.append("\n")
         out.append(_process_text(process, top))
+    if unprofiled:
+        out.append("\n" + _unprofiled_line(unprofiled) + "\n")
     return "".join(out)
 
 
@@ -529,7 +550,10 @@ def short_summary(files: Iterable[str]) -> str:
             return "\n".join(["No capture to summarize."] + errors)
         result = _summarize([c.path for c in captures])
         lines = []
+        unprofiled = [p for p in result["processes"] if _only_forked(p)]
         for process in result["processes"]:
+            if _only_forked(process):
+                continue
             parts = []
             ranges = process["ranges"]
             if ranges:
@@ -546,9 +570,12 @@ def short_summary(files: Iterable[str]) -> str:
                 busy = sum(k["total_ns"] for k in gpu["kernels"])
                 parts.append(f"{_count(kernels)} GPU kernels ({_duration(busy)})")
             if not parts:
-                parts.append(f"{_count(process['records'])} records")
+                plural = "record" if process["records"] == 1 else "records"
+                parts.append(f"{_count(process['records'])} {plural}")
             named = f" ({_cut(process['name'])})" if process.get("name") else ""
             lines.append(f"  process {process['pid']}{named}: " + "; ".join(parts))
+        if unprofiled:
+            lines.append("  " + _unprofiled_line(unprofiled))
         for file in result["files"]:
             if file["problems"]:
                 lines.append(f"  {file['path']}: {file['problems'][-1]}")

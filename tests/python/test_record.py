@@ -94,6 +94,21 @@ def test_argv_main_and_path_as_python_gives_them(tmp_path):
     assert "LOG(INFO)" not in stderr
 
 
+def test_file_and_tracebacks_name_the_script_by_its_absolute_path(tmp_path):
+    write(tmp_path / "sub" / "fails.py", """
+        report("file", __file__)
+        raise ValueError("on purpose")
+    """)
+    code, got, stderr = record(tmp_path, "-q", "-F", "0", "-o", "out", "--", "python",
+                               "sub/fails.py")
+    plain_code, plain_out, plain_err = run_python(["sub/fails.py"], tmp_path, {}, 60)
+    script = str(tmp_path / "sub" / "fails.py")
+    assert code == plain_code == 1
+    assert got["file"] == parse_reports(plain_out)["file"] == script
+    assert f'File "{script}", line' in stderr
+    assert f'File "{script}", line' in plain_err
+
+
 def test_python_may_be_left_out_and_options_of_python_are_honoured(tmp_path):
     write(tmp_path / "train.py")
     code, got, stderr = record(tmp_path, "-o", "out", "train.py", "x")
@@ -156,7 +171,7 @@ def test_exit_status_is_the_scripts(tmp_path, ending, status):
     if ending.startswith("raise"):
         # As Python prints it: from the script's own frame, nothing of zorvek's.
         traceback = stderr[stderr.index("Traceback"):]
-        assert traceback.splitlines()[1].startswith('  File "train.py", line ')
+        assert traceback.splitlines()[1].startswith(f'  File "{tmp_path / "train.py"}", line ')
         assert "zorvek" not in traceback.split("ValueError: boom")[0]
         assert "ValueError: boom" in stderr
     if ending == "sys.exit('bad input')":
@@ -288,7 +303,7 @@ def test_forked_workers(tmp_path):
     assert len(files) == 5
     for path in files:
         assert not read_capture(path).torn
-    assert "forked processes wrote 4 more" in zorvek_lines(stderr)[0]
+    assert "child processes wrote 4 more" in zorvek_lines(stderr)[0]
 
     # Without fork following the children record nothing.
     code, got, stderr = record(tmp_path, "-o", "alone", "--", "python", "train.py")

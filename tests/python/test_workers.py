@@ -176,6 +176,13 @@ def test_children_get_nothing_without_following(tmp_path, method):
     assert not [r for r in capture.records
                 if r["hw"] == 0 and r["type"] == SAMPLE and r["pid"] != reports["main"]]
     assert not [r for r in capture.records if r["hw"] == ANNOTATION and r["pid"] != reports["main"]]
+    # The children the kernel saw forked are named once, not as processes of their own.
+    text = subprocess.run([sys.executable, "-m", "zorvek", "summary", "out"], cwd=tmp_path,
+                          capture_output=True, text=True, timeout=120).stdout
+    assert text.count("== Process ") == 1, text
+    unprofiled = [line for line in text.splitlines() if "without a capture of their own" in line]
+    assert len(unprofiled) == 1 and unprofiled[0].startswith(
+        ("2 child processes", "3 child processes")), text
 
 
 def test_spawned_python_profiles_itself_from_the_environment(tmp_path):

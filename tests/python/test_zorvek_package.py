@@ -427,7 +427,7 @@ def test_multiprocessing_workers_with_follow_forks_write_whole_captures(tmp_path
         capture = read_capture(path)
         assert_finished(capture)
         assert [r["msg"] for r in begins(capture, pid=child)] == ["child %d" % n]
-    assert "forked processes wrote 2 more" in zorvek_lines(stderr)[-1]
+    assert "child processes wrote 2 more" in zorvek_lines(stderr)[-1]
 
 
 # ---- The package as installed ----
