@@ -13,8 +13,9 @@
 
 from ._annotate import annotate
 from ._profile import profile
+from ._settings import SettingError
 
-__all__ = ["profile", "annotate", "__version__"]
+__all__ = ["profile", "annotate", "SettingError", "__version__"]
 
 try:
     from importlib.metadata import PackageNotFoundError, version as _version

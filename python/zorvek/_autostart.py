@@ -14,9 +14,12 @@ that stops when the process ends. multiprocessing's own helpers are left alone:
 the resource tracker is not profiled, and the forkserver starts a capture in each
 worker it forks instead of one of its own."""
 
+import difflib
+import inspect
 import json
 import os
 import sys
+from typing import Optional
 
 OUTPUT = "ZORVEK_OUTPUT"
 OPTIONS = "ZORVEK_OPTIONS"
@@ -31,30 +34,49 @@ def handed_down(output_dir: str, options: dict) -> dict:
             OPTIONS: json.dumps(options, sort_keys=True, default=str)}
 
 
-def _options() -> dict:
+def _options() -> Optional[dict]:
+    """profile()'s keywords as handed down, or None (said in one line) where they
+    can't be used: this process then runs unprofiled rather than profiled with
+    settings nobody asked for."""
+    from . import _profile
+
     text = os.environ.get(OPTIONS, "")
     if not text:
         return {}
     try:
         options = json.loads(text)
     except ValueError:
-        print(f"zorvek: {OPTIONS} is not JSON, profiling with the defaults: {text!r}",
-              file=sys.stderr, flush=True)
-        return {}
-    return options if isinstance(options, dict) else {}
+        options = None
+    if not isinstance(options, dict):
+        _refuse(f"{OPTIONS} is not a JSON object: {text!r}")
+        return None
+    known = [name for name in inspect.signature(_profile.profile).parameters
+             if name != "output_dir"]
+    for key in options:
+        if key not in known:
+            near = difflib.get_close_matches(str(key), known, n=1)
+            hint = f'; did you mean "{near[0]}"?' if near else f" (known: {', '.join(known)})"
+            _refuse(f'{OPTIONS} names no profile() keyword "{key}"{hint}')
+            return None
+    return options
+
+
+def _refuse(why: str) -> None:
+    print(f"zorvek: not profiling this process: {why}", file=sys.stderr, flush=True)
 
 
 def _start() -> None:
     from . import _profile
 
     options = _options()
+    if options is None:
+        return
     options.setdefault("quiet", True)
     options["follow_forks"] = True
     try:
         capture = _profile.profile(os.environ[OUTPUT], **options)
     except (TypeError, ValueError) as e:
-        print(f"zorvek: {OPTIONS} was refused, not profiling this process: {e}",
-              file=sys.stderr, flush=True)
+        _refuse(f"{OPTIONS} was refused: {e}")
         return
     if capture.start():
         _profile.stop_with_worker(capture)
@@ -89,8 +111,7 @@ def main() -> None:
     try:
         _main()
     except Exception as e:  # noqa: BLE001 - the job must start whatever happens
-        print(f"zorvek: not profiling this process: {type(e).__name__}: {e}", file=sys.stderr,
-              flush=True)
+        _refuse(f"{type(e).__name__}: {e}")
 
 
 def _main() -> None:

@@ -64,6 +64,7 @@ def build_parser(selected: Optional[str] = None) -> argparse.ArgumentParser:
             module.add_arguments(sub)
             _fill_help(sub, module)
             sub.set_defaults(run=module.run)
+            parser.set_defaults(selected_parser=sub)
     return parser
 
 
@@ -76,7 +77,12 @@ def main(argv: Optional[Sequence[str]] = None) -> int:
     except ImportError as e:
         print(f"zorvek {selected}: not available in this installation ({e})", file=sys.stderr)
         return 2
-    args = parser.parse_args(words)
+    args, unknown = parser.parse_known_args(words)
+    if unknown:
+        # An option the command doesn't know is the command's usage error, shown
+        # with the command's own usage rather than zorvek's.
+        getattr(args, "selected_parser", parser).error(
+            "unrecognized arguments: %s" % " ".join(unknown))
     if selected is None:
         parser.print_help(sys.stderr)
         return 2

@@ -343,6 +343,9 @@ def test_usage_errors_are_one_line(tmp_path):
     write(tmp_path / "bad.py", "def (:\n", probe=False)
     code, _, stderr = record(tmp_path, "-o", "out", "bad.py")
     assert code == 1 and "SyntaxError" in stderr and "zorvek/record.py" not in stderr
+    code, _, stderr = record(tmp_path, "--bogus", "--", "python", "bad.py")
+    assert code == 2 and stderr.startswith("usage: zorvek record ")
+    assert "zorvek record: error: unrecognized arguments: --bogus" in stderr
 
 
 # ---- The command ----

@@ -212,6 +212,26 @@ def test_spawned_python_profiles_itself_from_the_environment(tmp_path):
     assert summary_json(tmp_path)[capture.header["pid"]]["name"].endswith("child.py x")
 
 
+@pytest.mark.parametrize("options, told", [
+    ("{sample_hz", 'ZORVEK_OPTIONS is not a JSON object: \'{sample_hz\''),
+    ('["sample_hz"]', "ZORVEK_OPTIONS is not a JSON object"),
+    ('{"sampel_hz": 5}', 'ZORVEK_OPTIONS names no profile() keyword "sampel_hz"; did you mean '
+                         '"sample_hz"?'),
+    ('{"sample_hz": -1}', "ZORVEK_OPTIONS was refused: sample_hz must be"),
+])
+def test_options_that_cant_be_used_leave_the_process_unprofiled_with_one_line(tmp_path, options,
+                                                                             told):
+    (tmp_path / "child.py").write_text('print("child done")\n')
+    code, out, err = run_python(["child.py"], tmp_path,
+                                {"ZORVEK_OUTPUT": str(tmp_path / "out"),
+                                 "ZORVEK_OPTIONS": options}, 120)
+    assert code == 0 and out == "child done\n", err
+    lines = [line for line in err.splitlines() if line.startswith("zorvek: ")]
+    assert len(lines) == 1 and lines[0].startswith("zorvek: not profiling this process: " + told), err
+    assert "Traceback" not in err
+    assert not (tmp_path / "out").exists() or not capture_names(tmp_path / "out")
+
+
 def test_no_environment_no_capture(tmp_path):
     code, out, err = run_python(["-c", "print('plain')"], tmp_path, {}, 60)
     assert (code, out, err) == (0, "plain\n", "")
