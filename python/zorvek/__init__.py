@@ -15,6 +15,9 @@ from ._annotate import annotate
 from ._profile import profile
 from ._settings import SettingError
 
+# Shown by its public name in tracebacks.
+SettingError.__module__ = "zorvek"
+
 __all__ = ["profile", "annotate", "SettingError", "__version__"]
 
 try:

@@ -441,4 +441,5 @@ def test_the_package_is_typed_and_documented():
     assert zorvek.profile.__doc__ and "sample_hz" in zorvek.profile.__doc__
     assert zorvek.annotate.__doc__ and "decorator" in zorvek.annotate.__doc__
     assert zorvek.annotate.__module__ == "zorvek"
-    assert set(zorvek.__all__) == {"profile", "annotate", "__version__"}
+    assert set(zorvek.__all__) == {"profile", "annotate", "SettingError", "__version__"}
+    assert issubclass(zorvek.SettingError, ValueError) and zorvek.SettingError.__doc__
