@@ -12,14 +12,13 @@ libgcc_s, whatever was loaded first."""
 import importlib.metadata
 import os
 import re
-import shutil
 import subprocess
 import sys
 import textwrap
 
 import pytest
 
-from zvk_testing import fake_cupti_library, run_python
+from zvk_testing import build_shared_library, fake_cupti_library, run_python
 
 THROWER_SOURCE = r"""
 #include <stdexcept>
@@ -54,16 +53,8 @@ ALLOWED_EXPORTS = {
 
 @pytest.fixture(scope="module")
 def thrower(tmp_path_factory):
-    compiler = shutil.which("c++") or shutil.which("g++")
-    if compiler is None:
-        pytest.fail("a C++ compiler is needed to build the throwing library (make deps installs g++)")
-    folder = tmp_path_factory.mktemp("thrower")
-    source = folder / "thrower.cpp"
-    source.write_text(THROWER_SOURCE)
-    library = folder / "libthrower.so"
-    subprocess.run([compiler, "-shared", "-fPIC", "-O1", "-o", str(library), str(source)],
-                   check=True)
-    return library
+    return build_shared_library(tmp_path_factory.mktemp("thrower"), "thrower", THROWER_SOURCE,
+                                ("c++", "g++"), ("-O1",))
 
 
 def installed_shared_objects():

@@ -18,7 +18,7 @@ import xml.etree.ElementTree as ElementTree
 
 import pytest
 
-from zvk_testing import fake_cupti_library, run_python
+from zvk_testing import build_shared_library, fake_cupti_library, run_python
 
 from zorvek import _reader
 from zorvek._reader import EXIT_DAMAGED, EXIT_NOT_READ, EXIT_READ_WHOLE
@@ -92,16 +92,8 @@ def zorvek(args, cwd, timeout=120):
 
 @pytest.fixture(scope="module")
 def burn_library(tmp_path_factory):
-    compiler = shutil.which("cc") or shutil.which("gcc")
-    if compiler is None:
-        pytest.skip("no C compiler")
-    folder = tmp_path_factory.mktemp("burn")
-    source = folder / "burn.c"
-    source.write_text(BURN_C)
-    library = folder / "libburn.so"
-    subprocess.run([compiler, "-O0", "-g", "-fno-omit-frame-pointer", "-fPIC", "-shared",
-                    str(source), "-o", str(library)], check=True)
-    return library
+    return build_shared_library(tmp_path_factory.mktemp("burn"), "burn", BURN_C, ("cc", "gcc"),
+                                ("-O0", "-g", "-fno-omit-frame-pointer"))
 
 
 def calibrate_unit(library):

@@ -311,29 +311,15 @@ def test_a_terminated_worker_stops_its_capture_and_ends_by_sigterm(tmp_path, met
     assert_terminated_worker_stopped_its_capture(tmp_path, TERMINATED_JOB, method)
 
 
-OWN_HANDLER_JOB = r'''
-import os, signal, sys, time
-import multiprocessing as mp
-
-def on_term(signum, frame):
-    os.write(1, b"own handler\n")
+OWN_HANDLER_JOB = TERMINATED_JOB.replace('''def wait_forever(ready):
+    with zorvek.annotate("before the wait"):''', '''def on_term(signum, frame):
+    os.write(1, b"own handler\\n")
     os._exit(7)
 
 def wait_forever(ready):
+    import signal
     signal.signal(signal.SIGTERM, on_term)
-    ready.set()
-    time.sleep(600)
-
-if __name__ == "__main__":
-    ctx = mp.get_context(sys.argv[1])
-    ready = ctx.Event()
-    worker = ctx.Process(target=wait_forever, args=(ready,))
-    worker.start()
-    ready.wait()
-    worker.terminate()
-    worker.join()
-    print("exit code", worker.exitcode)
-'''
+    with zorvek.annotate("before the wait"):''')
 
 
 @pytest.mark.parametrize("method", ["fork", "spawn"])

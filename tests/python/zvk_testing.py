@@ -4,6 +4,7 @@ time limit, and a small reader of capture files of the tests' own."""
 import collections
 import json
 import os
+import shutil
 import signal
 import struct
 import subprocess
@@ -235,6 +236,22 @@ def cpu_records(capture, event_type, pid=None, tid=None):
 def gpu_records(capture, atype, pid=None):
     return [r for r in capture.records if r["hw"] == GPU and r["atype"] == atype
             and (pid is None or r["pid"] == pid)]
+
+
+def build_shared_library(folder, name, source, compilers, flags=()):
+    """Compiles `source` (C or C++, by the compilers named) into folder/lib<name>.so
+    and returns its path; fails the test where no compiler is installed (make deps
+    installs g++)."""
+    compiler = next((found for found in map(shutil.which, compilers) if found), None)
+    if compiler is None:
+        pytest.fail(f"none of {', '.join(compilers)} is installed to build lib{name}.so")
+    suffix = ".c" if compilers[0] in ("cc", "gcc") else ".cpp"
+    source_path = folder / (name + suffix)
+    source_path.write_text(source)
+    library = folder / f"lib{name}.so"
+    subprocess.run([compiler, *flags, "-fPIC", "-shared", str(source_path), "-o", str(library)],
+                   check=True)
+    return library
 
 
 def fake_cupti_library():
