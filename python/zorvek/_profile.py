@@ -60,8 +60,7 @@ class _Process:
         self.error: Optional[str] = None                    # a refused configure
         self.sampling_problem: Optional[Tuple[Optional[str]]] = None  # the probe's answer, once asked
         self.capture: Optional["profile"] = None            # whose start runs the capture
-        self.level_set_by_us = False
-        self.quiet_set_by_us = False
+        self.variables_set_by_us: Set[str] = set()  # log variables a quiet profile() set
 
 
 _state = _Process()
@@ -78,18 +77,14 @@ def _quiet_native_logs(verbose: bool) -> None:
     0 s, its fork warnings); a stall or a loss that happened is still told. Set
     the same way, so the job's standard error stays what it was, terminal and
     all, with only those lines gone."""
-    if not verbose and os.environ.get("ZORV_MIN_LOG_LEVEL") is None:
-        os.environ["ZORV_MIN_LOG_LEVEL"] = "1"
-        _state.level_set_by_us = True
-    elif verbose and _state.level_set_by_us:
-        os.environ["ZORV_MIN_LOG_LEVEL"] = "0"
-        _state.level_set_by_us = False
-    if not verbose and os.environ.get("ZORV_QUIET") is None:
-        os.environ["ZORV_QUIET"] = "1"
-        _state.quiet_set_by_us = True
-    elif verbose and _state.quiet_set_by_us:
-        os.environ["ZORV_QUIET"] = "0"
-        _state.quiet_set_by_us = False
+    for variable in ("ZORV_MIN_LOG_LEVEL", "ZORV_QUIET"):
+        if not verbose and os.environ.get(variable) is None:
+            # WARNING for the level, on for the switch.
+            os.environ[variable] = "1"
+            _state.variables_set_by_us.add(variable)
+        elif verbose and variable in _state.variables_set_by_us:
+            os.environ[variable] = "0"
+            _state.variables_set_by_us.discard(variable)
 
 
 def make_private_folder(directory: str, share: bool = False) -> None:

@@ -39,10 +39,10 @@ std::atomic<uint64_t> g_fork_generation{0};
 // A current buffer's deleter: the buffer goes to the writer once its last holder
 // lets go, unless it was handed out before a fork that this process came out of.
 struct ReleaseToWriter {
-  ZVKQueue<ZVKBuffer>* to_write;
+  QueueMover<ZVKBuffer> to_writer;
   uint64_t generation;
   void operator()(ZVKBuffer* buffer) const {
-    if (generation == g_fork_generation.load()) to_write->push(buffer);
+    if (generation == g_fork_generation.load()) to_writer(buffer);
   }
 };
 
@@ -98,7 +98,8 @@ ZVKBufferRecordHelper::~ZVKBufferRecordHelper() {
 void ZVKBufferRecordHelper::install(ZVKBuffer* buffer) {
   std::shared_ptr<ZVKBuffer> fresh =
       buffer != nullptr
-          ? std::shared_ptr<ZVKBuffer>(buffer, ReleaseToWriter{to_write_, g_fork_generation.load()})
+          ? std::shared_ptr<ZVKBuffer>(buffer, ReleaseToWriter{QueueMover<ZVKBuffer>(to_write_),
+                                                                g_fork_generation.load()})
           : no_buffer();
   // The old reference drops here: with no RecordWriter on it, the old buffer
   // enters the to-write queue now, on this thread.

@@ -43,12 +43,10 @@ ZVKQueue<ZVKBuffer>::ZVKQueue(uint32_t count, size_t size) : ZVKQueue() {
   stride_ = capacity + sizeof(ZVKBuffer);
   char* cursor = static_cast<char*>(storage_);
   for (uint32_t i = 0; i < count; ++i) {
-    ZVKBuffer* buffer = reinterpret_cast<ZVKBuffer*>(cursor);
-    buffer->len_buffer = static_cast<uint32_t>(capacity);
-    buffer->num_bytes = 0;
-    buffers_.push_back(buffer);
-    cursor += capacity + sizeof(ZVKBuffer);
+    reinterpret_cast<ZVKBuffer*>(cursor)->len_buffer = static_cast<uint32_t>(capacity);
+    cursor += stride_;
   }
+  refill_all();
 }
 
 template <>
