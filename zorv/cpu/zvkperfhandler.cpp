@@ -601,9 +601,6 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
       ~WrapBufferFree() { free(*buffer); }
     } wrap_buffer_free{&rb_pages};
 
-    // The kernel announces only mappings made from here on; these place samples in
-    // what was loaded before.
-    if (record_mappings) save_process_mappings(rh);
     for (const PerfConfFD& fd : fds) {
       const int descriptor = static_cast<int>(fd.fd);
       if (unrouted.count(descriptor) != 0) continue;
@@ -614,6 +611,12 @@ ZVKPerfHandler::Processor ZVKPerfHandler::make_processor() const {
       kernel->reset(descriptor);
       kernel->enable(descriptor);
     }
+    // The kernel announces the mappings made once the events are enabled; the
+    // list read after that names everything loaded before. Read the other way
+    // round, a library loaded between the two (the job runs on meanwhile) would be
+    // in neither, and its samples would go unnamed. One made in between is in
+    // both, which readers take alike.
+    if (record_mappings) save_process_mappings(rh);
 
     auto drain = [&](size_t i) {
       if (pe_buff[i] == nullptr) return;
