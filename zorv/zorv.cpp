@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "zorv/cpu/zvkperfcollector.h"
+#include "zorv/cpu/zvkthreadsampler.h"
 #include "zorv/cuda/zvkcudacollector.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkforklocks.h"
@@ -178,6 +179,7 @@ Zorv::~Zorv() {
   delete m_annotator;
   m_annotator = nullptr;
   delete m_cuda_collector;
+  delete m_thread_sampler;
   delete m_perf_collector;
   delete m_writer;
   delete m_to_write;
@@ -276,7 +278,16 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
       !enable_perf ? 0
                    : ZVKPerfHandler::record_helpers_for(
                          perf_section != config.end() ? perf_section->second : ZVKConfigSection());
-  const uint32_t record_helpers = shared ? 1 : 1 + perf_helpers + (enable_cuda ? 1 : 0);
+  ThreadSamplerSettings sampler_settings;
+  const Status sampler_read = ThreadSamplerSettings::read(
+      perf_section != config.end() ? perf_section->second : ZVKConfigSection(), &sampler_settings);
+  if (!sampler_read.ok()) {
+    LOG(ERROR) << "Configuration refused: " << sampler_read.msg_;
+    return sampler_read;
+  }
+  const bool enable_sampler = sampler_settings.hz > 0;
+  const uint32_t record_helpers =
+      shared ? 1 : 1 + perf_helpers + (enable_sampler ? 1 : 0) + (enable_cuda ? 1 : 0);
   const Status settings =
       check_settings(bucket_count, record_helpers + 1, bucket_size_mb, compression);
   if (!settings.ok()) {
@@ -305,6 +316,10 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
     m_perf_collector = shared ? new ZVKPerfCollector("PERFCollector", helper)
                               : new ZVKPerfCollector("PERFCollector", m_to_fill, m_to_write);
   }
+  if (enable_sampler) {
+    m_thread_sampler = shared ? new ZVKThreadSampler("ThreadSampler", helper)
+                              : new ZVKThreadSampler("ThreadSampler", m_to_fill, m_to_write);
+  }
   if (enable_cuda) {
     LOG(INFO) << "CUDA capture enabled " << "\n";
     m_cuda_collector = shared ? new ZVKCudaCollector("CUDACollector", helper)
@@ -326,6 +341,10 @@ Status Zorv::configure(std::map<std::string, ZVKConfigSection> config) {
   if (m_perf_collector != nullptr) {
     auto section = config.find("PERF");
     ZVK_RETURN_NOT_OK(m_perf_collector->configure(section != config.end() ? section->second : no_keys));
+  }
+  if (m_thread_sampler != nullptr) {
+    auto section = config.find("PERF");
+    ZVK_RETURN_NOT_OK(m_thread_sampler->configure(section != config.end() ? section->second : no_keys));
   }
   return Status::OK();
 }
@@ -372,6 +391,7 @@ Status Zorv::start_profiling() {
     ZVK_RETURN_NOT_OK(started);
   }
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->start_profiling());
+  if (m_thread_sampler != nullptr) ZVK_RETURN_NOT_OK(m_thread_sampler->start_profiling());
   m_hooks_installed = true;
   ZVK_LOG_NOT_OK(INFO, enable_hooks(), "Couldn't find any library with annotations");
   m_active = true;
@@ -382,6 +402,9 @@ Status Zorv::stop_profiling() {
   if (!m_active) return Status(error::FAILED_PRECONDITION, "Profiling not running");
   if (m_cuda_collector != nullptr) {
     ZVK_LOG_NOT_OK(ERROR, m_cuda_collector->stop_profiling(), "Stopping cuda capture failed!");
+  }
+  if (m_thread_sampler != nullptr) {
+    ZVK_LOG_NOT_OK(ERROR, m_thread_sampler->stop_profiling(), "Stopping thread sampling failed!");
   }
   if (m_perf_collector != nullptr) {
     ZVK_LOG_NOT_OK(ERROR, m_perf_collector->stop_profiling(), "Stopping perf capture failed!");
@@ -405,6 +428,7 @@ Status Zorv::stop_profiling() {
 Status Zorv::suspend_profiling() {
   if (!m_active) return Status::OK();
   if (m_cuda_collector != nullptr) ZVK_RETURN_NOT_OK(m_cuda_collector->suspend_profiling());
+  if (m_thread_sampler != nullptr) ZVK_RETURN_NOT_OK(m_thread_sampler->suspend_profiling());
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->suspend_profiling());
   if (m_writer != nullptr) ZVK_RETURN_NOT_OK(m_writer->suspend());
   // During a fork m_active is the only record that a capture must come back.
@@ -418,6 +442,7 @@ Status Zorv::resume_profiling() {
   report_dropped_records();
   if (m_cuda_collector != nullptr) ZVK_RETURN_NOT_OK(m_cuda_collector->resume_profiling());
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->resume_profiling());
+  if (m_thread_sampler != nullptr) ZVK_RETURN_NOT_OK(m_thread_sampler->resume_profiling());
   m_active = true;
   return Status::OK();
 }
@@ -444,6 +469,7 @@ Status Zorv::resume(bool is_children) {
   report_dropped_records();
   if (m_cuda_collector != nullptr) ZVK_RETURN_NOT_OK(m_cuda_collector->resume_profiling());
   if (m_perf_collector != nullptr) ZVK_RETURN_NOT_OK(m_perf_collector->resume_profiling());
+  if (m_thread_sampler != nullptr) ZVK_RETURN_NOT_OK(m_thread_sampler->resume_profiling());
   m_active = true;
   return Status::OK();
 }

@@ -89,6 +89,9 @@ class Zorv {
   // collector arrives with that subsystem.
   ZVKDataCollectorBase* m_cuda_collector = nullptr;
   ZVKDataCollectorBase* m_perf_collector = nullptr;
+  // Per-thread stack sampling, beside the perf collector: it starts after it and
+  // stops before it. Null unless "ThreadSamplerHz" is above 0.
+  ZVKDataCollectorBase* m_thread_sampler = nullptr;
   ZVKAnnotator* m_annotator = nullptr;
   ZVKFileWriter* m_writer = nullptr;
   ZVKQueue<ZVKBuffer>* m_to_fill = nullptr;

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "zorv/cpu/pyframes.h"
+#include "zorv/cpu/pythonlayout.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/utils/logging.h"
 #include "zorv/utils/status.h"
@@ -233,6 +235,56 @@ PyType_Slot range_slots[] = {
 PyType_Spec range_spec = {"_zorv._Range", sizeof(RangeObject), 0,
                           Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, range_slots};
 
+// Tells the samplers where this interpreter keeps its frames. On an interpreter
+// whose published offsets disagree with its headers, Python frames stay off.
+void register_python_layout() {
+  static PythonLayout layout;
+  char mismatch[96] = "";
+  if (zorv_fill_python_layout(&layout, mismatch, sizeof(mismatch))) {
+    set_python_layout(&layout);
+  } else {
+    LOG(WARNING) << "Python frames are off: the interpreter's offset of " << mismatch
+                 << " differs from the headers the module was built with";
+  }
+}
+
+// The names of the codes the private stack hook met. Its walker runs only under
+// the interpreter lock, outside signal handlers, so a map will do.
+class CodeNames final : public PythonCodeSink {
+ public:
+  struct Code {
+    std::string qualname;
+    std::string filename;
+    int32_t first_line;
+  };
+  void on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
+                   const char* filename, const uint8_t*) override {
+    codes_[header.code_id] = Code{qualname, filename, header.first_line};
+  }
+  const Code& code(uint32_t id) { return codes_[id]; }
+
+ private:
+  std::map<uint32_t, Code> codes_;
+};
+
+py::list python_stack() {
+  py::list stack;
+  const PythonLayout* layout = python_layout();
+  if (layout == nullptr) return stack;
+  static CodeNames names;
+  static PythonFrameWalker walker(*layout, &names);
+  perfevent::ZVKPythonFrame frames[512];
+  bool cut = false;
+  const size_t count = walker.walk(walker.current_thread_state(), frames, 512, &cut);
+  for (size_t i = 0; i < count; ++i) {
+    const CodeNames::Code& code = names.code(frames[i].code_id);
+    stack.append(py::make_tuple(code.qualname, code.filename, code.first_line,
+                                frames[i].instruction & perfevent::kPythonInstructionMask,
+                                (frames[i].instruction & perfevent::kPythonFrameEntry) != 0));
+  }
+  return stack;
+}
+
 }  // namespace
 }  // namespace zorvek
 
@@ -295,6 +347,10 @@ PYBIND11_MODULE(_zorv, m) {
         []() { return ZVKBufferRecordHelper::process_stall_time_us().load(); },
         "Microseconds the process's record producers have waited for a free buffer, all\n"
         "captures together. Private to the zorvek package, which writes it into captures.");
+  register_python_layout();
+  m.def("_python_stack", &python_stack,
+        "The calling thread's Python frames as the samplers' walker reads them, leaf first:\n"
+        "(qualname, filename, first_line, instruction_offset, entry) each. Private, for tests.");
   PyObject* range_type = PyType_FromSpec(&range_spec);
   if (range_type == nullptr) throw py::error_already_set();
   m.add_object("_Range", py::reinterpret_steal<py::object>(range_type));

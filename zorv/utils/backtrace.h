@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 namespace zorvek {
 
 // The most frames capture_backtrace stores.
@@ -17,5 +19,25 @@ constexpr int kMaxBacktraceFrames = 128;
 // _Unwind_Backtrace does the walk. The first call loads it; call it once before the
 // hot path (a collector's start) so that no callback pays for the load.
 int capture_backtrace(void** frames, int max_frames);
+
+// Loads the private libunwind for capture_backtrace_from_context and lets it set
+// itself up, outside any signal handler. False when libunwind is missing: then
+// capture_backtrace_from_context gives the interrupted instruction alone.
+bool prepare_context_unwinder();
+
+// Returned by capture_backtrace_from_context when the interrupted thread was
+// inside the unwinder already: its state is not to be walked again.
+constexpr int kUnwinderBusy = -1;
+
+// The most frames capture_backtrace_from_context stores.
+constexpr int kMaxContextFrames = 2 * kMaxBacktraceFrames;
+
+// For the handler of a signal that interrupted this very thread: fills `ips` with
+// the interrupted stack, the interrupted instruction first (exact), then return
+// addresses; returns how many it stored, at most `max` (itself capped at
+// kMaxContextFrames; 0 when `max` is 0), or kUnwinderBusy. Async-signal-safe once
+// prepare_context_unwinder has run; before that, and without libunwind, it stores
+// the interrupted instruction alone.
+int capture_backtrace_from_context(const void* ucontext, uint64_t* ips, int max);
 
 }  // namespace zorvek

@@ -1,0 +1,595 @@
+#include "zorv/cpu/pyframes.h"
+
+#include <sys/types.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "zorv/utils/safememory.h"
+
+namespace zorvek {
+
+using perfevent::kPythonFrameEntry;
+using perfevent::kPythonInstructionMask;
+using perfevent::ZVKPythonCode;
+using perfevent::ZVKPythonFrame;
+
+namespace {
+
+constexpr size_t kMaxBlock = 256;        // the most bytes read of one frame or code object
+constexpr size_t kMaxWalkSteps = 512;    // frames visited per walk, shims and skipped ones included
+constexpr size_t kMaxProbes = 32;        // table slots tried before a code counts as not cached
+constexpr size_t kStackLinetable = 2048; // line tables up to this size are read onto the stack
+constexpr size_t kTextChunk = 64;        // characters read at a time when converting to UTF-8
+constexpr size_t kMaxUnicodeHeader = 128;
+constexpr size_t kWindowBelow = 2048;    // bytes read below a frame, where its callers may lie
+constexpr size_t kCodeBatch = 8;         // frames whose code objects are read in one system call
+
+template <typename T>
+T field(const uint8_t* block, int32_t offset) {
+  T value;
+  memcpy(&value, block + offset, sizeof(value));
+  return value;
+}
+
+uintptr_t pointer_at(const uint8_t* block, int32_t offset) {
+  return field<uintptr_t>(block, offset);
+}
+
+bool aligned(uintptr_t pointer) { return (pointer & (sizeof(void*) - 1)) == 0; }
+
+bool read_pointer(uintptr_t address, uintptr_t* value) {
+  return safe_read(value, address, sizeof(*value));
+}
+
+size_t end_of(int32_t offset, size_t size) {
+  return offset < 0 ? 0 : static_cast<size_t>(offset) + size;
+}
+
+size_t hash_code(uintptr_t code) {
+  return static_cast<size_t>((static_cast<uint64_t>(code) >> 4) * 0x9e3779b97f4a7c15ull >> 20);
+}
+
+// Appends the UTF-8 of `c` if it fits in `room` bytes; lone surrogates become U+FFFD.
+size_t put_utf8(uint32_t c, char* out, size_t room) {
+  if ((c >= 0xd800 && c <= 0xdfff) || c > 0x10ffff) c = 0xfffd;
+  if (c < 0x80) {
+    if (room < 1) return 0;
+    out[0] = static_cast<char>(c);
+    return 1;
+  }
+  if (c < 0x800) {
+    if (room < 2) return 0;
+    out[0] = static_cast<char>(0xc0 | (c >> 6));
+    out[1] = static_cast<char>(0x80 | (c & 0x3f));
+    return 2;
+  }
+  if (c < 0x10000) {
+    if (room < 3) return 0;
+    out[0] = static_cast<char>(0xe0 | (c >> 12));
+    out[1] = static_cast<char>(0x80 | ((c >> 6) & 0x3f));
+    out[2] = static_cast<char>(0x80 | (c & 0x3f));
+    return 3;
+  }
+  if (room < 4) return 0;
+  out[0] = static_cast<char>(0xf0 | (c >> 18));
+  out[1] = static_cast<char>(0x80 | ((c >> 12) & 0x3f));
+  out[2] = static_cast<char>(0x80 | ((c >> 6) & 0x3f));
+  out[3] = static_cast<char>(0x80 | (c & 0x3f));
+  return 4;
+}
+
+// One frame as a walk gathers it, before its code object is read.
+struct FrameFields {
+  uintptr_t previous;
+  uintptr_t code;         // 0 for a shim
+  uintptr_t instruction;  // a pointer, or f_lasti where the layout has no bytecode offset
+  int owner;
+  bool shim;
+  bool is_entry;
+  size_t code_read;  // which of the batch's code reads holds its code object
+};
+
+// The last memory read around a frame: the frame itself and up to `below` bytes
+// under it, where the callers of frames pushed side by side lie.
+class FrameWindow {
+ public:
+  FrameWindow(size_t block, size_t below) : block_(block), below_(below) {}
+
+  // The frame's bytes, or nullptr when they can't be read.
+  const uint8_t* frame(uintptr_t address) {
+    if (address >= low_ && address - low_ + block_ <= high_ - low_) {
+      return buffer_ + (address - base_);
+    }
+    const size_t below = address > below_ ? below_ : 0;
+    const SafeRange ranges[2] = {{buffer_ + below_, address, block_},
+                                 {buffer_ + below_ - below, address - below, below}};
+    const size_t read = safe_read_ranges(ranges, below > 0 ? 2 : 1);
+    if (read == 0) {
+      low_ = high_ = base_ = 0;
+      return nullptr;
+    }
+    base_ = address - below_;
+    low_ = read == 2 ? address - below : address;
+    high_ = address + block_;
+    return buffer_ + below_;
+  }
+
+ private:
+  const size_t block_;
+  const size_t below_;
+  uintptr_t base_ = 0;  // the address buffer_[0] stands for
+  uintptr_t low_ = 0;   // the readable bytes: [low_, high_)
+  uintptr_t high_ = 0;
+  uint8_t buffer_[kWindowBelow + kMaxBlock];
+};
+
+// A walk that came back to a frame it visited: the frames from the first repeat
+// on are the loop again, so the stack ends before it. `visited[step]` is the
+// address met again; `emitted_at` is known for the first `processed` steps, and
+// `count` frames were emitted in all.
+size_t frames_before_repeat(const uintptr_t* visited, const uint16_t* emitted_at, size_t step,
+                            size_t processed, size_t count) {
+  size_t earlier = step;
+  while (earlier > 0 && visited[earlier - 1] != visited[step]) --earlier;
+  const size_t loop = step - (earlier - 1);
+  size_t first = 0;
+  while (visited[first] != visited[first + loop]) ++first;
+  return first + loop <= processed ? emitted_at[first + loop] : count;
+}
+
+}  // namespace
+
+// One cached code object. `code` is claimed once and never changes; the rest is
+// guarded by `sequence`, odd while a writer fills it: a reader that sees it odd
+// or changed doesn't wait (it may have interrupted the writer) but treats the
+// code as not cached. Every field is atomic, so readers and writers never race.
+struct PythonFrameWalker::CodeSlot {
+  std::atomic<uintptr_t> code{0};
+  std::atomic<uint32_t> sequence{0};
+  std::atomic<uint32_t> id{0};
+  std::atomic<uint32_t> generation{0};
+  std::atomic<int32_t> first_line{0};
+  std::atomic<uintptr_t> name{0};
+  std::atomic<uintptr_t> filename{0};
+  std::atomic<uintptr_t> linetable{0};
+};
+
+// What tells a code object from another that later got its address: its strings
+// and first line.
+struct PythonFrameWalker::CodeKey {
+  uintptr_t name;
+  uintptr_t filename;
+  uintptr_t linetable;
+  int32_t first_line;
+};
+
+PythonFrameWalker::PythonFrameWalker(const PythonLayout& layout, PythonCodeSink* sink,
+                                     size_t code_slots)
+    : layout_(layout),
+      sink_(sink),
+      slot_mask_(code_slots - 1),
+      table_(new CodeSlot[code_slots]),
+      large_(new uint8_t[kLargeBuffers * static_cast<size_t>(kMaxCodePayload)]) {
+  const size_t p = sizeof(uintptr_t);
+  const size_t frame_block =
+      std::max({end_of(layout.frame_previous, p), end_of(layout.frame_code, p),
+                end_of(layout.frame_instruction, p), end_of(layout.frame_owner, 1),
+                end_of(layout.frame_is_entry, 1)});
+  const size_t code_block =
+      std::max({end_of(layout.object_type, p), end_of(layout.code_qualname, p),
+                end_of(layout.code_filename, p), end_of(layout.code_linetable, p),
+                end_of(layout.code_first_line, 4), end_of(layout.code_first_traceable, 4)});
+  const bool usable = code_slots > 0 && (code_slots & slot_mask_) == 0 &&
+                      layout.frame_previous >= 0 && layout.frame_code >= 0 &&
+                      layout.frame_instruction >= 0 && layout.object_type >= 0 &&
+                      layout.code_qualname >= 0 &&
+                      layout.code_filename >= 0 && layout.code_linetable >= 0 &&
+                      layout.code_first_line >= 0 && layout.thread_frame >= 0 &&
+                      frame_block <= kMaxBlock && code_block <= kMaxBlock &&
+                      layout.unicode_compact_size >= 0 &&
+                      static_cast<size_t>(layout.unicode_compact_size) <= kMaxUnicodeHeader;
+  if (usable) {
+    frame_block_ = frame_block;
+    code_block_ = code_block;
+  }
+}
+
+PythonFrameWalker::~PythonFrameWalker() = default;
+
+uintptr_t PythonFrameWalker::current_thread_state() const {
+  if (layout_.this_thread_state == nullptr) return 0;
+  return reinterpret_cast<uintptr_t>(layout_.this_thread_state());
+}
+
+uintptr_t PythonFrameWalker::current_frame(uintptr_t thread_state) const {
+  uintptr_t holder = thread_state;
+  if (layout_.thread_cframe >= 0 &&
+      (!read_pointer(thread_state + layout_.thread_cframe, &holder) || holder == 0)) {
+    return 0;
+  }
+  uintptr_t frame = 0;
+  if (!read_pointer(holder + layout_.thread_frame, &frame)) return 0;
+  return frame;
+}
+
+size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size_t max, bool* cut) {
+  if (cut != nullptr) *cut = false;
+  if (thread_state == 0 || frame_block_ == 0) return 0;
+  uintptr_t frame = current_frame(thread_state);
+  if (frame == 0 || !aligned(frame)) return 0;
+  // Frames of one evaluation lie side by side below the newest one (3.11 on), so
+  // one read of the memory below a frame often holds its callers too.
+  FrameWindow window(frame_block_, layout_.code_bytecode < 0 ? 0 : kWindowBelow);
+  const uint8_t* block = window.frame(frame);
+  if (block == nullptr) return 0;
+
+  const bool has_owner = layout_.frame_owner >= 0;
+  const bool shims = layout_.owner_cstack >= 0;
+  uintptr_t visited[kMaxWalkSteps];
+  uint16_t emitted_at[kMaxWalkSteps + 1];
+  uintptr_t checkpoint = 0;  // Brent's cycle check: a frame met again ends the walk
+  size_t power = 1;
+  size_t since_checkpoint = 0;
+  size_t steps = 0;
+  size_t processed = 0;  // steps whose emitted_at is known
+  bool looped = false;
+  bool more = true;  // frames remain past the batch
+  size_t n = 0;
+  bool group_open = false;          // frames emitted since the last entry frame
+  uint32_t pending_incomplete = 0;  // code id of a skipped frame that may stand for its group
+
+  while (more) {
+    // Gather a batch of frames, then read their code objects in one go.
+    FrameFields batch[kCodeBatch];
+    SafeRange code_reads[kCodeBatch];
+    uint8_t codes[kCodeBatch][kMaxBlock];
+    size_t gathered = 0;
+    size_t code_count = 0;
+    while (gathered < kCodeBatch) {
+      if (steps == kMaxWalkSteps) {
+        if (cut != nullptr) *cut = true;
+        more = false;
+        break;
+      }
+      if (frame == checkpoint) {
+        visited[steps] = frame;
+        looped = true;
+        more = false;
+        break;
+      }
+      if (since_checkpoint == power) {
+        checkpoint = frame;
+        power *= 2;
+        since_checkpoint = 0;
+      }
+      ++since_checkpoint;
+      visited[steps++] = frame;
+
+      FrameFields& fields = batch[gathered++];
+      fields.previous = pointer_at(block, layout_.frame_previous);
+      fields.owner = has_owner ? field<char>(block, layout_.frame_owner) : -1;
+      fields.shim = shims && fields.owner == layout_.owner_cstack;
+      fields.code = fields.shim ? 0 : pointer_at(block, layout_.frame_code);
+      fields.instruction =
+          layout_.code_bytecode < 0
+              ? static_cast<uintptr_t>(field<int>(block, layout_.frame_instruction))
+              : pointer_at(block, layout_.frame_instruction);
+      fields.is_entry =
+          layout_.frame_is_entry >= 0 && field<uint8_t>(block, layout_.frame_is_entry) != 0;
+      if (!fields.shim) {
+        if (fields.code == 0 || !aligned(fields.code)) {
+          --gathered;
+          --steps;
+          more = false;
+          break;
+        }
+        // Recursion meets one code object many times: it is read once a batch.
+        fields.code_read = 0;
+        while (fields.code_read < code_count && code_reads[fields.code_read].src != fields.code) {
+          ++fields.code_read;
+        }
+        if (fields.code_read == code_count) {
+          code_reads[code_count] = SafeRange{codes[code_count], fields.code, code_block_};
+          ++code_count;
+        }
+      }
+      const uintptr_t previous = fields.previous;
+      block = previous != 0 && aligned(previous) ? window.frame(previous) : nullptr;
+      if (block == nullptr) {
+        more = false;
+        break;
+      }
+      frame = previous;
+    }
+
+    const size_t codes_read = safe_read_ranges(code_reads, code_count);
+    for (size_t i = 0; i < gathered; ++i, ++processed) {
+      const FrameFields& fields = batch[i];
+      emitted_at[processed] = static_cast<uint16_t>(n);
+      if (fields.shim) {
+        // The shim an evaluation pushes: the frame before it, leaf side, was its first.
+        if (group_open) {
+          out[n - 1].instruction |= kPythonFrameEntry;
+        } else if (pending_incomplete != 0) {
+          if (n == max) {
+            if (cut != nullptr) *cut = true;
+            more = false;
+            break;
+          }
+          out[n++] = ZVKPythonFrame{pending_incomplete, kPythonFrameEntry};
+        }
+        group_open = false;
+        pending_incomplete = 0;
+        continue;
+      }
+      if (fields.code_read >= codes_read ||
+          pointer_at(codes[fields.code_read], layout_.object_type) != layout_.code_type) {
+        more = false;
+        break;
+      }
+      const uint8_t* code_block = codes[fields.code_read];
+
+      uint32_t instruction = 0;
+      bool incomplete = false;
+      if (layout_.code_bytecode < 0) {
+        const int lasti = static_cast<int>(fields.instruction);
+        instruction =
+            lasti <= 0 ? 0u : std::min(2u * static_cast<uint32_t>(lasti), kPythonInstructionMask);
+      } else {
+        const intptr_t offset =
+            static_cast<intptr_t>(fields.instruction - (fields.code + layout_.code_bytecode));
+        if (layout_.code_first_traceable >= 0 && fields.owner != layout_.owner_generator) {
+          const int first_traceable = field<int>(code_block, layout_.code_first_traceable);
+          incomplete = offset < 2 * static_cast<intptr_t>(first_traceable);
+        }
+        instruction = offset <= 0 ? 0u
+                                  : static_cast<uint32_t>(
+                                        std::min<intptr_t>(offset, kPythonInstructionMask));
+      }
+      const bool entry = layout_.code_bytecode < 0 || fields.is_entry;
+
+      if (incomplete) {
+        // Not yet past its prologue: shown only where it alone stands for its
+        // evaluation, so that every evaluation keeps a frame.
+        if (entry && !group_open) {
+          instruction = 0;
+        } else {
+          if (entry) out[n - 1].instruction |= kPythonFrameEntry;
+          if (shims && !group_open) pending_incomplete = code_id(fields.code, code_block);
+          group_open = group_open && !entry;
+          continue;
+        }
+      }
+
+      if (n == max) {
+        if (cut != nullptr) *cut = true;
+        more = false;
+        break;
+      }
+      const uint32_t id = code_id(fields.code, code_block);
+      out[n++] = ZVKPythonFrame{id, instruction | (entry ? kPythonFrameEntry : 0u)};
+      group_open = !entry;
+      pending_incomplete = 0;
+    }
+  }
+  if (looped) {
+    emitted_at[processed] = static_cast<uint16_t>(n);
+    n = frames_before_repeat(visited, emitted_at, steps, processed, n);
+  }
+  return n;
+}
+
+// One counter for the process, not one per walker: the sampler and the driver API
+// tracing each walk with a walker of their own, and the ids of both name codes in
+// the same capture.
+namespace {
+std::atomic<uint32_t> next_code_id{1};
+}  // namespace
+
+uint32_t PythonFrameWalker::fresh_id() {
+  uint32_t id = next_code_id.fetch_add(1, std::memory_order_relaxed);
+  while (id == 0) id = next_code_id.fetch_add(1, std::memory_order_relaxed);
+  return id;
+}
+
+uint32_t PythonFrameWalker::code_id(uintptr_t code, const uint8_t* code_block) {
+  const CodeKey key{pointer_at(code_block, layout_.code_qualname),
+                    pointer_at(code_block, layout_.code_filename),
+                    pointer_at(code_block, layout_.code_linetable),
+                    field<int32_t>(code_block, layout_.code_first_line)};
+  const uint32_t generation = generation_.load(std::memory_order_acquire);
+  const size_t home = hash_code(code);
+  for (size_t probe = 0; probe < kMaxProbes; ++probe) {
+    CodeSlot& slot = table_[(home + probe) & slot_mask_];
+    uintptr_t owner = slot.code.load(std::memory_order_acquire);
+    if (owner == 0 && !slot.code.compare_exchange_strong(owner, code, std::memory_order_acq_rel)) {
+      if (owner != code) continue;
+    } else if (owner != 0 && owner != code) {
+      continue;
+    }
+
+    uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
+    if (sequence & 1) return announce(key, 0);
+    // Acquire loads of values the writer stored with release: a reader that sees
+    // any of a writer's values sees its odd sequence on the second look.
+    const uint32_t id = slot.id.load(std::memory_order_acquire);
+    const uint32_t cached_generation = slot.generation.load(std::memory_order_acquire);
+    const bool same = slot.name.load(std::memory_order_acquire) == key.name &&
+                      slot.filename.load(std::memory_order_acquire) == key.filename &&
+                      slot.linetable.load(std::memory_order_acquire) == key.linetable &&
+                      slot.first_line.load(std::memory_order_acquire) == key.first_line;
+    if (slot.sequence.load(std::memory_order_relaxed) != sequence) return announce(key, 0);
+    if (same && id != 0 && cached_generation == generation) return id;
+
+    // Announced before it is published, so that no sample names an id whose
+    // code record might come after it.
+    const uint32_t announced = announce(key, same ? id : 0);
+    if (slot.sequence.compare_exchange_strong(sequence, sequence + 1, std::memory_order_acq_rel)) {
+      slot.id.store(announced, std::memory_order_release);
+      slot.generation.store(generation, std::memory_order_release);
+      slot.name.store(key.name, std::memory_order_release);
+      slot.filename.store(key.filename, std::memory_order_release);
+      slot.linetable.store(key.linetable, std::memory_order_release);
+      slot.first_line.store(key.first_line, std::memory_order_release);
+      slot.sequence.store(sequence + 2, std::memory_order_release);
+    }
+    return announced;
+  }
+  // No room near its home slot: the code gets a new id and record each time.
+  // Correct, only not deduplicated; a table sized for the program avoids it.
+  return announce(key, 0);
+}
+
+uint32_t PythonFrameWalker::announce(const CodeKey& key, uint32_t id) {
+  if (id == 0) id = fresh_id();
+  char qualname[kMaxTextBytes + 1];
+  char filename[kMaxTextBytes + 1];
+  const size_t qualname_size = read_text(key.name, qualname);
+  const size_t filename_size = read_text(key.filename, filename);
+  const size_t room =
+      kMaxCodePayload - sizeof(ZVKPythonCode) - qualname_size - filename_size;
+  uint8_t small[kStackLinetable];
+  const uint8_t* linetable = small;
+  int large = -1;
+  bool cut = false;
+  const size_t linetable_size =
+      read_linetable(key.linetable, room, small, sizeof(small), &linetable, &large, &cut);
+
+  ZVKPythonCode header{};
+  header.code_id = id;
+  header.first_line = key.first_line;
+  header.python_version = layout_.python_version;
+  header.qualname_size = static_cast<uint16_t>(qualname_size);
+  header.filename_size = static_cast<uint16_t>(filename_size);
+  header.linetable_size = static_cast<uint32_t>(linetable_size);
+  header.flags = cut ? perfevent::PYTHON_CODE_LINETABLE_CUT : 0u;
+  if (sink_ != nullptr) sink_->on_new_code(header, qualname, filename, linetable);
+  if (large >= 0) large_busy_[large].store(false, std::memory_order_release);
+  return id;
+}
+
+size_t PythonFrameWalker::read_linetable(uintptr_t object, size_t room, uint8_t* small,
+                                         size_t small_size, const uint8_t** data, int* large,
+                                         bool* cut) {
+  uint8_t header[kMaxBlock];
+  const size_t header_size = end_of(std::max(layout_.object_type, layout_.varobject_size), 8);
+  if (object == 0 || !aligned(object) || header_size > sizeof(header) ||
+      !safe_read(header, object, header_size) ||
+      (layout_.bytes_type != 0 && pointer_at(header, layout_.object_type) != layout_.bytes_type)) {
+    *cut = true;
+    return 0;
+  }
+  const ssize_t length = field<ssize_t>(header, layout_.varobject_size);
+  if (length < 0) {
+    *cut = true;
+    return 0;
+  }
+  size_t size = static_cast<size_t>(length);
+  if (size > room) {
+    size = room;
+    *cut = true;
+  }
+  uint8_t* buffer = small;
+  if (size > small_size) {
+    for (int i = 0; i < kLargeBuffers && buffer == small; ++i) {
+      bool busy = false;
+      if (large_busy_[i].compare_exchange_strong(busy, true, std::memory_order_acq_rel)) {
+        *large = i;
+        buffer = large_.get() + static_cast<size_t>(i) * kMaxCodePayload;
+      }
+    }
+    if (buffer == small) {
+      size = small_size;
+      *cut = true;
+    }
+  }
+  *data = buffer;
+  if (!safe_read(buffer, object + layout_.bytes_data, size)) {
+    *cut = true;
+    return 0;
+  }
+  return size;
+}
+
+size_t PythonFrameWalker::read_text(uintptr_t object, char* out) const {
+  out[0] = '\0';
+  uint8_t header[kMaxUnicodeHeader];
+  const size_t header_size = static_cast<size_t>(layout_.unicode_ascii_size);
+  if (object == 0 || !aligned(object) || header_size > sizeof(header) ||
+      !safe_read(header, object, header_size) ||
+      (layout_.unicode_type != 0 &&
+       pointer_at(header, layout_.object_type) != layout_.unicode_type)) {
+    return 0;
+  }
+  const ssize_t length = field<ssize_t>(header, layout_.unicode_length);
+  const uint32_t state = field<uint32_t>(header, layout_.unicode_state);
+  // Strings whose characters live apart from the object (subclasses) go unnamed.
+  if (length <= 0 || (state & layout_.unicode_compact_bit) == 0) return 0;
+  const bool ascii = (state & layout_.unicode_ascii_bit) != 0;
+  const uint32_t kind = (state >> layout_.unicode_kind_shift) & layout_.unicode_kind_mask;
+  if (kind != 1 && kind != 2 && kind != 4) return 0;
+  const uintptr_t data = object + static_cast<uintptr_t>(ascii ? layout_.unicode_ascii_size
+                                                              : layout_.unicode_compact_size);
+  const size_t characters = std::min(static_cast<size_t>(length), kMaxTextBytes);
+  if (ascii) {
+    if (!safe_read(out, data, characters)) return 0;
+    out[characters] = '\0';
+    return characters;
+  }
+  size_t size = 0;
+  uint8_t chunk[kTextChunk * 4];
+  for (size_t first = 0; first < characters; first += kTextChunk) {
+    const size_t count = std::min(kTextChunk, characters - first);
+    if (!safe_read(chunk, data + first * kind, count * kind)) break;
+    for (size_t i = 0; i < count; ++i) {
+      uint32_t c;
+      if (kind == 1) {
+        c = chunk[i];
+      } else if (kind == 2) {
+        uint16_t unit;
+        memcpy(&unit, chunk + 2 * i, 2);
+        c = unit;
+      } else {
+        memcpy(&c, chunk + 4 * i, 4);
+      }
+      const size_t put = put_utf8(c, out + size, kMaxTextBytes - size);
+      if (put == 0) {
+        out[size] = '\0';
+        return size;
+      }
+      size += put;
+    }
+  }
+  out[size] = '\0';
+  return size;
+}
+
+size_t PythonFrameWalker::list_threads(uintptr_t* states, int32_t* tids, size_t max) const {
+  if (layout_.interpreter == 0 || layout_.interpreter_threads_head < 0 || layout_.thread_next < 0) {
+    return 0;
+  }
+  uintptr_t state = 0;
+  if (!read_pointer(layout_.interpreter + layout_.interpreter_threads_head, &state)) return 0;
+  size_t n = 0;
+  while (state != 0 && aligned(state) && n < max) {
+    // A list torn into a loop ends where it comes back.
+    if (std::find(states, states + n, state) != states + n) break;
+    unsigned long native_id = 0;
+    if (layout_.thread_native_id >= 0 &&
+        !safe_read(&native_id, state + layout_.thread_native_id, sizeof(native_id))) {
+      break;
+    }
+    uintptr_t next = 0;
+    if (!read_pointer(state + layout_.thread_next, &next)) break;
+    states[n] = state;
+    tids[n] = layout_.thread_native_id >= 0 ? static_cast<int32_t>(native_id) : -1;
+    ++n;
+    state = next;
+  }
+  return n;
+}
+
+void PythonFrameWalker::forget_codes() { generation_.fetch_add(1, std::memory_order_acq_rel); }
+
+}  // namespace zorvek

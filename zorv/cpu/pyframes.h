@@ -1,0 +1,79 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+#include "zorv/cpu/pythonlayout.h"
+#include "zorv/cpu/zvksampleevents.h"
+
+namespace zorvek {
+
+// Receives each code object the first time a walk meets it.
+class PythonCodeSink {
+ public:
+  // Async-signal-safe. `qualname` and `filename` are NUL-terminated UTF-8 of
+  // header.qualname_size and header.filename_size bytes (the NUL not counted);
+  // `linetable` holds header.linetable_size bytes. The pointers are valid during
+  // the call only.
+  virtual void on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
+                           const char* filename, const uint8_t* linetable) = 0;
+
+ protected:
+  ~PythonCodeSink() = default;
+};
+
+// Reads the Python frames of a thread state leaf first, through reads that cannot
+// fault, and names each code object once through the sink. One walker serves every
+// thread of the process, signal handlers included.
+class PythonFrameWalker {
+ public:
+  static constexpr size_t kDefaultCodeSlots = size_t{1} << 14;
+  // Code strings are cut to this many bytes of UTF-8.
+  static constexpr size_t kMaxTextBytes = 512;
+  // A PYTHON_CODE payload stays within this many bytes; longer line tables are cut.
+  static constexpr uint32_t kMaxCodePayload = 60000;
+
+  // The code table is allocated here: `code_slots`, a power of two, entries.
+  PythonFrameWalker(const PythonLayout& layout, PythonCodeSink* sink,
+                    size_t code_slots = kDefaultCodeSlots);
+  ~PythonFrameWalker();
+  PythonFrameWalker(const PythonFrameWalker&) = delete;
+  PythonFrameWalker& operator=(const PythonFrameWalker&) = delete;
+
+  uintptr_t current_thread_state() const;  // async-signal-safe; 0 when the thread has none
+  // Async-signal-safe; every read through safe_read; a torn list gives a shorter
+  // stack. `*cut` is set when frames were left at the root side for want of room.
+  size_t walk(uintptr_t thread_state, perfevent::ZVKPythonFrame* out, size_t max, bool* cut);
+  // Thread states of the interpreter with their native tids (wall clock), via safe
+  // reads. A tid is -1 where the interpreter keeps none (3.10).
+  size_t list_threads(uintptr_t* states, int32_t* tids, size_t max) const;
+  void forget_codes();  // forked child: announce every code again
+
+ private:
+  struct CodeSlot;
+  struct CodeKey;
+
+  uintptr_t current_frame(uintptr_t thread_state) const;
+  uint32_t code_id(uintptr_t code, const uint8_t* code_block);
+  uint32_t announce(const CodeKey& key, uint32_t id);
+  size_t read_text(uintptr_t object, char* out) const;
+  size_t read_linetable(uintptr_t object, size_t room, uint8_t* small, size_t small_size,
+                        const uint8_t** data, int* large, bool* cut);
+  uint32_t fresh_id();
+
+  const PythonLayout layout_;
+  PythonCodeSink* const sink_;
+  const size_t slot_mask_;
+  std::unique_ptr<CodeSlot[]> table_;
+  size_t frame_block_ = 0;  // bytes read of each frame, 0 when the layout is unusable
+  size_t code_block_ = 0;   // bytes read of each code object
+  std::atomic<uint32_t> generation_{1};
+  // Scratch for line tables too long for the stack, each claimed by one announcement.
+  static constexpr int kLargeBuffers = 4;
+  std::unique_ptr<uint8_t[]> large_;
+  std::atomic<bool> large_busy_[kLargeBuffers] = {};
+};
+
+}  // namespace zorvek

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace zorvek {
+
+// Copies `size` bytes at address `src` of this process into `dst`, through the
+// kernel (process_vm_readv on the own pid), so that memory unmapped or freed
+// meanwhile makes the read fail instead of faulting. True only when every byte
+// was read. Async-signal-safe; errno is left as it was.
+bool safe_read(void* dst, uintptr_t src, size_t size);
+
+// Two ranges in one system call; true only when both were read whole.
+bool safe_read2(void* dst1, uintptr_t src1, size_t size1, void* dst2, uintptr_t src2, size_t size2);
+
+struct SafeRange {
+  void* dst;
+  uintptr_t src;
+  size_t size;
+};
+
+// Reads the ranges in order, a system call for every kSafeRangesPerCall of them,
+// and stops at the first that can't be read whole: returns how many were.
+constexpr size_t kSafeRangesPerCall = 16;
+size_t safe_read_ranges(const SafeRange* ranges, size_t count);
+
+}  // namespace zorvek
