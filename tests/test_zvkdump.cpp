@@ -21,6 +21,7 @@
 #include "tools/zvkdumper.h"
 #include "tools/zvkfilereader.h"
 #include "zorv/cpu/zvkperfevents.h"
+#include "zorv/cpu/zvksampleevents.h"
 #include "zorv/cuda/zvkcudastructs.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkfilewriter.h"
@@ -778,7 +779,11 @@ TEST_F(ZvkdumpCpu, TheJsonSummaryHasACpuMember) {
       "\"precise\":2,\"period\":100000,\"format_id\":77,\"samples\":2},"
       "{\"type\":4,\"type_name\":\"PERF_TYPE_RAW\",\"config\":\"0x20d1\",\"config_name\":\"20d1\","
       "\"config1\":\"0x1\",\"config2\":\"0x2\",\"precise\":0,\"period\":5000,\"format_id\":78,"
-      "\"samples\":1}]},"
+      "\"samples\":1}],"
+      // A capture without the stack sampler has its member all the same, empty.
+      "\"stacks\":{\"samples\":0,\"cpu\":0,\"wall\":0,\"waiting\":0,\"weight_ns\":0,"
+      "\"native_frames\":0,\"python_frames\":0,\"native_cut\":0,\"python_cut\":0,"
+      "\"samples_by_thread\":[],\"python_codes\":0,\"api_python_stacks\":0}},"
       // A capture without GPU records has the member all the same, empty.
       "\"gpu\":{\"record_count\":0,\"undecoded\":0,\"types\":{},\"kernels\":[],"
       "\"copies\":[],\"memsets\":{\"count\":0,\"bytes\":0,\"total_ns\":0},\"syncs\":[],"
@@ -856,6 +861,288 @@ TEST(ZvkdumpCpuOdd, PayloadsThatDontFitTheirFormatAreShownAsBytes) {
             std::string::npos)
       << summary.out;
   EXPECT_NE(summary.out.find("CPU mappings: 2\n"), std::string::npos) << summary.out;
+}
+
+// ---- The stack sampler's records ----------------------------------------------
+
+perfevent::ZVKPythonFrame python_frame_of(uint32_t code_id, uint32_t offset, bool entry) {
+  return {code_id, offset | (entry ? perfevent::kPythonFrameEntry : 0u)};
+}
+
+// A STACK_SAMPLE payload: the header, the addresses, the Python frames.
+std::string stack_payload(uint64_t weight_ns, uint8_t clock, uint8_t flags,
+                          const std::vector<uint64_t>& native,
+                          const std::vector<perfevent::ZVKPythonFrame>& python) {
+  perfevent::ZVKStackSample header = {};
+  header.weight_ns = weight_ns;
+  header.native_count = static_cast<uint16_t>(native.size());
+  header.python_count = static_cast<uint16_t>(python.size());
+  header.clock = clock;
+  header.flags = flags;
+  std::string payload = bytes_of(header);
+  for (uint64_t address : native) payload += bytes_of(address);
+  for (const perfevent::ZVKPythonFrame& frame : python) payload += bytes_of(frame);
+  EXPECT_EQ(payload.size(), perfevent::stack_sample_payload_size(native.size(), python.size()));
+  return payload;
+}
+
+// A PYTHON_CODE payload: the header, the names and the table, zeros up to the
+// rounded size.
+std::string code_payload(uint32_t code_id, int32_t first_line, uint32_t version,
+                         const std::string& qualname, const std::string& filename,
+                         const std::string& linetable, uint32_t flags) {
+  const perfevent::ZVKPythonCode header = {code_id,
+                                           first_line,
+                                           version,
+                                           static_cast<uint16_t>(qualname.size()),
+                                           static_cast<uint16_t>(filename.size()),
+                                           static_cast<uint32_t>(linetable.size()),
+                                           flags};
+  std::string payload = bytes_of(header) + qualname + filename + linetable;
+  payload.resize(
+      perfevent::python_code_payload_size(qualname.size(), filename.size(), linetable.size()),
+      '\0');
+  return payload;
+}
+
+std::string api_stack_payload(uint64_t correlation,
+                              const std::vector<perfevent::ZVKPythonFrame>& python) {
+  perfevent::ZVKApiPythonStack header = {};
+  header.correlation_id = correlation;
+  header.python_count = static_cast<uint16_t>(python.size());
+  std::string payload = bytes_of(header);
+  for (const perfevent::ZVKPythonFrame& frame : python) payload += bytes_of(frame);
+  return payload;
+}
+
+// Two code objects, three stack samples of two threads (a CPU one with native
+// and Python frames, a waiting wall clock one without a native walk, a cut one
+// with a flag this build has no name for) and an API call's stack, written by
+// the real record helper and file writer.
+std::string make_stack_capture() {
+  using namespace perfevent;
+  TempDir dir;
+  ZVKQueue<ZVKBuffer> fill(4, 4096), to_write;
+  CaptureStderr();
+  {
+    ZVKFileWriter writer(&fill, &to_write, JobMetadata{"job-1", "host", "m5.large"}, 1000001);
+    EXPECT_TRUE(writer.start(dir.file("stack_%t")).ok());
+    {
+      ZVKBufferRecordHelper helper(&fill, &to_write);
+      write_cpu_record(helper, 100, PYTHON_CODE, 0, 10, 11, {},
+                       code_payload(1, 12, 0x030b07f0, "Klass.method", "/src/app.py",
+                                    std::string("\xea\x02", 2), 0));
+      write_cpu_record(helper, 101, PYTHON_CODE, 0, 10, 11, {},
+                       code_payload(2, -1, 0x030d00c1, "<module>", "/src/\xc3\xa9t\xc3\xa9.py",
+                                    "\x01\x02\x03\x04\x05", PYTHON_CODE_LINETABLE_CUT));
+      write_cpu_record(helper, 200, STACK_SAMPLE, 3, 10, 11, {},
+                       stack_payload(1000000, SAMPLE_CLOCK_CPU, 0, {0x401000, 0x7f0000001234},
+                                     {python_frame_of(1, 26, false), python_frame_of(2, 4, true)}));
+      write_cpu_record(helper, 201, STACK_SAMPLE, 3, 10, 12, {},
+                       stack_payload(10000000, SAMPLE_CLOCK_WALL, STACK_WAITING | STACK_NO_NATIVE,
+                                     {}, {python_frame_of(2, 0, true)}));
+      write_cpu_record(helper, 202, STACK_SAMPLE, 3, 10, 11, {},
+                       stack_payload(1000000, SAMPLE_CLOCK_CPU,
+                                     STACK_NATIVE_CUT | STACK_PYTHON_CUT | 0x40, {0x401000}, {}));
+      write_cpu_record(helper, 300, API_PYTHON_STACK, 3, 10, 11, {},
+                       api_stack_payload(77, {python_frame_of(1, 8, false),
+                                              python_frame_of(2, 0x7ffffffe, true)}));
+    }
+    EXPECT_TRUE(writer.stop().ok());
+  }
+  GetCapturedStderr();
+  const auto files = dir.list();
+  EXPECT_EQ(files.size(), 1u);
+  return files.empty() ? std::string() : read_text_file(dir.file(files[0]));
+}
+
+class ZvkdumpStacks : public ZvkdumpCapture {
+ protected:
+  void SetUp() override {
+    static const std::string capture = make_stack_capture();
+    write_capture("stacks.zvkraw", capture);
+  }
+};
+
+TEST_F(ZvkdumpStacks, EveryKindIsDecodedInText) {
+  const Dumped result = dump_capture(DumpFormat::kText, false);
+  const std::vector<std::string> expected = {
+      "    100 CPU PYCODE cpu=0 pid=10 tid=11 code_id=1 first_line=12 "
+      "py_version=3.11.7(0x30b07f0) qualname=\"Klass.method\" filename=\"/src/app.py\" "
+      "flags=none(0x0) linetable_size=2 linetable=ea02",
+      "    101 CPU PYCODE cpu=0 pid=10 tid=11 code_id=2 first_line=-1 "
+      "py_version=3.13.0rc1(0x30d00c1) qualname=\"<module>\" filename=\"/src/\xc3\xa9t\xc3\xa9.py\" "
+      "flags=LINETABLE_CUT(0x1) linetable_size=5 linetable=0102030405",
+      "    200 CPU STACK cpu=3 pid=10 tid=11 weight_ns=1000000 clock=cpu flags=none(0x0) "
+      "native=[0x401000 0x7f0000001234] python=[1@26 2@4(entry)]",
+      "    201 CPU STACK cpu=3 pid=10 tid=12 weight_ns=10000000 clock=wall "
+      "flags=WAITING|NO_NATIVE(0x9) native=[] python=[2@0(entry)]",
+      "    202 CPU STACK cpu=3 pid=10 tid=11 weight_ns=1000000 clock=cpu "
+      "flags=NATIVE_CUT|PYTHON_CUT|0x40(0x46) native=[0x401000] python=[]",
+      "    300 CPU APISTACK cpu=3 pid=10 tid=11 correlation=77 python=[1@8 2@2147483646(entry)]",
+  };
+  EXPECT_EQ(record_lines(result.out), expected) << result.out;
+}
+
+TEST_F(ZvkdumpStacks, EveryKindIsDecodedInJson) {
+  const Dumped result = dump_capture(DumpFormat::kJson, false);
+  for (const char* record : {
+           "{\"timestamp\":100,\"hw_type\":0,\"device_id\":0,\"event_type\":17,\"pid\":10,"
+           "\"tid\":11,\"call_chain_size\":0,\"payload_size\":56,\"event\":\"PYCODE\","
+           "\"code_id\":1,\"first_line\":12,\"py_version\":51054576,"
+           "\"py_version_name\":\"3.11.7\",\"qualname\":\"Klass.method\","
+           "\"filename\":\"/src/app.py\",\"flags\":\"0x0\",\"flags_name\":\"none\","
+           "\"linetable_size\":2,\"linetable\":\"ea02\",\"payload_hex\":\"01000000",
+           "\"event\":\"PYCODE\",\"code_id\":2,\"first_line\":-1,\"py_version\":51183809,"
+           "\"py_version_name\":\"3.13.0rc1\",\"qualname\":\"<module>\","
+           "\"filename\":\"/src/\xc3\xa9t\xc3\xa9.py\",\"flags\":\"0x1\","
+           "\"flags_name\":\"LINETABLE_CUT\",\"linetable_size\":5,\"linetable\":\"0102030405\",",
+           "{\"timestamp\":200,\"hw_type\":0,\"device_id\":3,\"event_type\":16,\"pid\":10,"
+           "\"tid\":11,\"call_chain_size\":0,\"payload_size\":48,\"event\":\"STACK\","
+           "\"weight_ns\":1000000,\"clock\":\"cpu\",\"flags\":\"0x0\",\"flags_name\":\"none\","
+           "\"native\":[\"0x401000\",\"0x7f0000001234\"],"
+           "\"python\":[{\"code_id\":1,\"offset\":26,\"entry\":false},"
+           "{\"code_id\":2,\"offset\":4,\"entry\":true}],\"payload_hex\":\"40420f0000000000",
+           "\"event\":\"STACK\",\"weight_ns\":10000000,\"clock\":\"wall\",\"flags\":\"0x9\","
+           "\"flags_name\":\"WAITING|NO_NATIVE\",\"native\":[],"
+           "\"python\":[{\"code_id\":2,\"offset\":0,\"entry\":true}],",
+           "\"flags\":\"0x46\",\"flags_name\":\"NATIVE_CUT|PYTHON_CUT|0x40\","
+           "\"native\":[\"0x401000\"],\"python\":[],",
+           "\"event_type\":18,\"pid\":10,\"tid\":11,\"call_chain_size\":0,\"payload_size\":32,"
+           "\"event\":\"APISTACK\",\"correlation\":77,"
+           "\"python\":[{\"code_id\":1,\"offset\":8,\"entry\":false},"
+           "{\"code_id\":2,\"offset\":2147483646,\"entry\":true}],"}) {
+    EXPECT_NE(result.out.find(record), std::string::npos) << record << "\n" << result.out;
+  }
+}
+
+TEST_F(ZvkdumpStacks, TheSummaryCountsThem) {
+  const Dumped result = dump_capture(DumpFormat::kText, true);
+  const std::vector<std::string> expected = {
+      "CPU records by event:",
+      "  STACK                               3",
+      "  PYCODE                              2",
+      "  APISTACK                            1",
+      "CPU samples by thread:",
+      "         pid        tid      samples",
+      "CPU lost: 0 in 0 LOST records",
+      "CPU throttles: 0, unthrottles: 0",
+      "CPU mappings: 0",
+      "CPU configurations: 0",
+      "CPU stack samples: 3 (2 cpu, 1 wall, 1 waiting), 12.000 ms",
+      "CPU stack frames: 3 native, 3 Python; samples cut: 1 native, 1 Python",
+      "CPU stack samples by thread:",
+      "         pid        tid      samples",
+      "          10         11            2",
+      "          10         12            1",
+      "CPU Python code objects: 2, API Python stacks: 1",
+  };
+  EXPECT_EQ(summary_section(result.out, "CPU records by event:"), expected) << result.out;
+}
+
+TEST_F(ZvkdumpStacks, TheJsonSummaryCountsThem) {
+  const Dumped result = dump_capture(DumpFormat::kJson, true);
+  const std::string expected =
+      "\"cpu\":{\"record_count\":6,\"undecoded\":0,"
+      "\"events\":{\"STACK\":3,\"PYCODE\":2,\"APISTACK\":1},\"samples_by_thread\":[],"
+      "\"lost\":0,\"lost_records\":0,\"throttles\":0,\"unthrottles\":0,\"mapping_count\":0,"
+      "\"mappings\":[],\"configurations\":[],"
+      "\"stacks\":{\"samples\":3,\"cpu\":2,\"wall\":1,\"waiting\":1,\"weight_ns\":12000000,"
+      "\"native_frames\":3,\"python_frames\":3,\"native_cut\":1,\"python_cut\":1,"
+      "\"samples_by_thread\":[{\"pid\":10,\"tid\":11,\"samples\":2},"
+      "{\"pid\":10,\"tid\":12,\"samples\":1}],\"python_codes\":2,\"api_python_stacks\":1}},";
+  EXPECT_NE(result.out.find(expected), std::string::npos) << result.out;
+}
+
+TEST(ZvkdumpStacksOdd, RecordsWhoseCountsOrSizesDontFitAreShownAsBytes) {
+  using namespace perfevent;
+  TempDir dir;
+  const std::string& capture = capture_bytes();
+  const auto cpu = [](uint32_t type) { return make_event_word(CPU, 0, type); };
+  const auto record = [&](uint32_t type, const std::string& payload) {
+    return record_bytes(cpu(type), 0, static_cast<uint16_t>(payload.size()), payload);
+  };
+  const std::string stack = stack_payload(5, SAMPLE_CLOCK_CPU, 0, {0x10, 0x20},
+                                          {python_frame_of(3, 2, false)});
+  const std::string code = code_payload(3, 1, 0x030b07f0, "f", "g.py", "\x80\x81\x82", 0);
+  const std::string api = api_stack_payload(9, {python_frame_of(3, 2, true)});
+  // Each count or size one past what the payload holds.
+  std::string more_native = stack, more_python = stack, all_frames = stack.substr(0, 16);
+  more_native[8] = 3;
+  more_python[10] = 2;
+  all_frames[8] = all_frames[9] = all_frames[10] = all_frames[11] = '\xff';
+  std::string long_name = code, long_file = code, long_table = code, huge_table = code;
+  long_name[12] = 9;  // each of the three sizes: together more than the 32 bytes there are
+  long_file[14] = 9;
+  long_table[16] = 8;
+  huge_table[16] = huge_table[17] = huge_table[18] = huge_table[19] = '\xff';
+  std::string more_api = api;
+  more_api[8] = 2;
+  const std::vector<std::string> records = {
+      record(STACK_SAMPLE, stack.substr(0, 8)),
+      record(STACK_SAMPLE, more_native),
+      record(STACK_SAMPLE, more_python),
+      record(STACK_SAMPLE, all_frames),
+      record(PYTHON_CODE, code.substr(0, 20)),
+      record(PYTHON_CODE, long_name),
+      record(PYTHON_CODE, long_file),
+      record(PYTHON_CODE, long_table),
+      record(PYTHON_CODE, huge_table),
+      record(API_PYTHON_STACK, api.substr(0, 15)),
+      record(API_PYTHON_STACK, more_api),
+      // Longer than their format: the format's bytes are read, the rest only shown.
+      record(STACK_SAMPLE, stack_payload(5, 7, 0, {0x10}, {}) + "trailing"),
+      record(PYTHON_CODE, code),
+      record(API_PYTHON_STACK, api + "trailing"),
+  };
+  std::string bytes;
+  for (const std::string& one : records) bytes += one;
+  const std::string probe = capture_with_bucket(capture, bytes, records.size());
+  EXPECT_TRUE(dump_cleanly(dir, probe));
+
+  const std::string path = dir.file("odd_stacks.zvkraw");
+  write_bytes(path, probe);
+  const Dumped text = dump({path}, mode(DumpFormat::kText, false));
+  ASSERT_TRUE(text.whole) << text.err;
+  const auto raw = [](uint32_t type, const std::string& payload) {
+    return "    42 CPU device=0 event=" + std::to_string(type) +
+           " pid=0 tid=0 callchain=0 payload=" + std::to_string(payload.size()) + " " +
+           hex_of(payload);
+  };
+  const std::vector<std::string> expected = {
+      raw(STACK_SAMPLE, stack.substr(0, 8)),
+      raw(STACK_SAMPLE, more_native),
+      raw(STACK_SAMPLE, more_python),
+      raw(STACK_SAMPLE, all_frames),
+      raw(PYTHON_CODE, code.substr(0, 20)),
+      raw(PYTHON_CODE, long_name),
+      raw(PYTHON_CODE, long_file),
+      raw(PYTHON_CODE, long_table),
+      raw(PYTHON_CODE, huge_table),
+      raw(API_PYTHON_STACK, api.substr(0, 15)),
+      raw(API_PYTHON_STACK, more_api),
+      "    42 CPU STACK cpu=0 pid=0 tid=0 weight_ns=5 clock=7 flags=none(0x0) native=[0x10] "
+      "python=[]",
+      "    42 CPU PYCODE cpu=0 pid=0 tid=0 code_id=3 first_line=1 py_version=3.11.7(0x30b07f0) "
+      "qualname=\"f\" filename=\"g.py\" flags=none(0x0) linetable_size=3 linetable=808182",
+      "    42 CPU APISTACK cpu=0 pid=0 tid=0 correlation=9 python=[3@2(entry)]",
+  };
+  EXPECT_EQ(record_lines(text.out), expected) << text.out;
+
+  const Dumped summary = dump({path}, mode(DumpFormat::kText, true));
+  ASSERT_TRUE(summary.whole) << summary.err;
+  EXPECT_NE(summary.out.find("  STACK                               5\n"
+                             "  PYCODE                              6\n"
+                             "  APISTACK                            3\n"
+                             "  (11 not decoded: payload too short or event unknown)\n"),
+            std::string::npos)
+      << summary.out;
+  EXPECT_NE(summary.out.find("CPU stack samples: 1 (1 cpu, 0 wall, 0 waiting), 0.000 ms\n"),
+            std::string::npos)
+      << summary.out;
+  EXPECT_NE(summary.out.find("CPU Python code objects: 1, API Python stacks: 1\n"),
+            std::string::npos)
+      << summary.out;
 }
 
 // The event word of a GPU record: atype and akind as the collector packs them.

@@ -189,6 +189,100 @@ std::vector<Field> config_fields(const perfevent::ZVKPerfConfigData& config) {
           number_field("format_id", config.format_id)};
 }
 
+Field signed_field(const std::string& name, int64_t value) {
+  const std::string digits = std::to_string(value);
+  return field(name, digits, digits);
+}
+
+// A fixed word: bare in text, a string in JSON.
+Field word_field(const std::string& name, const std::string& word) {
+  return field(name, word, json_string(word));
+}
+
+// Bits by their names, joined by '|'; bits without a name as hex; "none" for no
+// bit at all.
+std::string flag_names(uint64_t flags, const std::vector<std::pair<uint64_t, const char*>>& names) {
+  std::string text;
+  for (const auto& name : names) {
+    if (!(flags & name.first)) continue;
+    text += (text.empty() ? "" : "|") + std::string(name.second);
+    flags &= ~name.first;
+  }
+  if (flags != 0) text += (text.empty() ? "" : "|") + hex_number(flags);
+  return text.empty() ? "none" : text;
+}
+
+Field flags_field(uint64_t flags, const std::vector<std::pair<uint64_t, const char*>>& names) {
+  const std::string hex = hex_number(flags);
+  return named_field("flags", hex, '"' + hex + '"', flag_names(flags, names));
+}
+
+// A stack sample's native frames, leaf first.
+Field native_frames_field(const DecodedRecord& decoded) {
+  std::string text, json;
+  for (uint32_t i = 0; i < decoded.frames.native_count; ++i) {
+    const std::string address = hex_number(native_frame(decoded, i));
+    text += (i ? " " : "") + address;
+    json += (i ? ",\"" : "\"") + address + '"';
+  }
+  return field("native", '[' + text + ']', '[' + json + ']');
+}
+
+// Python frames, leaf first: CODE@OFFSET in text, "(entry)" after the frame an
+// evaluation call began with.
+Field python_frames_field(const DecodedRecord& decoded) {
+  std::string text, json;
+  for (uint32_t i = 0; i < decoded.frames.python_count; ++i) {
+    const perfevent::ZVKPythonFrame frame = python_frame(decoded, i);
+    const std::string code = std::to_string(frame.code_id);
+    const std::string offset = std::to_string(frame.instruction & perfevent::kPythonInstructionMask);
+    const bool entry = (frame.instruction & perfevent::kPythonFrameEntry) != 0;
+    text += (i ? " " : "") + code + '@' + offset + (entry ? "(entry)" : "");
+    json += std::string(i ? "," : "") + "{\"code_id\":" + code + ",\"offset\":" + offset +
+            ",\"entry\":" + (entry ? "true" : "false") + '}';
+  }
+  return field("python", '[' + text + ']', '[' + json + ']');
+}
+
+std::vector<Field> stack_fields(const DecodedRecord& decoded) {
+  using namespace perfevent;
+  const ZVKStackSample& stack = decoded.fixed.stack;
+  const char* clock = sample_clock_name(stack.clock);
+  return {number_field("weight_ns", stack.weight_ns),
+          word_field("clock", std::strcmp(clock, "UNKNOWN") != 0 ? std::string(clock)
+                                                                 : std::to_string(stack.clock)),
+          flags_field(stack.flags, {{STACK_WAITING, "WAITING"},
+                                    {STACK_NATIVE_CUT, "NATIVE_CUT"},
+                                    {STACK_PYTHON_CUT, "PYTHON_CUT"},
+                                    {STACK_NO_NATIVE, "NO_NATIVE"}}),
+          native_frames_field(decoded), python_frames_field(decoded)};
+}
+
+// PY_VERSION_HEX as Python writes its version: 3.11.7, 3.13.0rc1.
+std::string python_version_name(uint32_t version) {
+  std::string name = std::to_string(version >> 24) + '.' + std::to_string((version >> 16) & 0xff) +
+                     '.' + std::to_string((version >> 8) & 0xff);
+  const uint32_t level = (version >> 4) & 0xf;
+  if (level == 0xf) return name;
+  const char* level_name = level == 0xa ? "a" : level == 0xb ? "b" : level == 0xc ? "rc" : "?";
+  return name + level_name + std::to_string(version & 0xf);
+}
+
+std::vector<Field> python_code_fields(const DecodedRecord& decoded) {
+  const perfevent::ZVKPythonCode& code = decoded.fixed.code;
+  const std::string version = std::to_string(code.python_version);
+  return {number_field("code_id", code.code_id),
+          signed_field("first_line", code.first_line),
+          named_field("py_version", hex_number(code.python_version), version,
+                      python_version_name(code.python_version)),
+          text_field("qualname", std::string(decoded.text)),
+          text_field("filename", std::string(decoded.frames.filename)),
+          flags_field(code.flags, {{perfevent::PYTHON_CODE_LINETABLE_CUT, "LINETABLE_CUT"}}),
+          number_field("linetable_size", code.linetable_size),
+          word_field("linetable",
+                     hex_bytes(decoded.frames.linetable.data(), decoded.frames.linetable.size()))};
+}
+
 // The decoded payload of a CPU record as fields. False for a record the decoding
 // left as bytes: an event without a payload format (READ is reserved and never
 // written) or a payload too short for its format. FORK and EXIT: the child's pid
@@ -197,6 +291,12 @@ bool cpu_fields(const ZVKRecordReader& record, const DecodedRecord& decoded,
                 std::vector<Field>* fields) {
   const DecodedRecord::Fixed& p = decoded.fixed;
   switch (decoded.layout) {
+    case DecodedRecord::kCpuStack: *fields = stack_fields(decoded); return true;
+    case DecodedRecord::kCpuPythonCode: *fields = python_code_fields(decoded); return true;
+    case DecodedRecord::kCpuApiStack:
+      *fields = {number_field("correlation", p.api_stack.correlation_id),
+                 python_frames_field(decoded)};
+      return true;
     case DecodedRecord::kCpuConfiguration: *fields = config_fields(p.config); return true;
     case DecodedRecord::kCpuSample:
       *fields = {hex_field("ip", p.sample.ip), number_field("id", p.sample.id),
@@ -222,16 +322,6 @@ bool cpu_fields(const ZVKRecordReader& record, const DecodedRecord& decoded,
       return true;
     default: return false;
   }
-}
-
-Field signed_field(const std::string& name, int64_t value) {
-  const std::string digits = std::to_string(value);
-  return field(name, digits, digits);
-}
-
-// A fixed word: bare in text, a string in JSON.
-Field word_field(const std::string& name, const std::string& word) {
-  return field(name, word, json_string(word));
 }
 
 // A number from one of CUPTI's enumerations, with its name.
@@ -411,6 +501,8 @@ std::string three_decimals(double value) {
   return text.str();
 }
 
+std::string milliseconds(uint64_t ns) { return three_decimals(ns / 1e6); }
+
 // Rows of fields as a JSON array of objects.
 void print_json_array(std::ostream& out, const std::vector<std::vector<Field>>& rows) {
   out << '[';
@@ -427,8 +519,93 @@ struct RangeStats {
   uint64_t total_ns = 0;
 };
 
+// What the stack sampler's records add up to: samples by clock and by thread, the
+// time they stand for, their frames, and the code objects and API call stacks.
+class StackSummary {
+ public:
+  void add_sample(const ZVKRecordReader& record, const perfevent::ZVKStackSample& stack) {
+    ++m_samples;
+    ++(stack.clock == perfevent::SAMPLE_CLOCK_WALL ? m_wall : m_cpu);
+    if (stack.flags & perfevent::STACK_WAITING) ++m_waiting;
+    if (stack.flags & perfevent::STACK_NATIVE_CUT) ++m_native_cut;
+    if (stack.flags & perfevent::STACK_PYTHON_CUT) ++m_python_cut;
+    m_weight_ns += stack.weight_ns;
+    m_native_frames += stack.native_count;
+    m_python_frames += stack.python_count;
+    ++m_by_thread[{record.pid(), record.tid()}];
+  }
+  void add_code() { ++m_codes; }
+  void add_api_stack() { ++m_api_stacks; }
+
+  bool empty() const { return m_samples == 0 && m_codes == 0 && m_api_stacks == 0; }
+
+  void print_text(std::ostream& out) const {
+    out << "CPU stack samples: " << m_samples << " (" << m_cpu << " cpu, " << m_wall << " wall, "
+        << m_waiting << " waiting), " << milliseconds(m_weight_ns) << " ms\n"
+        << "CPU stack frames: " << m_native_frames << " native, " << m_python_frames
+        << " Python; samples cut: " << m_native_cut << " native, " << m_python_cut
+        << " Python\n"
+        << "CPU stack samples by thread:\n";
+    print_thread_row(out, "pid", "tid", "samples");
+    for (const auto& thread : threads()) {
+      print_thread_row(out, std::to_string(thread.first.first),
+                       std::to_string(thread.first.second), std::to_string(thread.second));
+    }
+    out << "CPU Python code objects: " << m_codes << ", API Python stacks: " << m_api_stacks
+        << '\n';
+  }
+
+  // The object of the CPU summary's "stacks" member.
+  void print_json(std::ostream& out) const {
+    out << "{\"samples\":" << m_samples << ",\"cpu\":" << m_cpu << ",\"wall\":" << m_wall
+        << ",\"waiting\":" << m_waiting << ",\"weight_ns\":" << m_weight_ns
+        << ",\"native_frames\":" << m_native_frames << ",\"python_frames\":" << m_python_frames
+        << ",\"native_cut\":" << m_native_cut << ",\"python_cut\":" << m_python_cut
+        << ",\"samples_by_thread\":";
+    std::vector<std::vector<Field>> rows;
+    for (const auto& thread : threads()) {
+      rows.push_back({number_field("pid", thread.first.first),
+                      number_field("tid", thread.first.second),
+                      number_field("samples", thread.second)});
+    }
+    print_json_array(out, rows);
+    out << ",\"python_codes\":" << m_codes << ",\"api_python_stacks\":" << m_api_stacks << '}';
+  }
+
+  static void print_thread_row(std::ostream& out, const std::string& pid, const std::string& tid,
+                               const std::string& samples) {
+    out << "  " << right_cell(pid, 10) << ' ' << right_cell(tid, 10) << ' '
+        << right_cell(samples, 12) << '\n';
+  }
+
+ private:
+  using Thread = std::pair<std::pair<uint32_t, uint32_t>, uint64_t>;  // ((pid, tid), samples)
+
+  // Most samples first; ties by pid, then tid.
+  std::vector<Thread> threads() const {
+    std::vector<Thread> threads(m_by_thread.begin(), m_by_thread.end());
+    std::stable_sort(threads.begin(), threads.end(),
+                     [](const Thread& a, const Thread& b) { return a.second > b.second; });
+    return threads;
+  }
+
+  uint64_t m_samples = 0;
+  uint64_t m_cpu = 0;
+  uint64_t m_wall = 0;
+  uint64_t m_waiting = 0;
+  uint64_t m_native_cut = 0;
+  uint64_t m_python_cut = 0;
+  uint64_t m_weight_ns = 0;
+  uint64_t m_native_frames = 0;
+  uint64_t m_python_frames = 0;
+  uint64_t m_codes = 0;
+  uint64_t m_api_stacks = 0;
+  std::map<std::pair<uint32_t, uint32_t>, uint64_t> m_by_thread;  // (pid, tid) -> samples
+};
+
 // What a file's CPU sampling records add up to: samples by thread, what the
-// kernel dropped or throttled, the mappings and the event configurations.
+// kernel dropped or throttled, the mappings, the event configurations, and the
+// stack sampler's records.
 class CpuSummary {
  public:
   void add(const ZVKRecordReader& record, const DecodedRecord& decoded) {
@@ -451,6 +628,8 @@ class CpuSummary {
       for (const Field& field : configuration) out << ' ' << field.text;
       out << '\n';
     }
+    // A capture without the stack sampler keeps its summary as it was.
+    if (!m_stacks.empty()) m_stacks.print_text(out);
   }
 
   // The object of the summary's "cpu" member.
@@ -469,6 +648,8 @@ class CpuSummary {
     print_json_array(out, mapping_rows());
     out << ",\"configurations\":";
     print_json_array(out, configuration_rows());
+    out << ",\"stacks\":";
+    m_stacks.print_json(out);
     out << '}';
   }
 
@@ -506,6 +687,9 @@ class CpuSummary {
         m_mappings.push_back({p.mmap.addr, p.mmap.len, p.mmap.pgoff, std::string(decoded.text)});
         return true;
       case DecodedRecord::kCpuForkExit: return true;
+      case DecodedRecord::kCpuStack: m_stacks.add_sample(record, p.stack); return true;
+      case DecodedRecord::kCpuPythonCode: m_stacks.add_code(); return true;
+      case DecodedRecord::kCpuApiStack: m_stacks.add_api_stack(); return true;
       default: return false;
     }
   }
@@ -559,14 +743,13 @@ class CpuSummary {
   }
 
   static std::string event_label(uint32_t type) {
-    return type < perfevent::PERF_EVENT_MAX ? cpu_event_name(type)
-                                            : "event " + std::to_string(type);
+    const char* name = cpu_event_name(type);
+    return std::strcmp(name, "UNKNOWN") != 0 ? name : "event " + std::to_string(type);
   }
 
   static void print_thread_row(std::ostream& out, const std::string& pid, const std::string& tid,
                                const std::string& samples) {
-    out << "  " << right_cell(pid, 10) << ' ' << right_cell(tid, 10) << ' '
-        << right_cell(samples, 12) << '\n';
+    StackSummary::print_thread_row(out, pid, tid, samples);
   }
 
   std::vector<std::vector<Field>> thread_rows() const {
@@ -608,6 +791,7 @@ class CpuSummary {
   uint64_t m_unthrottles = 0;
   std::vector<Mapping> m_mappings;  // in file order
   std::vector<perfevent::ZVKPerfConfigData> m_configurations;
+  StackSummary m_stacks;
 };
 
 // A summary table's row: its label left in a wide cell, then right-aligned cells,
@@ -638,8 +822,6 @@ void print_table_json(std::ostream& out, const std::vector<TableRow>& rows) {
   for (const TableRow& row : rows) objects.push_back(row.fields);
   print_json_array(out, objects);
 }
-
-std::string milliseconds(uint64_t ns) { return three_decimals(ns / 1e6); }
 
 // What a summary groups kernels and traced calls by: the name when the run has
 // seen it, so that one kernel's launches on every device and in every process go

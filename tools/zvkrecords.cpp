@@ -53,6 +53,53 @@ bool decode_annotation(const ZVKRecordReader& record, DecodedRecord* out) {
   return true;
 }
 
+// The stack sampler's records: a fixed header whose counts and sizes say how
+// much follows, all of which must lie inside the payload.
+bool decode_stack(const ZVKRecordReader& record, DecodedRecord* out) {
+  DecodedRecord::Fixed& fixed = out->fixed;
+  DecodedRecord::Frames& frames = out->frames;
+  const char* payload = static_cast<const char*>(record.payload());
+  if (!read_payload(record, &fixed.stack)) return false;
+  frames.native_count = fixed.stack.native_count;
+  frames.python_count = fixed.stack.python_count;
+  if (record.payload_size() <
+      perfevent::stack_sample_payload_size(frames.native_count, frames.python_count)) {
+    return false;
+  }
+  frames.native = payload + sizeof(perfevent::ZVKStackSample);
+  frames.python = frames.native + 8 * static_cast<size_t>(frames.native_count);
+  return true;
+}
+
+bool decode_api_stack(const ZVKRecordReader& record, DecodedRecord* out) {
+  DecodedRecord::Fixed& fixed = out->fixed;
+  DecodedRecord::Frames& frames = out->frames;
+  if (!read_payload(record, &fixed.api_stack)) return false;
+  frames.python_count = fixed.api_stack.python_count;
+  if (record.payload_size() < sizeof(perfevent::ZVKApiPythonStack) +
+                                  sizeof(perfevent::ZVKPythonFrame) * frames.python_count) {
+    return false;
+  }
+  frames.python = static_cast<const char*>(record.payload()) + sizeof(perfevent::ZVKApiPythonStack);
+  return true;
+}
+
+bool decode_python_code(const ZVKRecordReader& record, DecodedRecord* out) {
+  const perfevent::ZVKPythonCode& code = out->fixed.code;
+  if (!read_payload(record, &out->fixed.code)) return false;
+  // In 64 bits: linetable_size alone may be anything up to 4 GiB.
+  const uint64_t needed = uint64_t{sizeof(perfevent::ZVKPythonCode)} + code.qualname_size +
+                          code.filename_size + code.linetable_size;
+  if (record.payload_size() < needed) return false;
+  const char* at = static_cast<const char*>(record.payload()) + sizeof(perfevent::ZVKPythonCode);
+  out->text = std::string_view(at, code.qualname_size);
+  at += code.qualname_size;
+  out->frames.filename = std::string_view(at, code.filename_size);
+  at += code.filename_size;
+  out->frames.linetable = std::string_view(at, code.linetable_size);
+  return true;
+}
+
 bool decode_cpu(const ZVKRecordReader& record, DecodedRecord* out) {
   DecodedRecord::Fixed& fixed = out->fixed;
   bool read = false;
@@ -87,10 +134,26 @@ bool decode_cpu(const ZVKRecordReader& record, DecodedRecord* out) {
       read = read_payload(record, &fixed.fork);
       layout = DecodedRecord::kCpuForkExit;
       break;
+    case perfevent::STACK_SAMPLE:
+      read = decode_stack(record, out);
+      layout = DecodedRecord::kCpuStack;
+      break;
+    case perfevent::PYTHON_CODE:
+      read = decode_python_code(record, out);
+      layout = DecodedRecord::kCpuPythonCode;
+      break;
+    case perfevent::API_PYTHON_STACK:
+      read = decode_api_stack(record, out);
+      layout = DecodedRecord::kCpuApiStack;
+      break;
     default:  // READ is reserved and never written; anything else is unknown
       return false;
   }
-  if (!read) return false;
+  if (!read) {
+    out->text = std::string_view();
+    out->frames = DecodedRecord::Frames();
+    return false;
+  }
   out->layout = layout;
   return true;
 }
@@ -167,7 +230,12 @@ const char* cpu_event_name(uint32_t type) {
                                        "READ",          "MMAP",   "FORK",     "EXIT"};
   static_assert(sizeof(kNames) / sizeof(kNames[0]) == perfevent::PERF_EVENT_MAX,
                 "a name for every CPU event");
-  return name_in(kNames, type);
+  switch (type) {
+    case perfevent::STACK_SAMPLE: return "STACK";
+    case perfevent::PYTHON_CODE: return "PYCODE";
+    case perfevent::API_PYTHON_STACK: return "APISTACK";
+    default: return name_in(kNames, type);
+  }
 }
 
 const char* gpu_type_name(uint32_t type) {
@@ -218,6 +286,13 @@ const char* callback_domain_name(uint32_t domain) {
   return name_in(kNames, domain);
 }
 
+const char* sample_clock_name(uint32_t clock) {
+  static const char* const kNames[] = {"cpu", "wall"};
+  static_assert(perfevent::SAMPLE_CLOCK_CPU == 0 && perfevent::SAMPLE_CLOCK_WALL == 1,
+                "ZVKSampleClock");
+  return name_in(kNames, clock);
+}
+
 const char* event_name(const ZVKRecordReader& record) {
   switch (record.hardware_type()) {
     case ANNOTATION: return annotation_name(record.event_type());
@@ -230,6 +305,7 @@ const char* event_name(const ZVKRecordReader& record) {
 bool decode_record(const ZVKRecordReader& record, DecodedRecord* out) {
   out->layout = DecodedRecord::kRaw;
   out->text = std::string_view();
+  out->frames = DecodedRecord::Frames();
   switch (record.hardware_type()) {
     case ANNOTATION: return decode_annotation(record, out);
     case CPU: return decode_cpu(record, out);

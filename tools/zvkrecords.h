@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "zorv/cpu/zvkperfevents.h"
+#include "zorv/cpu/zvksampleevents.h"
 #include "zorv/cuda/zvkcudastructs.h"
 #include "zorv/io/zvkfile.h"
 #include "zorv/zvkannotator.h"
@@ -31,6 +32,8 @@ const char* copy_kind_name(uint32_t kind);
 const char* memory_kind_name(uint32_t kind);
 const char* sync_type_name(uint32_t type);
 const char* callback_domain_name(uint32_t domain);
+// A stack sample's clock: "cpu", "wall", or "UNKNOWN".
+const char* sample_clock_name(uint32_t clock);
 
 // GPU records: the low 12 bits of the event type say which payload follows, the
 // 8 bits above them a kind within it.
@@ -74,6 +77,9 @@ struct DecodedRecord {
     kCpuLost,
     kCpuMmap,      // text: the file name
     kCpuForkExit,  // FORK and EXIT
+    kCpuStack,     // STACK_SAMPLE: the frames in `frames`
+    kCpuPythonCode,  // PYTHON_CODE: text: the qualified name; the rest in `frames`
+    kCpuApiStack,    // API_PYTHON_STACK: the frames in `frames`
     kGpuName,      // text: the name; kind in gpu_kind
     kGpuKernel,    // KERNEL and CONCURRENT_KERNEL
     kGpuSync,
@@ -117,12 +123,41 @@ struct DecodedRecord {
     cudaevent::memset memset;
     cudaevent::driver activity;
     cudaevent::callback call;
+    perfevent::ZVKStackSample stack;
+    perfevent::ZVKPythonCode code;
+    perfevent::ZVKApiPythonStack api_stack;
+  };
+
+  // What follows the fixed part of the stack sampler's records, checked to lie
+  // inside the payload. The arrays point into the record, unaligned: read them
+  // with native_frame and python_frame.
+  struct Frames {
+    const char* native = nullptr;  // native_count addresses, leaf first
+    const char* python = nullptr;  // python_count ZVKPythonFrame, leaf first
+    uint32_t native_count = 0;
+    uint32_t python_count = 0;
+    std::string_view filename;   // PYTHON_CODE
+    std::string_view linetable;  // PYTHON_CODE: co_linetable's bytes, as many as were kept
   };
 
   Layout layout = kRaw;
   Fixed fixed;
   std::string_view text;
+  Frames frames;
 };
+
+inline uint64_t native_frame(const DecodedRecord& decoded, uint32_t index) {
+  uint64_t address;
+  std::memcpy(&address, decoded.frames.native + 8 * static_cast<size_t>(index), sizeof(address));
+  return address;
+}
+
+inline perfevent::ZVKPythonFrame python_frame(const DecodedRecord& decoded, uint32_t index) {
+  perfevent::ZVKPythonFrame frame;
+  std::memcpy(&frame, decoded.frames.python + sizeof(frame) * static_cast<size_t>(index),
+              sizeof(frame));
+  return frame;
+}
 
 static_assert(sizeof(DecodedRecord::Mmap) == sizeof(perfevent::ZVKPerfMMap) &&
                   offsetof(DecodedRecord::Mmap, pgoff) == offsetof(perfevent::ZVKPerfMMap, pgoff),

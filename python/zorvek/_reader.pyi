@@ -60,7 +60,21 @@ class CaptureFile:
         `kinds` keeps only those events (ValueError for an unknown name);
         `progress` is called at most five times a second. One iterator is read
         by one thread at a time: next() while another thread's next() is under
-        way raises RuntimeError."""
+        way raises RuntimeError.
+
+        The stack sampler's records: "STACK": weight_ns, clock ("cpu" or
+        "wall"), waiting, flags, ips (native addresses, leaf first), py
+        ((code_id, instruction_offset, entry) tuples, leaf first; entry marks
+        the first frame of an evaluation call, the last of its group walking
+        from the leaf); "PYCODE": code_id, first_line, py_version
+        (PY_VERSION_HEX), qualname, filename, linetable (bytes), linetable_cut;
+        "APISTACK": correlation, py."""
+
+
+def python_line(py_version: int, first_line: int, linetable: bytes, offset: int) -> int:
+    """The source line of the instruction at byte `offset` of a code object, from
+    a PYCODE record's py_version, first_line and linetable; -1 when the
+    instruction has no line or the table doesn't say."""
 
 
 def summarize(paths: Union[_Path, Iterable[_Path]],

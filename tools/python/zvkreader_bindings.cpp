@@ -20,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "tools/pylinetable.h"
 #include "tools/python/zvksummary.h"
 #include "tools/zvkfilereader.h"
 #include "tools/zvkrecords.h"
@@ -126,6 +127,51 @@ PyObject* u64_list(const uint64_t* values, int count) {
   return list;
 }
 
+// A stack sample's native frames, leaf first.
+PyObject* native_list(const DecodedRecord& decoded) {
+  const auto count = static_cast<Py_ssize_t>(decoded.frames.native_count);
+  PyObject* list = PyList_New(count);
+  if (list == nullptr) return nullptr;
+  for (Py_ssize_t i = 0; i < count; ++i) {
+    PyObject* address = PyLong_FromUnsignedLongLong(native_frame(decoded, static_cast<uint32_t>(i)));
+    if (address == nullptr) {
+      Py_DECREF(list);
+      return nullptr;
+    }
+    PyList_SET_ITEM(list, i, address);
+  }
+  return list;
+}
+
+// Python frames, leaf first, as (code_id, instruction_offset, entry) tuples.
+PyObject* python_list(const DecodedRecord& decoded) {
+  const auto count = static_cast<Py_ssize_t>(decoded.frames.python_count);
+  PyObject* list = PyList_New(count);
+  if (list == nullptr) return nullptr;
+  for (Py_ssize_t i = 0; i < count; ++i) {
+    const perfevent::ZVKPythonFrame frame = python_frame(decoded, static_cast<uint32_t>(i));
+    PyObject* entry = (frame.instruction & perfevent::kPythonFrameEntry) ? Py_True : Py_False;
+    Py_INCREF(entry);
+    PyObject* tuple = PyTuple_New(3);
+    PyObject* code = PyLong_FromUnsignedLong(frame.code_id);
+    PyObject* offset =
+        PyLong_FromUnsignedLong(frame.instruction & perfevent::kPythonInstructionMask);
+    if (tuple == nullptr || code == nullptr || offset == nullptr) {
+      Py_XDECREF(tuple);
+      Py_XDECREF(code);
+      Py_XDECREF(offset);
+      Py_DECREF(entry);
+      Py_DECREF(list);
+      return nullptr;
+    }
+    PyTuple_SET_ITEM(tuple, 0, code);
+    PyTuple_SET_ITEM(tuple, 1, offset);
+    PyTuple_SET_ITEM(tuple, 2, entry);
+    PyList_SET_ITEM(list, i, tuple);
+  }
+  return list;
+}
+
 // One record as a dict: the header's fields, then the payload's by its kind, or
 // its bytes as "raw" when the payload can't be read as its kind.
 PyObject* record_dict(const ZVKRecordReader& record) {
@@ -192,6 +238,29 @@ PyObject* record_dict(const ZVKRecordReader& record) {
       d.u64("stream_id", f.fork.stream_id);
       d.u64("ppid", f.fork.ppid);
       d.u64("ptid", f.fork.ptid);
+      break;
+    case DecodedRecord::kCpuStack:
+      d.u64("weight_ns", f.stack.weight_ns);
+      d.name("clock", sample_clock_name(f.stack.clock));
+      d.put("waiting", PyBool_FromLong(f.stack.flags & perfevent::STACK_WAITING));
+      d.u64("flags", f.stack.flags);
+      d.put("ips", native_list(decoded));
+      d.put("py", python_list(decoded));
+      break;
+    case DecodedRecord::kCpuPythonCode:
+      d.u64("code_id", f.code.code_id);
+      d.i64("first_line", f.code.first_line);
+      d.u64("py_version", f.code.python_version);
+      d.text("qualname", decoded.text);
+      d.text("filename", decoded.frames.filename);
+      d.put("linetable",
+            PyBytes_FromStringAndSize(decoded.frames.linetable.data(),
+                                      static_cast<Py_ssize_t>(decoded.frames.linetable.size())));
+      d.put("linetable_cut", PyBool_FromLong(f.code.flags & perfevent::PYTHON_CODE_LINETABLE_CUT));
+      break;
+    case DecodedRecord::kCpuApiStack:
+      d.u64("correlation", f.api_stack.correlation_id);
+      d.put("py", python_list(decoded));
       break;
     case DecodedRecord::kGpuName:
       d.name("table", gpu_kind(record) == cudaevent::kKernelNameKind ? "kernel" : "function");
@@ -393,7 +462,8 @@ class KindFilter {
   }
 
  private:
-  static constexpr uint32_t kCodes = 16;
+  // Room for every named code: the stack sampler's CPU kinds come after the kernel's.
+  static constexpr uint32_t kCodes = 32;
 
   static const char* code_name(uint32_t hw, uint32_t code) {
     switch (hw) {
@@ -938,7 +1008,7 @@ CaptureFile(path) raises OSError when the file can't be read and ValueError
           R"doc(
 Iterates over the file's whole buckets: one list of record dicts per bucket (a
 bucket without a record of `kinds` yields none). `kinds`: event names to keep
-("BEGIN", "SAMPLE", "MMAP", "KERNEL", ...), or None for all. `progress(done,
+("BEGIN", "SAMPLE", "MMAP", "STACK", "PYCODE", "KERNEL", ...), or None for all. `progress(done,
 total)`, in bytes, is called at most five times a second. Damage is skipped and
 noted in `problems`. One iterator is read by one thread at a time: next() while
 another thread's next() is under way raises RuntimeError.
@@ -958,6 +1028,24 @@ another thread's next() is under way raises RuntimeError.
   py::class_<Batches>(m, "Batches")
       .def("__iter__", [](Batches& self) -> Batches& { return self; })
       .def("__next__", &Batches::next);
+
+  m.def(
+      "python_line",
+      [](uint32_t py_version, int first_line, py::buffer linetable, uint32_t offset) {
+        const py::buffer_info table = linetable.request();
+        if (table.ndim != 1 || table.itemsize != 1 || table.strides[0] != 1) {
+          throw py::type_error("linetable must be contiguous bytes");
+        }
+        return zorvek::python_line(py_version, first_line, static_cast<const uint8_t*>(table.ptr),
+                                   static_cast<size_t>(table.size), offset);
+      },
+      py::arg("py_version"), py::arg("first_line"), py::arg("linetable"), py::arg("offset"),
+      R"doc(
+The source line of the instruction at byte `offset` of a code object, from its
+line table (a PYCODE record's "linetable") in the format of the interpreter
+`py_version` (PY_VERSION_HEX, 3.10 and later) and its `first_line`; -1 when the
+instruction has no line or the table doesn't say.
+)doc");
 
   m.def("summarize", &zorvek::summarize, py::arg("paths"), py::arg("progress") = py::none(),
         R"doc(
