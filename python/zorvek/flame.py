@@ -1,17 +1,22 @@
 """`zorvek flame`: a flame graph of a capture's CPU samples.
 
-Each sample's call chain (the kernel's walk of the user stack) is put root first,
-under its process's name (its command line or worker role where zorvek named it,
-else its program), without the kernel's context markers, and named through the
-process's mappings and the symbols of the mapped files (`zorvek.symbols`). The graph is a
-self-contained SVG that a browser opens (each frame's tooltip gives its name,
-samples and share), or with `--format collapsed` one line per stack,
-"root;...;leaf count", the input of the usual flame graph tools.
+Each sample's stack is put root first, under its process's name (its command
+line or worker role where zorvek named it, else its program), and named through
+the process's mappings and the symbols of the mapped files (`zorvek.symbols`). A
+stack sampler's sample is its merged stack (`zorvek.stacks`): native frames with
+the thread's Python frames, `function (file.py:line)`, where the interpreter's
+evaluation frames stood, and a last `[waiting]` frame for a wall clock sample of a
+thread that waited. A kernel's sample is its call chain without the kernel's
+context markers. The graph is a self-contained SVG that a browser opens (each
+frame's tooltip gives its name, samples and share), or with `--format collapsed`
+one line per stack, "root;...;leaf count", the input of the usual flame graph
+tools. Counts are samples.
 
 `--range NAME` keeps the samples taken on a thread while an annotation range of
-that name was open on the same thread. Ranges carry the system clock and samples
-perf's clock; the timeline's clock model puts both on one axis, and its accuracy
-(README, "Clocks in the timeline") bounds how exactly range edges cut.
+that name was open on the same thread. Ranges and the stack sampler's samples
+carry the system clock, the kernel's samples perf's clock; the timeline's clock
+model puts both on one axis, and its accuracy (README, "Clocks in the timeline")
+bounds how exactly range edges cut.
 """
 
 from __future__ import annotations
@@ -25,9 +30,10 @@ import sys
 import zlib
 from typing import Dict, List, Optional, Sequence, Tuple
 
+from .stacks import StackNamer, stack_key
 from .timeline import (VIEW_FAILURES, Progress, Reading, Survey, ViewError, add_files_argument,
                        add_progress_arguments, build_symbolizer, exit_status_help, name_stacks,
-                       sample_frames, view_failed)
+                       sample_frames, sample_kinds, view_failed)
 
 PROG = "zorvek flame"
 
@@ -80,15 +86,23 @@ def _root_name(survey: Survey, symbols, pid: int) -> str:
 
 def collect(args, reading: Reading) -> Tuple[collections.Counter, Survey, List[str]]:
     """Counts of each stack, root first, with the process's name as the root
-    frame; and the survey, and the stated gaps of the symbolizer."""
+    frame; and the survey, and the stated gaps of the symbolizer. The kernel's
+    samples count one each by their call chains; the stack sampler's by their
+    merged stacks, each as many sampling periods as it stands for."""
     pids = set(args.pid) if args.pid else None
     raw: collections.Counter = collections.Counter()
+    merged_raw: collections.Counter = collections.Counter()
+    periods: Dict[int, int] = {}
 
     def count(_index, rec):
         raw[sample_frames(rec)] += 1
 
+    def count_stack(_index, rec):
+        merged_raw[stack_key(rec)] += _weight(rec, periods)
+
     if args.range is None:
-        survey = Survey(reading, pids=pids, keep_gpu=False, on_sample=count).run()
+        survey = Survey(reading, pids=pids, keep_gpu=False, on_sample=count,
+                        on_stack=count_stack).run()
     else:
         survey = Survey(reading, pids=pids, keep_gpu=False).run("reading (1 of 2)")
         ranges = _Ranges(survey, args.range)
@@ -97,32 +111,52 @@ def collect(args, reading: Reading) -> Tuple[collections.Counter, Survey, List[s
             hint = (" (names there: %s)" % ", ".join(names[:8]) + (", ..." if len(names) > 8 else "")
                     ) if names else " (the captures hold no annotation ranges)"
             raise ViewError("no annotation range named %r%s" % (args.range, hint))
-        for index, batch in reading.records(kinds=["SAMPLE"], what="reading (2 of 2)"):
+        for index, batch in reading.records(kinds=sample_kinds(survey), what="reading (2 of 2)"):
             domain = survey.file_domain[index]
             for rec in batch:
-                if rec["event"] != "SAMPLE" or not survey.wanted(rec["pid"]):
+                if rec["hw"] != "CPU" or not survey.wanted(rec["pid"]):
                     continue
-                if ranges.holds(rec["pid"], rec["tid"], domain.perf_to_real(rec["timestamp"])):
-                    raw[sample_frames(rec)] += 1
-    if not survey.samples:
+                if rec["event"] == "SAMPLE":
+                    if ranges.holds(rec["pid"], rec["tid"], domain.perf_to_real(rec["timestamp"])):
+                        raw[sample_frames(rec)] += 1
+                elif rec["event"] == "STACK":
+                    # The stack sampler's clock is the system clock already.
+                    if ranges.holds(rec["pid"], rec["tid"], rec["timestamp"]):
+                        merged_raw[stack_key(rec)] += _weight(rec, periods)
+    if not survey.samples and not survey.stack_samples:
         raise ViewError("no CPU samples in the captures (was CPU sampling on?)")
-    if not raw:
+    if not raw and not merged_raw:
         what = "of process %s" % ", ".join(map(str, sorted(pids))) if pids else ""
         within = " inside range %r" % args.range if args.range else ""
         raise ViewError("no CPU samples %s%s" % (what, within) if what or within else
                         "no CPU samples")
     symbols = build_symbolizer(survey)
     try:
-        keys = list(raw)
-        reading.progress.show("naming %d stacks" % len(keys))
-        named = name_stacks(symbols, keys)
         stacks: collections.Counter = collections.Counter()
-        for (pid, _frames, _padded), names in zip(keys, named):
-            root = _root_name(survey, symbols, pid)
-            stacks[tuple([root] + names[::-1])] += raw[(pid, _frames, _padded)]
+        keys = list(raw)
+        reading.progress.show("naming %d stacks" % (len(keys) + len(merged_raw)))
+        for key, names in zip(keys, name_stacks(symbols, keys)):
+            stacks[tuple([_root_name(survey, symbols, key[0])] + names[::-1])] += raw[key]
+        merged_keys = list(merged_raw)
+        namer = StackNamer(symbols, survey.python_codes)
+        for key, merged in zip(merged_keys, namer.name_many(merged_keys)):
+            count = max(1, round(merged_raw[key] / periods[key[0]]))
+            stacks[(_root_name(survey, symbols, key[0]),) + merged] += count
         return stacks, survey, list(symbols.gaps)
     finally:
         symbols.close()
+
+
+def _weight(rec: dict, periods: Dict[int, int]) -> int:
+    """A stack sample's weight in nanoseconds, noting its process's sampling
+    period: the smallest weight, that of a sample that covers one expiry of its
+    timer. A CPU-time timer expires on the kernel's tick, so on a 250 Hz kernel a
+    1 kHz sample mostly stands for four periods; counting it as four keeps the
+    counts in samples at the asked rate."""
+    weight = rec.get("weight_ns") or 1
+    pid = rec["pid"]
+    periods[pid] = min(periods.get(pid, weight), weight)
+    return weight
 
 
 def write_collapsed(stacks: collections.Counter, out) -> None:

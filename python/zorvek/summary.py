@@ -2,12 +2,16 @@
 
 Per process (files of one process, a rotation say, are merged): annotation ranges
 by name with their count, total, mean, p50, p99 and share of the wall time; the
-CPU functions most often sampled; GPU kernels by time, copies by kind, memsets and
-synchronizations; samples the kernel dropped; and the records by kind.
+CPU functions most often sampled (with stack samples: by self and total time over
+the merged Python and native stacks, and the Python functions by total time); GPU
+kernels by time, copies by kind, memsets and synchronizations; samples the kernel
+dropped; and the records by kind.
 
 The numbers are added up in C++ (`zorvek._reader.summarize`) while the files
 stream through, so memory stays flat however large the capture. Instruction
-pointers are named here, through `zorvek.symbols` and the capture's mappings.
+pointers are named here, through `zorvek.symbols` and the capture's mappings; the
+stack samples are read again here and merged through `zorvek.stacks`, their
+distinct stacks counted once each.
 """
 
 from __future__ import annotations
@@ -47,12 +51,12 @@ _MAX_NAME = 72
 
 # ---- Command line -------------------------------------------------------------
 
-def _summarize(paths, progress=None) -> dict:
+def _summarize(paths, progress=None, marks: Optional[_names.Names] = None) -> dict:
     """The C++ summary, with the profiler's own marks taken out of the ranges: the
     clock-sync ties are hidden, and the producers' stall time is read from its
-    marks."""
+    marks (into `marks` where given, for names learnt later)."""
     result = _reader.summarize(paths, progress=progress)
-    marks = _names.Names()
+    marks = _names.Names() if marks is None else marks
     pids = {process["pid"] for process in result["processes"]}
     for process in result["processes"]:
         names = [r["name"] for r in process["ranges"]]
@@ -64,6 +68,7 @@ def _summarize(paths, progress=None) -> dict:
                              if not r["name"].startswith((CLOCK_SYNC, PRODUCER_STALL))
                              and not marks.learn(process["pid"], r["name"])]
         _add_names(process, marks, pids)
+        process["cpu"]["stack_samples"] = process["records_by_kind"].get("CPU STACK", 0)
     return result
 
 
@@ -190,8 +195,9 @@ def run(args: argparse.Namespace) -> int:
     choice = getattr(args, "progress", None)
     progress = _Progress(enabled=choice if choice is not None else sys.stderr.isatty(),
                          in_place=sys.stderr.isatty())
+    marks = _names.Names()
     try:
-        result = _summarize([c.path for c in captures], progress)
+        result = _summarize([c.path for c in captures], progress, marks)
     except KeyboardInterrupt:
         progress.finish()
         _error("interrupted")
@@ -203,7 +209,11 @@ def run(args: argparse.Namespace) -> int:
     progress.finish()
 
     symbolized = not getattr(args, "no_symbols", False)
-    notes = _add_functions(result, symbolized, top)
+    try:
+        notes = _add_functions(result, symbolized, top, marks)
+    except KeyboardInterrupt:
+        _error("interrupted")
+        return 130
     _report_reading(result["files"])
     for note in notes:
         _error(note)
@@ -275,14 +285,18 @@ def _symbolizer(result: Dict[str, Any]):
         return None
 
 
-def _add_functions(result: Dict[str, Any], symbolized: bool, top: int) -> List[str]:
+def _add_functions(result: Dict[str, Any], symbolized: bool, top: int,
+                   marks: Optional[_names.Names] = None) -> List[str]:
     """Adds "functions" to each process's CPU part: samples by function name, most
-    first, from its samples by instruction pointer. Returns notes on what couldn't
-    be named."""
+    first, from its samples by instruction pointer; for a process with stack
+    samples, self and total time by function over their merged stacks instead
+    (and "python_functions", its Python functions by total time). Returns notes
+    on what couldn't be named."""
     notes: List[str] = []
-    sym = _symbolizer(result) if symbolized and any(
-        p["cpu"]["samples"] for p in result["processes"]) else None
-    if symbolized and sym is None and any(p["cpu"]["samples"] for p in result["processes"]):
+    sampled = any(p["cpu"]["samples"] or p["cpu"].get("stack_samples")
+                  for p in result["processes"])
+    sym = _symbolizer(result) if symbolized and sampled else None
+    if symbolized and sym is None and sampled:
         notes.append("CPU functions: no symbolizer available, instruction pointers shown as "
                      "addresses")
     for process in result["processes"]:
@@ -313,6 +327,16 @@ def _add_functions(result: Dict[str, Any], symbolized: bool, top: int) -> List[s
         cpu["functions"] = [{"function": name, "samples": count, "share": count / total}
                             for name, count in sorted(counts.items(),
                                                       key=lambda item: (-item[1], item[0]))]
+    stacked = [p for p in result["processes"] if p["cpu"].get("stack_samples")]
+    if stacked:
+        from .symbols import Symbolizer
+        # Without symbols the native frames stay addresses; the Python ones are
+        # named all the same, from the capture itself.
+        _add_stack_functions(stacked, sym if sym is not None else Symbolizer(local=False),
+                             marks or _names.Names(), notes)
+    launched = [p for p in result["processes"] if p["records_by_kind"].get("CPU APISTACK")]
+    if launched:
+        _add_launch_lines(launched, notes)
     if sym is not None:
         gaps = list(getattr(sym, "gaps", []) or [])
         for gap in gaps[:5]:
@@ -324,6 +348,137 @@ def _add_functions(result: Dict[str, Any], symbolized: bool, top: int) -> List[s
         except Exception:
             pass
     return notes
+
+
+def _add_stack_functions(stacked: List[Dict[str, Any]], sym, marks: _names.Names,
+                         notes: List[str]) -> None:
+    """Self and total time by function over the merged stacks of each process's
+    stack samples, read again from its files (the C++ summary counts them only);
+    and its samples by thread."""
+    from .stacks import PythonCodes, StackNamer, stack_key
+
+    pids = {p["pid"]: p for p in stacked}
+    codes = PythonCodes()
+    by_stack: Dict[int, Dict[tuple, List[int]]] = {pid: {} for pid in pids}
+    by_thread: Dict[int, Dict[int, int]] = {pid: {} for pid in pids}
+    for path in dict.fromkeys(path for p in stacked for path in p["files"]):
+        try:
+            for batch in _reader.CaptureFile(path).batches(kinds=["STACK", "PYCODE"]):
+                for rec in batch:
+                    pid = rec["pid"]
+                    if pid not in pids:
+                        continue
+                    if rec["event"] == "PYCODE":
+                        codes.add(pid, rec)
+                    elif rec["event"] == "STACK":
+                        entry = by_stack[pid].setdefault(stack_key(rec), [0, 0])
+                        entry[0] += 1
+                        entry[1] += rec.get("weight_ns") or 0
+                        threads = by_thread[pid]
+                        threads[rec["tid"]] = threads.get(rec["tid"], 0) + 1
+        except ValueError as error:  # no longer a capture since the summary read it
+            notes.append(f"CPU stack samples not read: {error}")
+            return
+        except OSError as error:  # gone since the summary read it
+            notes.append(f"CPU stack samples of {_os_error(path, error)}")
+    for pid, process in pids.items():
+        if process["parent"] is not None:
+            codes.inherit(pid, process["parent"])
+    namer = StackNamer(sym, codes)
+    for pid, process in pids.items():
+        cpu = process["cpu"]
+        stacks = by_stack[pid]
+        keys = list(stacks)
+        self_time: Dict[str, List[int]] = {}
+        total_time: Dict[str, List[int]] = {}
+        python = set()
+        for key, stack in zip(keys, namer.name_many(keys)):
+            samples, ns = stacks[key]
+            functions = [namer.function(frame) for frame in stack] or ["[no frames]"]
+            python.update(f for frame, f in zip(stack, functions) if codes.function(frame))
+            for table, names in ((self_time, functions[-1:]), (total_time, set(functions))):
+                for name in names:
+                    entry = table.setdefault(name, [0, 0])
+                    entry[0] += samples
+                    entry[1] += ns
+        all_samples = sum(n for n, _ in stacks.values()) or 1
+        all_ns = sum(ns for _, ns in stacks.values())
+
+        def share(entry: List[int]) -> float:
+            # Time where the samples say how much each stands for, else samples.
+            return entry[1] / all_ns if all_ns else entry[0] / all_samples
+
+        rows = []
+        for name, (total_samples, total_ns) in total_time.items():
+            own = self_time.get(name, [0, 0])
+            rows.append({"function": name, "samples": own[0], "share": share(own),
+                         "self_ns": own[1], "total_samples": total_samples, "total_ns": total_ns,
+                         "total_share": share([total_samples, total_ns]),
+                         "python": name in python})
+        cpu["functions"] = sorted(rows, key=lambda r: (-r["share"], -r["total_share"],
+                                                       r["function"]))
+        cpu["python_functions"] = sorted((r for r in rows if r["python"]),
+                                         key=lambda r: (-r["total_share"], r["function"]))
+        cpu["stack_time_ns"] = all_ns
+        cpu["by_thread"] = [{"tid": tid, "samples": n, "name": marks.thread(pid, tid)}
+                            for tid, n in sorted(by_thread[pid].items(),
+                                                 key=lambda item: (-item[1], item[0]))]
+
+
+# GPU work that a driver API call launched, and the field its time is in.
+_LAUNCHED_KINDS = {"KERNEL": "kernel", "CONCURRENT_KERNEL": "kernel", "MEMCOPY": "copy",
+                   "MEMCOPY_P2P": "copy", "MEMSET": "memset"}
+
+
+def _add_launch_lines(launched: List[Dict[str, Any]], notes: List[str]) -> None:
+    """GPU time by the Python line that launched it: each driver API call's
+    Python frames (APISTACK) name the line, and the kernels, copies and memsets
+    with the call's correlation id add their time to it."""
+    from .stacks import PythonCodes
+
+    pids = {p["pid"]: p for p in launched}
+    codes = PythonCodes()
+    lines: Dict[Tuple[int, int], str] = {}
+    work: List[Tuple[int, int, str, int]] = []  # (pid, correlation, kind, ns)
+    for path in dict.fromkeys(path for p in launched for path in p["files"]):
+        try:
+            kinds = ["APISTACK", "PYCODE", *_LAUNCHED_KINDS]
+            for batch in _reader.CaptureFile(path).batches(kinds=kinds):
+                for rec in batch:
+                    pid, event = rec["pid"], rec["event"]
+                    if pid not in pids:
+                        continue
+                    if event == "PYCODE":
+                        codes.add(pid, rec)
+                    elif event == "APISTACK":
+                        if rec.get("py"):
+                            code_id, instruction, _ = rec["py"][0]
+                            lines[(pid, rec["correlation"])] = (code_id, instruction)
+                    elif event in _LAUNCHED_KINDS and rec["hw"] == "GPU":
+                        span = max(rec.get("end", rec["timestamp"]) - rec["timestamp"], 0)
+                        work.append((pid, rec.get("correlation", 0), _LAUNCHED_KINDS[event], span))
+        except ValueError as error:
+            notes.append(f"GPU launch lines not read: {error}")
+            return
+        except OSError as error:
+            notes.append(f"GPU launch lines of {_os_error(path, error)}")
+    for pid, process in pids.items():
+        if process["parent"] is not None:
+            codes.inherit(pid, process["parent"])
+    totals: Dict[int, Dict[str, Dict[str, int]]] = {pid: {} for pid in pids}
+    for pid, correlation, kind, span in work:
+        leaf = lines.get((pid, correlation))
+        line = codes.frame(pid, *leaf) if leaf is not None else "(no Python frames)"
+        entry = totals[pid].setdefault(line, {"kernel": 0, "copy": 0, "memset": 0, "count": 0,
+                                              "total_ns": 0})
+        entry[kind] += span
+        entry["count"] += 1
+        entry["total_ns"] += span
+    for pid, process in pids.items():
+        process["gpu"]["launch_lines"] = [
+            {"line": line, **entry}
+            for line, entry in sorted(totals[pid].items(),
+                                      key=lambda item: (-item[1]["total_ns"], item[0]))]
 
 
 # ---- Text -------------------------------------------------------------------------
@@ -413,7 +568,9 @@ def _process_text(process: Dict[str, Any], top: int) -> str:
 
     # CPU samples.
     cpu = process["cpu"]
-    if cpu["samples"]:
+    if cpu.get("stack_samples") and "python_functions" in cpu:
+        out.append(_stack_text(cpu, top))
+    elif cpu["samples"]:
         threads = len(cpu["by_thread"])
         out.append(f"\nTop CPU functions: {_count(cpu['samples'])} samples on {threads} "
                    f"thread{'s' if threads != 1 else ''}\n")
@@ -421,13 +578,7 @@ def _process_text(process: Dict[str, Any], top: int) -> str:
                 for f in _limit(cpu["functions"], top)]
         out.append(_table(("samples", "share", "function"), rows, align="rrl"))
         out.append(_more(cpu["functions"], top, "functions"))
-        if threads > 1:
-            rows = [(str(t["tid"]), _count(t["samples"]),
-                     _percent(t["samples"] / cpu["samples"]), _cut(t.get("name") or ""))
-                    for t in _limit(cpu["by_thread"], top)]
-            out.append("CPU samples by thread\n")
-            out.append(_table(("tid", "samples", "share", "thread"), rows, align="lrrl"))
-            out.append(_more(cpu["by_thread"], top, "threads"))
+        out.append(_threads_text(cpu, cpu["samples"], top))
     if cpu["samples"] or cpu["lost_records"] or cpu["configurations"]:
         out.append(f"Records lost by the kernel: {_count(cpu['lost'])} samples "
                    f"({_count(cpu['lost_records'])} LOST records); throttled "
@@ -443,6 +594,14 @@ def _process_text(process: Dict[str, Any], top: int) -> str:
         out.append("\nTop GPU kernels by time (share: of all kernel time)\n")
         out.append(_table(("kernel", "count", "total", "mean", "share"), rows))
         out.append(_more(gpu["kernels"], top, "kernels"))
+    if gpu.get("launch_lines"):
+        busy = sum(k["total_ns"] for k in gpu["launch_lines"]) or 1
+        rows = [(_cut(k["line"]), _count(k["count"]), _duration(k["kernel"]),
+                 _duration(k["copy"] + k["memset"]), _percent(k["total_ns"] / busy))
+                for k in _limit(gpu["launch_lines"], top)]
+        out.append("\nGPU time by the Python line that launched it (share: of all GPU work)\n")
+        out.append(_table(("line", "launches", "kernels", "copies", "share"), rows))
+        out.append(_more(gpu["launch_lines"], top, "lines"))
     if gpu["copies"]:
         rows = [(c["kind"], _count(c["count"]), _bytes(c["bytes"]), _duration(c["total_ns"]),
                  _bytes(c["bytes"] / (c["total_ns"] / 1e9)) + "/s" if c["total_ns"] else "-")
@@ -471,6 +630,48 @@ def _process_text(process: Dict[str, Any], top: int) -> str:
     if process["undecoded"]:
         out.append(f"  ({_count(process['undecoded'])} records not decoded: payload too short "
                    f"or kind unknown)\n")
+    return "".join(out)
+
+
+def _threads_text(cpu: Dict[str, Any], samples: int, top: int) -> str:
+    if len(cpu["by_thread"]) <= 1:
+        return ""
+    rows = [(str(t["tid"]), _count(t["samples"]), _percent(t["samples"] / samples),
+             _cut(t.get("name") or "")) for t in _limit(cpu["by_thread"], top)]
+    return ("CPU samples by thread\n" + _table(("tid", "samples", "share", "thread"), rows,
+                                               align="lrrl")
+            + _more(cpu["by_thread"], top, "threads"))
+
+
+def _stack_text(cpu: Dict[str, Any], top: int) -> str:
+    """The functions of the merged stacks: by self time (in the function itself),
+    with their total time (with what they called), then the Python functions by
+    total time."""
+    samples = cpu["stack_samples"]
+    threads = len(cpu["by_thread"])
+    timed = bool(cpu.get("stack_time_ns"))
+
+    def amount(count: int, ns: int) -> str:
+        return _duration(ns) if timed else _count(count)
+
+    out = [f"\nTop CPU functions: {_count(samples)} stack samples on {threads} "
+           f"thread{'s' if threads != 1 else ''}"
+           + (f", {_duration(cpu['stack_time_ns'])}" if timed else "")
+           + " (self: in the function itself; total: with what it called)\n"]
+    rows = [(amount(f["samples"], f["self_ns"]), _percent(f["share"]),
+             amount(f["total_samples"], f["total_ns"]), _percent(f["total_share"]),
+             _cut(f["function"])) for f in _limit(cpu["functions"], top)]
+    out.append(_table(("self", "share", "total", "share", "function"), rows, align="rrrrl"))
+    out.append(_more(cpu["functions"], top, "functions"))
+    python = cpu["python_functions"]
+    if python:
+        out.append("Python functions by total time\n")
+        rows = [(amount(f["total_samples"], f["total_ns"]), _percent(f["total_share"]),
+                 amount(f["samples"], f["self_ns"]), _percent(f["share"]), _cut(f["function"]))
+                for f in _limit(python, top)]
+        out.append(_table(("total", "share", "self", "share", "function"), rows, align="rrrrl"))
+        out.append(_more(python, top, "functions"))
+    out.append(_threads_text(cpu, samples, top))
     return "".join(out)
 
 
@@ -525,6 +726,8 @@ def _json_document(result: Dict[str, Any], notes: List[str], top: int) -> Dict[s
         cpu["distinct_ips"] = len(cpu["ips"])
         cpu["ips"] = [{"ip": _hex(ip), "samples": n} for ip, n in _limit(cpu["ips"], top)]
         cpu["functions"] = _limit(cpu["functions"], top)
+        if "python_functions" in cpu:
+            cpu["python_functions"] = _limit(cpu["python_functions"], top)
         cpu["mappings"] = [{"addr": _hex(m["addr"]), "len": _hex(m["len"]),
                             "pgoff": _hex(m["pgoff"]), "filename": m["filename"]}
                            for m in cpu["mappings"]]
@@ -563,6 +766,8 @@ def short_summary(files: Iterable[str]) -> str:
             cpu, gpu = process["cpu"], process["gpu"]
             if cpu["samples"]:
                 parts.append(f"{_count(cpu['samples'])} CPU samples")
+            if cpu["stack_samples"]:
+                parts.append(f"{_count(cpu['stack_samples'])} stack samples")
             if cpu["lost"]:
                 parts.append(f"{_count(cpu['lost'])} samples lost")
             if gpu["kernels"]:

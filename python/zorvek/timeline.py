@@ -2,7 +2,8 @@
 and chrome://tracing.
 
 What goes in: annotation ranges as nested slices on their threads (markers as
-instants), CPU samples as instants on their threads with their symbolized stacks,
+instants), CPU samples as instants on their threads with their symbolized stacks
+(the stack sampler's merged with their Python frames, `zorvek.stacks`),
 GPU kernels, copies and memsets on lanes per device and stream, driver API calls as
 slices on the threads that made them with flow arrows to the GPU work they
 launched, process and thread names. Several files (rotation, forked children, other
@@ -13,7 +14,8 @@ captures through the project's reader, the progress line, and the clock model.
 
 Clocks (README, "Clocks in the timeline", says how accurate each is):
 
-- annotations, file headers: the system clock already;
+- annotations, file headers, the stack sampler's samples and mappings: the
+  system clock already;
 - CLOCK_MONOTONIC_RAW (CONFIGURATION records, the mappings listed at the start):
   the time marker's pairs and each file's `clock_shift`, interpolated between
   them;
@@ -41,6 +43,7 @@ from typing import Dict, Iterable, Iterator, List, Optional, Sequence, Set, Tupl
 from ._clocksync import CLOCK_SYNC, mark_clock_sync  # noqa: F401 (mark_clock_sync: public here)
 from ._stallmark import PRODUCER_STALL
 from . import _names
+from .stacks import PythonCodes, StackNamer, stack_key
 from .symbols import Symbolizer, demangle
 
 PROG = "zorvek timeline"
@@ -492,11 +495,13 @@ class Survey:
 
     def __init__(self, reading: Reading, *, pids: Optional[set] = None,
                  keep_gpu: bool = True,
-                 gpu_clock: str = "auto", on_sample=None):
+                 gpu_clock: str = "auto", on_sample=None, on_stack=None):
         self.reading = reading
-        # Called with (file index, record) for each wanted sample, for a view that
-        # needs no second pass.
+        # Called with (file index, record) for each wanted perf SAMPLE (on_sample)
+        # and each wanted STACK sample (on_stack), for a view that needs no second
+        # pass.
         self.on_sample = on_sample
+        self.on_stack = on_stack
         self.pids = pids
         self.keep_gpu = keep_gpu
         self.gpu_clock = gpu_clock
@@ -511,12 +516,18 @@ class Survey:
         self.unmatched_ends = 0
         # The names processes and threads gave themselves.
         self.own_names = _names.Names()
-        # CPU.
+        # CPU: the kernel's samples, and the stack sampler's with the code
+        # objects their Python frames name.
         self.samples = 0
+        self.stack_samples = 0
+        self.first_stack: Optional[int] = None  # system clock
+        self.python_codes = PythonCodes()
         self.lost: Dict[int, int] = {}
         # GPU.
         self.names: Dict[Tuple[int, str], Dict[int, str]] = {}
         self.gpu_ops: List[tuple] = []  # (domain, pid, device, stream, start, end, kind, name_or_id, corr, args)
+        # The Python frames of each driver API call, leaf first, by (pid, correlation).
+        self.api_python: Dict[Tuple[int, int], tuple] = {}
         self.api_calls: List[tuple] = []  # (domain, pid, tid, start, end, cbid, domain_id, corr, func_id, chain)
         self.syncs: List[tuple] = []  # (domain, pid, start, end, sync_type, stream, corr)
         # Per process: the last system-clock time seen, for ranges never ended: its
@@ -568,6 +579,7 @@ class Survey:
         sync_brackets: List[tuple] = []  # (domain, pid, addr, size, lo, hi)
         perf_mmaps: List[tuple] = []  # (domain, pid, perf ts, addr, len, pgoff, filename)
         raw_mmaps: List[tuple] = []
+        real_mmaps: List[tuple] = []
         perf_forks: List[tuple] = []
         order = 0
         for index, batch in self.reading.records(what=what):
@@ -653,11 +665,29 @@ class Survey:
                         entry = (domain, pid, ts, rec["addr"], rec["len"], rec["pgoff"],
                                  rec.get("filename", ""), order)
                         # The mappings listed at the start carry no kernel ids and
-                        # the raw monotonic clock; the kernel's carry perf's clock.
+                        # the raw monotonic clock, on the process's main thread;
+                        # the stack sampler's no ids and the system clock, on its
+                        # own thread; the kernel's carry perf's clock.
                         if rec.get("id", 0) == 0 and rec.get("stream_id", 0) == 0:
-                            raw_mmaps.append(entry)
+                            (raw_mmaps if rec["tid"] == pid else real_mmaps).append(entry)
                         else:
                             perf_mmaps.append(entry)
+                    elif event == "STACK":
+                        # On the system clock, like an annotation.
+                        self.stack_samples += 1
+                        domain.see_real(ts)
+                        if self.first_stack is None or ts < self.first_stack:
+                            self.first_stack = ts
+                        if self.wanted(pid):
+                            self._seen(pid, rec["tid"], ts, domain)
+                            if self.on_stack is not None:
+                                self.on_stack(index, rec)
+                    elif event == "PYCODE":
+                        self.python_codes.add(pid, rec)
+                    elif event == "APISTACK":
+                        if self.keep_gpu and self.wanted(pid) and rec.get("py"):
+                            self.api_python[(pid, rec["correlation"])] = tuple(
+                                map(tuple, rec["py"]))
                     elif event == "EXIT":
                         domain.exits.setdefault((pid, rec["tid"]), []).append(ts)
                     elif event == "FORK":
@@ -681,12 +711,15 @@ class Survey:
         events = []
         for domain, pid, ts, addr, length, pgoff, filename, order in raw_mmaps:
             events.append((domain.raw_to_real(ts), 0, order, pid, addr, length, pgoff, filename))
+        for domain, pid, ts, addr, length, pgoff, filename, order in real_mmaps:
+            events.append((ts, 0, order, pid, addr, length, pgoff, filename))
         for domain, pid, ts, addr, length, pgoff, filename, order in perf_mmaps:
             if (domain, pid, addr, length) in sync_keys:
                 continue
             events.append((domain.perf_to_real(ts), 0, order, pid, addr, length, pgoff, filename))
         for domain, ts, pid, ppid in perf_forks:
             events.append((domain.perf_to_real(ts), 1, 0, pid, ppid, 0, 0, ""))
+            self.python_codes.inherit(pid, ppid)
         events.sort(key=lambda e: (e[0], e[1], e[2]))
         self.mapping_events = events
         return self
@@ -1001,6 +1034,11 @@ def _emit(args, reading, survey: Survey, symbols: Symbolizer, progress: Progress
     device_pids: Dict[tuple, set] = {}
     for op in survey.gpu_ops:
         device_pids.setdefault((id(op[0]), op[2]), set()).add(op[1])
+    # The Python line that launched each call's work, root first, and its leaf.
+    launch_stacks: Dict[Tuple[int, int], List[str]] = {}
+    for (pid, corr), frames in survey.api_python.items():
+        launch_stacks[(pid, corr)] = [survey.python_codes.frame(pid, code_id, instruction)
+                                      for code_id, instruction, _ in reversed(frames)]
     work_by_corr: Dict[Tuple[int, int], List[tuple]] = {}
     for op in survey.gpu_ops:
         domain, pid, device, stream, start, end, kind, name, corr, op_args = op
@@ -1024,6 +1062,8 @@ def _emit(args, reading, survey: Survey, symbols: Symbolizer, progress: Progress
                 op_args = dict(op_args, mangled=raw_name)
         op_args = {k: v for k, v in op_args.items() if v is not None}
         op_args["pid"] = pid
+        if (pid, corr) in launch_stacks:
+            op_args["launched_from"] = launch_stacks[(pid, corr)][-1]
         s, e = domain.gpu_to_real(start), domain.gpu_to_real(max(end, start))
         tracks.add(gpid, tid, s, e, name, "gpu_" + kind, op_args)
         work_by_corr.setdefault((pid, corr), []).append((gpid, tid, s, e))
@@ -1034,7 +1074,7 @@ def _emit(args, reading, survey: Survey, symbols: Symbolizer, progress: Progress
         for address in call[9]:
             if address and address < CONTEXT_MARKER_FLOOR:
                 chains.add((call[1], address))
-    names = symbols.lookup_many(sorted(chains)) if chains else {}
+    names = symbols.frames_many(sorted(chains)) if chains else {}
     flows = []
     for domain, pid, tid, start, end, cbid, cb_domain, corr, func_id, chain in survey.api_calls:
         s, e = domain.gpu_to_real(start), domain.gpu_to_real(max(end, start))
@@ -1046,7 +1086,11 @@ def _emit(args, reading, survey: Survey, symbols: Symbolizer, progress: Progress
         while frames and _profiler_frame(symbols, pid, frames[0]):
             frames.pop(0)
         if frames:
-            call_args["stack"] = [names.get((pid, a), "0x%x" % a) for a in frames]
+            call_args["stack"] = [name for a in frames
+                                  for name in names.get((pid, a), ("0x%x" % a,))]
+        if (pid, corr) in launch_stacks:
+            call_args["python"] = launch_stacks[(pid, corr)]
+            call_args["launched_from"] = launch_stacks[(pid, corr)][-1]
         name = driver_call_name(cbid) if cb_domain == 1 else "CUDA call %d.%d" % (cb_domain, cbid)
         tracks.add(pid, tid, s, e, name, "cuda_api", call_args, priority=1)
         for target in work_by_corr.get((pid, corr), ()):
@@ -1057,6 +1101,8 @@ def _emit(args, reading, survey: Survey, symbols: Symbolizer, progress: Progress
     for slices in tracks.slices.values():
         candidates.extend(s[0] for s in slices)
     candidates.extend(s[1] for s in tracks.async_slices)
+    if survey.first_stack is not None:
+        candidates.append(survey.first_stack)
     for domain in survey.domains:
         if domain.sample_range[0] is not None:
             candidates.append(domain.perf_to_real(domain.sample_range[0]))
@@ -1125,7 +1171,7 @@ def _emit(args, reading, survey: Survey, symbols: Symbolizer, progress: Progress
             writer.event({"ph": "f", "bp": "e", "name": "launch", "cat": "cuda_flow",
                           "id": flow_id, "pid": gpid, "tid": gtid, "ts": writer.ts((gs + ge) // 2)})
         counts["flows"] = len(flows)
-        if args.samples and survey.samples:
+        if args.samples and (survey.samples or survey.stack_samples):
             counts["samples"] = _emit_samples(writer, reading, survey, symbols)
         writer.finish()
     except BaseException:
@@ -1191,10 +1237,12 @@ def sample_frames(rec: dict) -> Tuple[int, Tuple[int, ...], bool]:
 def name_stacks(symbols: Symbolizer, stacks: Sequence[Tuple[int, Tuple[int, ...], bool]]
                 ) -> List[List[str]]:
     """Frame names, innermost first, for many stacks with one round of questions
-    per file. Return addresses are asked one byte back, inside the call that made
-    them. A chain of an odd number of words is stored padded to an even number,
-    and the pad keeps what the buffer held before: a last frame that lies in no
-    mapping of its process is taken for that pad and left out."""
+    to the symbolizer; a function inlined at an address is a frame of its own,
+    inside the one it was inlined into. Return addresses are asked one byte
+    back, inside the call that made them. A chain of an odd number of words is
+    stored padded to an even number, and the pad keeps what the buffer held
+    before: a last frame that lies in no mapping of its process is taken for that
+    pad and left out."""
     keyed, asks = [], set()
     for pid, frames, padded in stacks:
         if padded and symbols.has_mappings(pid) and symbols.mapping(pid, frames[-1]) is None:
@@ -1202,21 +1250,37 @@ def name_stacks(symbols: Symbolizer, stacks: Sequence[Tuple[int, Tuple[int, ...]
         keys = [(pid, a if i == 0 else a - 1) for i, a in enumerate(frames)]
         asks.update(keys)
         keyed.append(keys)
-    names = symbols.lookup_many(sorted(asks)) if asks else {}
-    return [[names[k] for k in keys] for keys in keyed]
+    names = symbols.frames_many(sorted(asks)) if asks else {}
+    return [[name for k in keys for name in names[k]] for keys in keyed]
 
 
 def sample_stacks(batch: list, survey: Survey, symbols: Symbolizer):
-    """(record, frame names innermost first) for the samples of a batch that the
-    survey wants."""
+    """(record, frame names innermost first) for the perf samples of a batch that
+    the survey wants."""
     records = [r for r in batch if r["event"] == "SAMPLE" and r["hw"] == "CPU"
                and survey.wanted(r["pid"])]
     return zip(records, name_stacks(symbols, [sample_frames(r) for r in records]))
 
 
+def merged_stacks(batch: list, survey: Survey, namer: StackNamer):
+    """(record, merged stack root first) for the STACK samples of a batch that the
+    survey wants."""
+    records = [r for r in batch if r["event"] == "STACK" and r["hw"] == "CPU"
+               and survey.wanted(r["pid"])]
+    return zip(records, namer.name_many([stack_key(r) for r in records]))
+
+
+def sample_kinds(survey: Survey) -> List[str]:
+    """The record kinds that hold the samples the survey saw (a reader that
+    doesn't know STACK isn't asked for it)."""
+    return ["SAMPLE"] + (["STACK"] if survey.stack_samples else [])
+
+
 def _emit_samples(writer: TraceWriter, reading: Reading, survey: Survey, symbols: Symbolizer) -> int:
+    """One instant event per sample on its thread; its `stack` innermost first."""
     count = 0
-    for index, batch in reading.records(kinds=["SAMPLE"], what="reading (2 of 2)"):
+    namer = StackNamer(symbols, survey.python_codes)
+    for index, batch in reading.records(kinds=sample_kinds(survey), what="reading (2 of 2)"):
         domain = survey.file_domain[index]
         for rec, stack in sample_stacks(batch, survey, symbols):
             leaf = stack[0] if stack else "0x%x" % rec.get("ip", 0)
@@ -1224,6 +1288,16 @@ def _emit_samples(writer: TraceWriter, reading: Reading, survey: Survey, symbols
                           "pid": rec["pid"], "tid": rec["tid"],
                           "ts": writer.ts(domain.perf_to_real(rec["timestamp"])),
                           "args": {"stack": stack, "cpu": rec.get("device")}})
+            count += 1
+        for rec, merged in merged_stacks(batch, survey, namer):
+            stack = list(merged[::-1])
+            sample_args = {"stack": stack, "cpu": rec.get("device"), "clock": rec.get("clock"),
+                           "weight_ns": rec.get("weight_ns")}
+            if rec.get("waiting"):
+                sample_args["waiting"] = True
+            writer.event({"ph": "i", "s": "t", "name": stack[0] if stack else "[no frames]",
+                          "cat": "cpu_sample", "pid": rec["pid"], "tid": rec["tid"],
+                          "ts": writer.ts(rec["timestamp"]), "args": sample_args})
             count += 1
     return count
 

@@ -5,6 +5,8 @@ symbols and frame pointers that burns time in known functions; annotation ranges
 from several threads; GPU records from the CUPTI stand-in; several files of one
 run. The views run as the `zorvek` command does, in their own processes."""
 
+import ctypes
+import dis
 import glob
 import gzip
 import json
@@ -15,6 +17,7 @@ import socket
 import sys
 import time
 import xml.etree.ElementTree as ElementTree
+import zlib
 
 import pytest
 
@@ -646,3 +649,203 @@ def test_flame_refuses_a_width_it_cannot_draw_in(tmp_path, width):
     assert process.returncode == 2
     assert f"argument --width: {width!r}" in process.stderr
     assert not (tmp_path / "f.svg").exists()
+
+
+# ---- Stack samples: merged Python and native stacks --------------------------------
+
+APP = """\
+def main():
+    step()
+
+
+def step():
+    total = 1
+    inner()
+    return total
+
+
+def inner():
+    return 2
+"""
+
+
+def _record(timestamp, hw, event, pid, tid, payload):
+    payload += b"\0" * (-len(payload) % 8)
+    return struct.pack("<QIIIHH", timestamp, (hw << 28) | event, pid, tid, 0,
+                       len(payload)) + payload
+
+
+def _stack_sample(ts, pid, tid, ips, frames, waiting=False):
+    """A STACK record: ips leaf first, frames (code id, offset, entry) leaf first."""
+    flags = (1 | 8) if waiting else 0  # waiting, no native walk
+    payload = struct.pack("<QHHBBH", 10_000_000, len(ips), len(frames), 1 if waiting else 0,
+                          flags, 0)
+    payload += struct.pack("<%dQ" % len(ips), *ips)
+    for code_id, offset, entry in frames:
+        payload += struct.pack("<II", code_id, offset | (0x80000000 if entry else 0))
+    return _record(ts, 0, 16, pid, tid, payload)
+
+
+def _python_code(ts, pid, code_id, code, filename):
+    qualname, name = code.co_qualname.encode(), filename.encode()
+    table = code.co_linetable
+    payload = struct.pack("<IiIHHII", code_id, code.co_firstlineno, sys.hexversion, len(qualname),
+                          len(name), len(table), 0) + qualname + name + table
+    return _record(ts, 0, 17, pid, tid=pid + 1, payload=payload)
+
+
+def _mapping(ts, pid, start, length, pgoff, name):
+    """An MMAP record as the stack sampler writes it: no kernel ids, the system
+    clock, its own thread."""
+    name = name.encode()
+    payload = struct.pack("<QQQQQQ", 0, 0, start, length, pgoff, len(name)) + name + b"\0"
+    return _record(ts, 0, 6, pid, pid + 1, payload)
+
+
+def _annotation(ts, event, pid, tid, token, msg=""):
+    payload = struct.pack("<Q", token) + (msg.encode() + b"\0" if event == 0 else b"")
+    return _record(ts, 5, event, pid, tid, payload)
+
+
+def _offsets(code, wanted):
+    at = next(i for i in dis.get_instructions(code) if i.opname.startswith(wanted))
+    return at.offset
+
+
+@pytest.fixture(scope="module")
+def stacked(tmp_path_factory, synced, burn_library):
+    """A capture of stack samples of a process whose mappings are this test's
+    own: its interpreter and the burn library, with Python code from app.py.
+    Thread T1 runs main > step > (PyObject_Call) > inner > burn_a, 6 samples, the
+    first 3 inside a range "phase"; thread T2 waits in main > step, 3 samples."""
+    folder = tmp_path_factory.mktemp("stacked")
+    app = folder / "app.py"
+    app.write_text(APP)
+    namespace = {}
+    exec(compile(APP, str(app), "exec"), namespace)
+    codes = {name: namespace[name].__code__ for name in ("main", "step", "inner")}
+    ids = {"main": 1, "step": 2, "inner": 3}
+    burn = ctypes.CDLL(str(burn_library))
+    api = ctypes.pythonapi
+
+    def address(function):
+        return ctypes.cast(function, ctypes.c_void_p).value
+
+    leaf = address(burn.burn_a) + 4
+    native = [leaf, address(api._PyEval_EvalFrameDefault) + 5, address(api.PyObject_Call) + 5,
+              address(api._PyEval_EvalFrameDefault) + 5, address(api.Py_RunMain) + 5]
+    frames = [(ids["inner"], _offsets(codes["inner"], "RETURN"), True),
+              (ids["step"], _offsets(codes["step"], "CALL"), False),
+              (ids["main"], _offsets(codes["main"], "CALL"), True)]
+
+    header = bucket_header(synced[1][0])
+    pid = struct.unpack_from("<I", header, 48)[0]
+    t1, t2 = pid + 7, pid + 8
+    start = struct.unpack_from("<Q", header, 24)[0] + 1000
+    records = []
+    with open("/proc/self/maps") as maps:
+        for line in maps:
+            parts = line.split(None, 5)
+            if parts[1][2] == "x":
+                lo, hi = (int(x, 16) for x in parts[0].split("-"))
+                records.append(_mapping(start, pid, lo, hi - lo, int(parts[2], 16),
+                                        parts[5].strip() if len(parts) > 5 else ""))
+    for name, code in codes.items():
+        records.append(_python_code(start + 1, pid, ids[name], code, str(app)))
+    records.append(_annotation(start + 2, 0, pid, t1, 41, "phase"))
+    for i in range(6):
+        records.append(_stack_sample(start + 10 + i * 10, pid, t1, native, frames))
+        if i == 2:
+            records.append(_annotation(start + 35, 1, pid, t1, 41))
+    for i in range(3):
+        records.append(_stack_sample(start + 15 + i * 10, pid, t2, [], frames[1:], waiting=True))
+    path = folder / ("stacked_%d_0.zvkraw" % pid)
+    data = b"".join(records)
+    stream = zlib.compress(data, 1)
+    stamps = [struct.unpack_from("<Q", r)[0] for r in records]
+    header = bytearray(header)
+    # One bucket, and room for it.
+    struct.pack_into("<III", header, 52, max(struct.unpack_from("<I", header, 52)[0], len(stream)),
+                     max(struct.unpack_from("<I", header, 56)[0], len(data)), 1)
+    path.write_bytes(bytes(header) + struct.pack("<QQQII", min(stamps), max(stamps), len(records),
+                                                 len(stream), len(data)) + stream)
+    lines = {name: next(line for s, e, line in code.co_lines()
+                        if s <= dict((f[0], f[1]) for f in frames)[ids[name]] < e)
+             for name, code in codes.items()}
+    return str(path), {name: "%s (app.py:%d)" % (name, lines[name]) for name in codes}, (t1, t2)
+
+
+def bucket_header(path):
+    """The header bytes of a capture file."""
+    data = open(path, "rb").read()
+    return data[:88 + sum(struct.unpack_from("<HHHHH", data, 72))]
+
+
+def test_flame_shows_merged_python_and_native_stacks(stacked, tmp_path):
+    path, frames, _ = stacked
+    counts, stderr = collapsed([path], tmp_path)
+    assert sum(counts.values()) == 9, counts
+    (running,) = [s for s in counts if s.endswith(";burn_a")]
+    python = ";".join([frames["main"], frames["step"]])
+    assert ";Py_RunMain;%s;PyObject_Call;%s;burn_a" % (python, frames["inner"]) in running, running
+    assert "_PyEval_EvalFrameDefault" not in running
+    assert counts[running] == 6
+    assert counts[running.split(";")[0] + ";" + python + ";[waiting]"] == 3, counts
+    # The range's edges cut stack samples on the system clock.
+    counts, _ = collapsed([path], tmp_path, "--range", "phase")
+    assert counts == {running: 3}
+
+
+def test_flame_svg_of_stack_samples_names_python_frames(stacked, tmp_path):
+    path, frames, _ = stacked
+    out = tmp_path / "flame.svg"
+    done = zorvek(["flame", path, "-o", str(out)], tmp_path)
+    assert done.returncode == 0, done.stderr
+    svg = ElementTree.parse(out).getroot()
+    titles = [t.text for t in svg.iter("{http://www.w3.org/2000/svg}title")]
+    assert any(t.startswith(frames["inner"] + " (6 samples") for t in titles), titles
+    assert any(t.startswith("[waiting] (3 samples") for t in titles), titles
+
+
+def test_timeline_samples_hold_merged_stacks_leaf_first(stacked, tmp_path):
+    path, frames, (t1, t2) = stacked
+    out = tmp_path / "trace.json"
+    done = zorvek(["timeline", path, "-o", str(out)], tmp_path)
+    assert done.returncode == 0, done.stderr
+    samples = [e for e in load_trace(out)["traceEvents"] if e.get("cat") == "cpu_sample"]
+    assert len(samples) == 9
+    running = [e for e in samples if e["tid"] == t1]
+    waiting = [e for e in samples if e["tid"] == t2]
+    assert len(running) == 6 and len(waiting) == 3
+    stack = running[0]["args"]["stack"]
+    assert running[0]["name"] == "burn_a" == stack[0]
+    assert stack[1:4] == [frames["inner"], "PyObject_Call", frames["step"]]
+    assert stack.index(frames["main"]) < stack.index("Py_RunMain")
+    assert running[0]["args"]["clock"] == "cpu" and "waiting" not in running[0]["args"]
+    assert waiting[0]["args"]["stack"] == ["[waiting]", frames["step"], frames["main"]]
+    assert waiting[0]["args"]["waiting"] is True and waiting[0]["args"]["clock"] == "wall"
+    # On the system clock, 10 ns apart, in their order.
+    assert sorted(e["ts"] for e in running) == [e["ts"] for e in running]
+
+
+def test_summary_top_functions_are_the_users_by_self_and_total_time(stacked, tmp_path):
+    path, frames, _ = stacked
+    done = subprocess.run([sys.executable, "-m", "zorvek", "summary", "--json", path],
+                          capture_output=True, text=True, timeout=120)
+    assert done.returncode == 0, done.stderr
+    (process,) = [p for p in json.loads(done.stdout)["processes"] if p["cpu"]["stack_samples"]]
+    cpu = process["cpu"]
+    assert cpu["stack_samples"] == 9
+    functions = {f["function"]: f for f in cpu["functions"]}
+    assert functions["burn_a"]["samples"] == 6 and functions["[waiting]"]["samples"] == 3
+    assert functions["main (app.py)"]["total_samples"] == 9
+    assert functions["main (app.py)"]["samples"] == 0
+    assert functions["inner (app.py)"]["total_samples"] == 6
+    assert abs(functions["burn_a"]["share"] - 6 / 9) < 1e-9
+    python = [f["function"] for f in cpu["python_functions"]]
+    assert python == ["main (app.py)", "step (app.py)", "inner (app.py)"]
+    assert sorted(t["samples"] for t in cpu["by_thread"]) == [3, 6]
+    text = subprocess.run([sys.executable, "-m", "zorvek", "summary", path], capture_output=True,
+                          text=True, timeout=120).stdout
+    assert "9 stack samples on 2 threads" in text, text
+    assert "Python functions by total time" in text and "inner (app.py)" in text
