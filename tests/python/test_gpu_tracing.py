@@ -6,6 +6,8 @@ CUPTI's own record structures, and fires driver API calls from several threads."
 import glob
 import json
 import os
+import subprocess
+import sys
 import textwrap
 
 from zvk_testing import (CUDA_API, KERNEL, KERNEL_NAME, MEMCOPY, fake_cupti_library,
@@ -55,6 +57,76 @@ def run_scenario(tmp_path, rounds):
     assert code == 0, err[-4000:]
     files = sorted(glob.glob(str(tmp_path / "gpu_*.zvkraw")))
     return [json.loads(line) for line in out.splitlines()], files, err
+
+
+LAUNCH_SCENARIO = textwrap.dedent("""
+    import ctypes, os, sys, threading
+    fake = ctypes.CDLL(os.environ["ZVK_CUPTI_LIBRARY"])
+    fake.fake_cupti_emit_kernel.argtypes = [ctypes.c_char_p] + [ctypes.c_uint32] * 3 + [ctypes.c_uint64] * 2
+    fake.fake_cupti_fire_api.argtypes = [ctypes.c_int, ctypes.c_uint32, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_uint32]
+    fake.fake_cupti_fire_api.restype = ctypes.c_bool
+    import _zorv
+
+    config = _zorv.Config()
+    config.profiler = {"EnableCuda": "1", "BucketCount": "4", "BucketSizeMB": "4",
+                       "RecordFile": sys.argv[1]}
+    profiler = _zorv.Zorvek.instance()
+    assert repr(profiler.configure(config)) == "OK"
+    profiler.start_profiling()
+
+    class Model:
+        def forward(self, correlation):
+            fake.fake_cupti_emit_kernel(b"gemm_kernel", 0, 7, correlation, 1000, 4000)
+            assert fake.fake_cupti_fire_api(1, 307, b"gemm_kernel", b"cuLaunchKernel", correlation)
+
+    def train():
+        model = Model()
+        for correlation in (11, 12, 13):
+            model.forward(correlation)
+
+    thread = threading.Thread(target=train)
+    thread.start()
+    thread.join()
+    assert repr(profiler.stop_profiling()) == "OK"
+""")
+
+
+def test_each_driver_api_call_names_the_python_line_that_made_it(tmp_path):
+    script = tmp_path / "scenario.py"
+    script.write_text(LAUNCH_SCENARIO)
+    env = {"ZVK_CUPTI_LIBRARY": fake_cupti_library()}
+    code, _, err = run_python([str(script), str(tmp_path / "gpu_%p")], cwd=tmp_path, env=env,
+                              timeout=60)
+    assert code == 0, err[-4000:]
+    files = sorted(glob.glob(str(tmp_path / "gpu_*.zvkraw")))
+    from zorvek import _reader
+    codes, stacks = {}, {}
+    for path in files:
+        for batch in _reader.CaptureFile(path).batches(kinds=["PYCODE", "APISTACK"]):
+            for rec in batch:
+                if rec["event"] == "PYCODE":
+                    codes[rec["code_id"]] = rec
+                else:
+                    stacks[rec["correlation"]] = rec["py"]
+    assert sorted(stacks) == [11, 12, 13]
+    call_line = next(i for i, text in enumerate(LAUNCH_SCENARIO.splitlines(), 1)
+                     if "assert fake.fake_cupti_fire_api" in text)
+    for frames in stacks.values():
+        names = [codes[code_id]["qualname"] for code_id, _, _ in frames]
+        # Leaf first, down to the thread's own start in threading.py.
+        assert names[:3] == ["Model.forward", "train", "Thread.run"]
+        assert names[-1] == "Thread._bootstrap"
+        code_id, offset, _ = frames[0]
+        leaf = codes[code_id]
+        assert leaf["filename"].endswith("scenario.py")
+        assert _reader.python_line(leaf["py_version"], leaf["first_line"], leaf["linetable"],
+                                   offset) == call_line
+
+    summary = subprocess.run([sys.executable, "-m", "zorvek", "summary", *files],
+                             capture_output=True, text=True, timeout=120)
+    assert summary.returncode == 0, summary.stderr
+    assert "GPU time by the Python line that launched it" in summary.stdout
+    assert "Model.forward (scenario.py:%d)" % call_line in summary.stdout
 
 
 def test_every_record_kind_reaches_the_file_with_its_header_fields(tmp_path):

@@ -12,11 +12,15 @@
 #include <unordered_map>
 #include <utility>
 
+#include "zorv/cpu/pyframes.h"
+#include "zorv/cpu/pythonlayout.h"
+#include "zorv/cpu/zvksampleevents.h"
 #include "zorv/cuda/zvkcudastructs.h"
 #include "zorv/cuda/zvkcupti.h"
 #include "zorv/io/zvkforklocks.h"
 #include "zorv/io/zvkrecord.h"
 #include "zorv/utils/backtrace.h"
+#include "zorv/utils/clock.h"
 #include "zorv/utils/config_values.h"
 #include "zorv/utils/identity.h"
 #include "zorv/utils/logging.h"
@@ -399,6 +403,73 @@ uint32_t function_name_id(const char* symbol_name, uint64_t start, uint32_t tid)
   return id.first;
 }
 
+// ---- The Python line behind each driver API call ---------------------------------
+//
+// Each traced call's record is followed by the Python frames of the thread that
+// made it, so that the views name the line that launched a kernel or a copy. The
+// code objects are announced the first time a call meets them, through the same
+// record helper, so they reach the capture before the stacks that name them.
+
+class ApiCodeSink final : public PythonCodeSink {
+ public:
+  void on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
+                   const char* filename, const uint8_t* linetable) override {
+    ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
+    if (rh == nullptr) return;
+    const uint32_t size = perfevent::python_code_payload_size(
+        header.qualname_size, header.filename_size, header.linetable_size);
+    auto writer = rh->new_record(now_ns(), make_event_word(CPU, 0, perfevent::PYTHON_CODE),
+                                 static_cast<int32_t>(pid.load()),
+                                 static_cast<int32_t>(current_tid()), 0,
+                                 static_cast<uint16_t>(size));
+    char* out = static_cast<char*>(writer.get_payload_store());
+    std::memset(out, 0, size);
+    std::memcpy(out, &header, sizeof(header));
+    out += sizeof(header);
+    std::memcpy(out, qualname, header.qualname_size);
+    out += header.qualname_size;
+    std::memcpy(out, filename, header.filename_size);
+    out += header.filename_size;
+    std::memcpy(out, linetable, header.linetable_size);
+  }
+};
+
+ApiCodeSink api_code_sink;
+// Made at the first start in a process with an interpreter; never freed, as a
+// callback may still be walking when a stop returns.
+std::atomic<PythonFrameWalker*> api_walker{nullptr};
+
+constexpr size_t kMaxApiPythonFrames = 128;
+
+void write_api_python_stack(ZVKBufferRecordHelper* rh, uint64_t start, uint32_t tid,
+                            uint32_t correlation_id) {
+  PythonFrameWalker* walker = api_walker.load(std::memory_order_acquire);
+  if (walker == nullptr) return;
+  const uintptr_t state = walker->current_thread_state();
+  if (state == 0) return;
+  perfevent::ZVKPythonFrame frames[kMaxApiPythonFrames];
+  bool cut = false;
+  const size_t count = walker->walk(state, frames, kMaxApiPythonFrames, &cut);
+  if (count == 0) return;
+  const uint32_t size = sizeof(perfevent::ZVKApiPythonStack) +
+                        static_cast<uint32_t>(count * sizeof(perfevent::ZVKPythonFrame));
+  auto writer = rh->new_record(start, make_event_word(CPU, 0, perfevent::API_PYTHON_STACK),
+                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(tid), 0,
+                               static_cast<uint16_t>(size));
+  char* out = static_cast<char*>(writer.get_payload_store());
+  perfevent::ZVKApiPythonStack head = {};
+  head.correlation_id = correlation_id;
+  head.python_count = static_cast<uint16_t>(count);
+  std::memcpy(out, &head, sizeof(head));
+  std::memcpy(out + sizeof(head), frames, count * sizeof(perfevent::ZVKPythonFrame));
+}
+
+void start_api_python_stacks() {
+  const PythonLayout* layout = python_layout();
+  if (layout == nullptr || api_walker.load(std::memory_order_acquire) != nullptr) return;
+  api_walker.store(new PythonFrameWalker(*layout, &api_code_sink), std::memory_order_release);
+}
+
 void OnDriverApiExit(CUpti_CallbackDomain domain, uint32_t cbid, const CUpti_CallbackData* info) {
   uint64_t end = 0;
   cupti().cuptiGetTimestamp(&end);
@@ -424,6 +495,7 @@ void OnDriverApiExit(CUpti_CallbackDomain domain, uint32_t cbid, const CUpti_Cal
   const cudaevent::callback payload = {end, static_cast<uint32_t>(domain), cbid,
                                        info->correlationId, name_id};
   std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
+  write_api_python_stack(rh, start, tid, info->correlationId);
 }
 
 // The collector's operations, as written in their failure lines.
@@ -613,6 +685,7 @@ Status ZVKCudaCollector::start_profiling() {
   // Loads the unwinder here rather than in the first driver API callback.
   void* warm_up[1];
   capture_backtrace(warm_up, 1);
+  start_api_python_stacks();
   // The last stop's forced flush took every buffer back from CUPTI.
   buffers_with_cupti = 0;
   const auto deadline = limit_deadline(m_first_capture, m_max_capture_duration);
@@ -702,6 +775,9 @@ void ZVKCudaCollector::discard_parents_activity() {
     buffer = nullptr;
   }
   buffers_with_cupti = 0;
+  // The codes the parent announced are in the parent's capture, not the child's.
+  PythonFrameWalker* walker = api_walker.load(std::memory_order_acquire);
+  if (walker != nullptr) walker->forget_codes();
 }
 
 std::thread* ZVKCudaCollector::start_buffer_rotator() {
