@@ -18,6 +18,8 @@
 #include <thread>
 #include <vector>
 
+#include "zorv/cpu/signalring.h"
+
 namespace zorvek {
 namespace {
 
@@ -244,7 +246,7 @@ class RecordingSink final : public PythonCodeSink {
     uint32_t flags;
     int announcements;
   };
-  void on_new_code(const ZVKPythonCode& header, const char* qualname, const char* filename,
+  bool on_new_code(const ZVKPythonCode& header, const char* qualname, const char* filename,
                    const uint8_t* linetable) override {
     std::lock_guard<std::mutex> lock(mutex_);
     EXPECT_NE(0u, header.code_id);
@@ -258,6 +260,7 @@ class RecordingSink final : public PythonCodeSink {
                 std::vector<uint8_t>(linetable, linetable + header.linetable_size), header.flags,
                 code.announcements + 1};
     ++total_;
+    return true;
   }
   Code code(uint32_t id) {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -627,22 +630,101 @@ TEST_F(PyFramesTest, AReusedCodeAddressWithOtherStringsGetsANewId) {
   EXPECT_EQ(3, sink_.total());
 }
 
-TEST_F(PyFramesTest, AFullTableStillNamesEveryFrame) {
+TEST_F(PyFramesTest, AFullTableGivesASlotToTheNewCode) {
   const Model model = Model::kShims;
   FakeCode* a = memory_.code("a", "f.py", 1);
   FakeCode* b = memory_.code("b", "f.py", 2);
-  FakeFrame* f_b = memory_.frame(model, b, 0, nullptr);
-  FakeFrame* f_a = memory_.frame(model, a, 0, f_b);
-  FakeThread* thread = memory_.thread(model, f_a);
+  FakeThread* in_a = memory_.thread(model, memory_.frame(model, a, 0, nullptr));
+  FakeThread* in_b = memory_.thread(model, memory_.frame(model, b, 0, nullptr));
   PythonFrameWalker walker(make_layout(model, &interpreter_), &sink_, 1);
 
-  const std::vector<Walked> first = walk(walker, sink_, thread);
-  const std::vector<Walked> second = walk(walker, sink_, thread);
-  EXPECT_EQ((std::vector<Walked>{{"a", 0, false, 0}, {"b", 0, false, 0}}), first);
-  EXPECT_EQ(first, second);
-  EXPECT_EQ(first[0].id, second[0].id);  // a holds the one slot
-  EXPECT_NE(first[1].id, second[1].id);  // b is announced afresh each time
+  const uint32_t a_id = walk(walker, sink_, in_a)[0].id;
+  EXPECT_EQ(a_id, walk(walker, sink_, in_a)[0].id);
+  EXPECT_EQ(1, sink_.total());
+
+  // b takes the one slot from a, once: later walks find it cached.
+  const uint32_t b_id = walk(walker, sink_, in_b)[0].id;
+  EXPECT_EQ("b", sink_.code(b_id).qualname);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(b_id, walk(walker, sink_, in_b)[0].id);
+  EXPECT_EQ(2, sink_.total());
+
+  // a comes back under an id of its own, never one given before.
+  const uint32_t a_again = walk(walker, sink_, in_a)[0].id;
+  EXPECT_NE(a_id, a_again);
+  EXPECT_NE(b_id, a_again);
+  EXPECT_EQ("a", sink_.code(a_again).qualname);
+  EXPECT_EQ(a_again, walk(walker, sink_, in_a)[0].id);
   EXPECT_EQ(3, sink_.total());
+
+  // Both in one stack: each walk names both frames right.
+  FakeThread* both = memory_.thread(
+      model, memory_.frame(model, a, 0, memory_.frame(model, b, 0, nullptr)));
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ((std::vector<Walked>{{"a", 0, false, 0}, {"b", 0, false, 0}}),
+              walk(walker, sink_, both));
+  }
+}
+
+// Writes each code into a signal ring, as the sampler's sink does, and says
+// whether it found room.
+class RingSink final : public PythonCodeSink {
+ public:
+  explicit RingSink(SignalRing* ring) : ring_(ring) {}
+  bool on_new_code(const ZVKPythonCode& header, const char* qualname, const char*,
+                   const uint8_t*) override {
+    char payload[sizeof(ZVKPythonCode) + 64] = {};
+    memcpy(payload, &header, sizeof(header));
+    strncpy(payload + sizeof(header), qualname, 63);
+    return ring_->push(perfevent::PYTHON_CODE, 1, 1, 0, payload, sizeof(payload));
+  }
+
+ private:
+  SignalRing* const ring_;
+};
+
+// The PYTHON_CODE entries in the ring: code id and qualname.
+std::vector<std::pair<uint32_t, std::string>> drain_codes(SignalRing& ring) {
+  std::vector<std::pair<uint32_t, std::string>> codes;
+  ring.drain([&](const SignalRingEntry& entry, const uint8_t* payload, uint32_t) {
+    if (entry.kind != perfevent::PYTHON_CODE) return;
+    ZVKPythonCode header;
+    memcpy(&header, payload, sizeof(header));
+    codes.emplace_back(header.code_id,
+                       reinterpret_cast<const char*>(payload + sizeof(ZVKPythonCode)));
+  });
+  return codes;
+}
+
+TEST_F(PyFramesTest, ACodeWhoseAnnouncementWasLostIsAnnouncedAgain) {
+  const Model model = Model::kShims;
+  FakeCode* code = memory_.code("lost", "l.py", 1);
+  FakeThread* thread = memory_.thread(model, memory_.frame(model, code, 0, nullptr));
+  SignalRing ring(4096);
+  RingSink ring_sink(&ring);
+  PythonFrameWalker walker(make_layout(model, &interpreter_), &ring_sink);
+  // Full to the last 8 bytes of payload.
+  const uint64_t filler[16] = {};
+  for (uint32_t size : {uint32_t{sizeof(filler)}, uint32_t{8}}) {
+    while (ring.push(perfevent::STACK_SAMPLE, 1, 1, 0, filler, size)) {
+    }
+  }
+  ring.take_dropped();
+
+  ZVKPythonFrame frame{};
+  ASSERT_EQ(1u, walker.walk(address_of(thread), &frame, 1, nullptr));
+  const uint32_t id = frame.code_id;
+  EXPECT_NE(0u, id);
+  EXPECT_EQ(1u, ring.take_dropped());  // the announcement found no room
+  EXPECT_TRUE(drain_codes(ring).empty());
+
+  // With room again, the next walk announces it, under the id the sample got.
+  ASSERT_EQ(1u, walker.walk(address_of(thread), &frame, 1, nullptr));
+  EXPECT_EQ(id, frame.code_id);
+  EXPECT_EQ((std::vector<std::pair<uint32_t, std::string>>{{id, "lost"}}), drain_codes(ring));
+  // And once only.
+  ASSERT_EQ(1u, walker.walk(address_of(thread), &frame, 1, nullptr));
+  EXPECT_EQ(id, frame.code_id);
+  EXPECT_TRUE(drain_codes(ring).empty());
 }
 
 TEST_F(PyFramesTest, StringsOfEveryWidthBecomeUtf8) {

@@ -16,14 +16,17 @@ using perfevent::ZVKPythonFrame;
 
 namespace {
 
+// Walks run in signal handlers, on whatever stack the interrupted thread has left:
+// the buffers here are sized to keep a walk's frames within a few kilobytes.
 constexpr size_t kMaxBlock = 256;        // the most bytes read of one frame or code object
 constexpr size_t kMaxWalkSteps = 512;    // frames visited per walk, shims and skipped ones included
-constexpr size_t kMaxProbes = 32;        // table slots tried before a code counts as not cached
-constexpr size_t kStackLinetable = 2048; // line tables up to this size are read onto the stack
-constexpr size_t kTextChunk = 64;        // characters read at a time when converting to UTF-8
+constexpr size_t kMaxProbes = 32;        // table slots tried before a code takes another's slot
+constexpr size_t kTextChunk = 32;        // characters read at a time when converting to UTF-8
 constexpr size_t kMaxUnicodeHeader = 128;
-constexpr size_t kWindowBelow = 2048;    // bytes read below a frame, where its callers may lie
+constexpr size_t kMaxBytesHeader = 64;   // the most bytes read of a bytes object's header
+constexpr size_t kWindowBelow = 768;     // bytes read below a frame, where its callers may lie
 constexpr size_t kCodeBatch = 8;         // frames whose code objects are read in one system call
+constexpr size_t kCodeBytes = 1024;      // room for a batch's code objects
 
 template <typename T>
 T field(const uint8_t* block, int32_t offset) {
@@ -124,26 +127,14 @@ class FrameWindow {
   uint8_t buffer_[kWindowBelow + kMaxBlock];
 };
 
-// A walk that came back to a frame it visited: the frames from the first repeat
-// on are the loop again, so the stack ends before it. `visited[step]` is the
-// address met again; `emitted_at` is known for the first `processed` steps, and
-// `count` frames were emitted in all.
-size_t frames_before_repeat(const uintptr_t* visited, const uint16_t* emitted_at, size_t step,
-                            size_t processed, size_t count) {
-  size_t earlier = step;
-  while (earlier > 0 && visited[earlier - 1] != visited[step]) --earlier;
-  const size_t loop = step - (earlier - 1);
-  size_t first = 0;
-  while (visited[first] != visited[first + loop]) ++first;
-  return first + loop <= processed ? emitted_at[first + loop] : count;
-}
-
 }  // namespace
 
-// One cached code object. `code` is claimed once and never changes; the rest is
-// guarded by `sequence`, odd while a writer fills it: a reader that sees it odd
-// or changed doesn't wait (it may have interrupted the writer) but treats the
-// code as not cached. Every field is atomic, so readers and writers never race.
+// One cached code object. An empty slot's `code` is claimed once; a claimed slot
+// changes, to the same code or, when a code finds no slot of its own, to another,
+// only under `sequence`, odd while a writer fills it: a reader that sees it odd or
+// changed doesn't wait (it may have interrupted the writer) but treats the code as
+// not cached. Every field is atomic, so readers and writers never race. A
+// generation of 0 marks a code whose announcement the sink refused.
 struct PythonFrameWalker::CodeSlot {
   std::atomic<uintptr_t> code{0};
   std::atomic<uint32_t> sequence{0};
@@ -164,13 +155,19 @@ struct PythonFrameWalker::CodeKey {
   int32_t first_line;
 };
 
+struct PythonFrameWalker::Scratch {
+  char qualname[kMaxTextBytes + 1];
+  char filename[kMaxTextBytes + 1];
+  uint8_t linetable[kMaxCodePayload];
+};
+
 PythonFrameWalker::PythonFrameWalker(const PythonLayout& layout, PythonCodeSink* sink,
                                      size_t code_slots)
     : layout_(layout),
       sink_(sink),
       slot_mask_(code_slots - 1),
       table_(new CodeSlot[code_slots]),
-      large_(new uint8_t[kLargeBuffers * static_cast<size_t>(kMaxCodePayload)]) {
+      scratch_(new Scratch[kScratchBuffers]) {
   const size_t p = sizeof(uintptr_t);
   const size_t frame_block =
       std::max({end_of(layout.frame_previous, p), end_of(layout.frame_code, p),
@@ -192,6 +189,8 @@ PythonFrameWalker::PythonFrameWalker(const PythonLayout& layout, PythonCodeSink*
   if (usable) {
     frame_block_ = frame_block;
     code_block_ = code_block;
+    code_stride_ = (code_block + 7) & ~size_t{7};
+    codes_per_batch_ = std::min(kCodeBatch, kCodeBytes / code_stride_);
   }
 }
 
@@ -218,6 +217,7 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
   if (thread_state == 0 || frame_block_ == 0) return 0;
   uintptr_t frame = current_frame(thread_state);
   if (frame == 0 || !aligned(frame)) return 0;
+  const uintptr_t first_frame = frame;
   // Frames of one evaluation lie side by side below the newest one (3.11 on), so
   // one read of the memory below a frame often holds its callers too.
   FrameWindow window(frame_block_, layout_.code_bytecode < 0 ? 0 : kWindowBelow);
@@ -226,8 +226,7 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
 
   const bool has_owner = layout_.frame_owner >= 0;
   const bool shims = layout_.owner_cstack >= 0;
-  uintptr_t visited[kMaxWalkSteps];
-  uint16_t emitted_at[kMaxWalkSteps + 1];
+  uint16_t emitted_at[kMaxWalkSteps + 1];  // frames emitted before each step
   uintptr_t checkpoint = 0;  // Brent's cycle check: a frame met again ends the walk
   size_t power = 1;
   size_t since_checkpoint = 0;
@@ -243,17 +242,16 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
     // Gather a batch of frames, then read their code objects in one go.
     FrameFields batch[kCodeBatch];
     SafeRange code_reads[kCodeBatch];
-    uint8_t codes[kCodeBatch][kMaxBlock];
+    alignas(8) uint8_t codes[kCodeBytes];
     size_t gathered = 0;
     size_t code_count = 0;
-    while (gathered < kCodeBatch) {
+    while (gathered < codes_per_batch_) {
       if (steps == kMaxWalkSteps) {
         if (cut != nullptr) *cut = true;
         more = false;
         break;
       }
       if (frame == checkpoint) {
-        visited[steps] = frame;
         looped = true;
         more = false;
         break;
@@ -264,7 +262,7 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
         since_checkpoint = 0;
       }
       ++since_checkpoint;
-      visited[steps++] = frame;
+      ++steps;
 
       FrameFields& fields = batch[gathered++];
       fields.previous = pointer_at(block, layout_.frame_previous);
@@ -290,7 +288,8 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
           ++fields.code_read;
         }
         if (fields.code_read == code_count) {
-          code_reads[code_count] = SafeRange{codes[code_count], fields.code, code_block_};
+          code_reads[code_count] =
+              SafeRange{codes + code_count * code_stride_, fields.code, code_block_};
           ++code_count;
         }
       }
@@ -323,12 +322,12 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
         pending_incomplete = 0;
         continue;
       }
+      const uint8_t* code_block = codes + fields.code_read * code_stride_;
       if (fields.code_read >= codes_read ||
-          pointer_at(codes[fields.code_read], layout_.object_type) != layout_.code_type) {
+          pointer_at(code_block, layout_.object_type) != layout_.code_type) {
         more = false;
         break;
       }
-      const uint8_t* code_block = codes[fields.code_read];
 
       uint32_t instruction = 0;
       bool incomplete = false;
@@ -375,9 +374,32 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
   }
   if (looped) {
     emitted_at[processed] = static_cast<uint16_t>(n);
-    n = frames_before_repeat(visited, emitted_at, steps, processed, n);
+    // The walk met its checkpoint again `since_checkpoint` steps after leaving it:
+    // that is the loop's length.
+    n = end_before_repeat(first_frame, since_checkpoint, steps, emitted_at, processed, n);
   }
   return n;
+}
+
+// The frames emitted before the first step that repeats an earlier one. Frames
+// are read again, their links alone, with a pointer `loop` steps ahead of another:
+// where both meet, the loop begins. A list that changed meanwhile keeps `count`.
+size_t PythonFrameWalker::end_before_repeat(uintptr_t first_frame, size_t loop, size_t steps,
+                                            const uint16_t* emitted_at, size_t processed,
+                                            size_t count) const {
+  uintptr_t behind = first_frame;
+  uintptr_t ahead = first_frame;
+  for (size_t i = 0; i < loop; ++i) {
+    if (!read_pointer(ahead + layout_.frame_previous, &ahead) || ahead == 0) return count;
+  }
+  for (size_t first = 0; first + loop <= steps; ++first) {
+    if (behind == ahead) return first + loop <= processed ? emitted_at[first + loop] : count;
+    if (!safe_read2(&behind, behind + layout_.frame_previous, sizeof(behind), &ahead,
+                    ahead + layout_.frame_previous, sizeof(ahead))) {
+      return count;
+    }
+  }
+  return count;
 }
 
 // One counter for the process, not one per walker: the sampler and the driver API
@@ -403,58 +425,75 @@ uint32_t PythonFrameWalker::code_id(uintptr_t code, const uint8_t* code_block) {
   for (size_t probe = 0; probe < kMaxProbes; ++probe) {
     CodeSlot& slot = table_[(home + probe) & slot_mask_];
     uintptr_t owner = slot.code.load(std::memory_order_acquire);
-    if (owner == 0 && !slot.code.compare_exchange_strong(owner, code, std::memory_order_acq_rel)) {
-      if (owner != code) continue;
-    } else if (owner != 0 && owner != code) {
-      continue;
+    if (owner == 0 && slot.code.compare_exchange_strong(owner, code, std::memory_order_acq_rel)) {
+      owner = code;
     }
+    if (owner != code) continue;
 
-    uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
-    if (sequence & 1) return announce(key, 0);
+    const uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
+    if (sequence & 1) return announce(key, 0).id;
     // Acquire loads of values the writer stored with release: a reader that sees
     // any of a writer's values sees its odd sequence on the second look.
+    const bool still_ours = slot.code.load(std::memory_order_acquire) == code;
     const uint32_t id = slot.id.load(std::memory_order_acquire);
     const uint32_t cached_generation = slot.generation.load(std::memory_order_acquire);
     const bool same = slot.name.load(std::memory_order_acquire) == key.name &&
                       slot.filename.load(std::memory_order_acquire) == key.filename &&
                       slot.linetable.load(std::memory_order_acquire) == key.linetable &&
                       slot.first_line.load(std::memory_order_acquire) == key.first_line;
-    if (slot.sequence.load(std::memory_order_relaxed) != sequence) return announce(key, 0);
-    if (same && id != 0 && cached_generation == generation) return id;
-
-    // Announced before it is published, so that no sample names an id whose
-    // code record might come after it.
-    const uint32_t announced = announce(key, same ? id : 0);
-    if (slot.sequence.compare_exchange_strong(sequence, sequence + 1, std::memory_order_acq_rel)) {
-      slot.id.store(announced, std::memory_order_release);
-      slot.generation.store(generation, std::memory_order_release);
-      slot.name.store(key.name, std::memory_order_release);
-      slot.filename.store(key.filename, std::memory_order_release);
-      slot.linetable.store(key.linetable, std::memory_order_release);
-      slot.first_line.store(key.first_line, std::memory_order_release);
-      slot.sequence.store(sequence + 2, std::memory_order_release);
+    if (slot.sequence.load(std::memory_order_relaxed) != sequence || !still_ours) {
+      return announce(key, 0).id;
     }
-    return announced;
+    if (same && id != 0 && cached_generation == generation) return id;
+    return fill(slot, sequence, code, key, same ? id : 0, generation);
   }
-  // No room near its home slot: the code gets a new id and record each time.
-  // Correct, only not deduplicated; a table sized for the program avoids it.
-  return announce(key, 0);
+  // Every slot near its home holds another code: one of them gives its slot up,
+  // and gets a new id when it comes back.
+  CodeSlot& victim =
+      table_[(home + evictions_.fetch_add(1, std::memory_order_relaxed) % kMaxProbes) & slot_mask_];
+  const uint32_t sequence = victim.sequence.load(std::memory_order_acquire);
+  if (sequence & 1) return announce(key, 0).id;
+  return fill(victim, sequence, code, key, 0, generation);
 }
 
-uint32_t PythonFrameWalker::announce(const CodeKey& key, uint32_t id) {
+uint32_t PythonFrameWalker::fill(CodeSlot& slot, uint32_t sequence, uintptr_t code,
+                                 const CodeKey& key, uint32_t id, uint32_t generation) {
+  // Announced before it is published, so that no sample names an id whose code
+  // record might come after it. A refused announcement keeps the id, unannounced,
+  // for the next walk to try again.
+  const Announced announced = announce(key, id);
+  uint32_t expected = sequence;
+  if (slot.sequence.compare_exchange_strong(expected, sequence + 1, std::memory_order_acq_rel)) {
+    slot.code.store(code, std::memory_order_release);
+    slot.id.store(announced.id, std::memory_order_release);
+    slot.generation.store(announced.recorded ? generation : 0, std::memory_order_release);
+    slot.name.store(key.name, std::memory_order_release);
+    slot.filename.store(key.filename, std::memory_order_release);
+    slot.linetable.store(key.linetable, std::memory_order_release);
+    slot.first_line.store(key.first_line, std::memory_order_release);
+    slot.sequence.store(sequence + 2, std::memory_order_release);
+  }
+  return announced.id;
+}
+
+PythonFrameWalker::Announced PythonFrameWalker::announce(const CodeKey& key, uint32_t id) {
   if (id == 0) id = fresh_id();
-  char qualname[kMaxTextBytes + 1];
-  char filename[kMaxTextBytes + 1];
-  const size_t qualname_size = read_text(key.name, qualname);
-  const size_t filename_size = read_text(key.filename, filename);
-  const size_t room =
-      kMaxCodePayload - sizeof(ZVKPythonCode) - qualname_size - filename_size;
-  uint8_t small[kStackLinetable];
-  const uint8_t* linetable = small;
-  int large = -1;
+  if (sink_ == nullptr) return Announced{id, true};
+  int claimed = -1;
+  for (int i = 0; i < kScratchBuffers && claimed < 0; ++i) {
+    bool busy = false;
+    if (scratch_busy_[i].compare_exchange_strong(busy, true, std::memory_order_acq_rel)) {
+      claimed = i;
+    }
+  }
+  // Every buffer taken by announcements under way on other threads.
+  if (claimed < 0) return Announced{id, false};
+  Scratch& scratch = scratch_[claimed];
+  const size_t qualname_size = read_text(key.name, scratch.qualname);
+  const size_t filename_size = read_text(key.filename, scratch.filename);
+  const size_t room = kMaxCodePayload - sizeof(ZVKPythonCode) - qualname_size - filename_size;
   bool cut = false;
-  const size_t linetable_size =
-      read_linetable(key.linetable, room, small, sizeof(small), &linetable, &large, &cut);
+  const size_t linetable_size = read_linetable(key.linetable, room, scratch.linetable, &cut);
 
   ZVKPythonCode header{};
   header.code_id = id;
@@ -464,15 +503,15 @@ uint32_t PythonFrameWalker::announce(const CodeKey& key, uint32_t id) {
   header.filename_size = static_cast<uint16_t>(filename_size);
   header.linetable_size = static_cast<uint32_t>(linetable_size);
   header.flags = cut ? perfevent::PYTHON_CODE_LINETABLE_CUT : 0u;
-  if (sink_ != nullptr) sink_->on_new_code(header, qualname, filename, linetable);
-  if (large >= 0) large_busy_[large].store(false, std::memory_order_release);
-  return id;
+  const bool recorded =
+      sink_->on_new_code(header, scratch.qualname, scratch.filename, scratch.linetable);
+  scratch_busy_[claimed].store(false, std::memory_order_release);
+  return Announced{id, recorded};
 }
 
-size_t PythonFrameWalker::read_linetable(uintptr_t object, size_t room, uint8_t* small,
-                                         size_t small_size, const uint8_t** data, int* large,
-                                         bool* cut) {
-  uint8_t header[kMaxBlock];
+size_t PythonFrameWalker::read_linetable(uintptr_t object, size_t room, uint8_t* buffer,
+                                         bool* cut) const {
+  uint8_t header[kMaxBytesHeader];
   const size_t header_size = end_of(std::max(layout_.object_type, layout_.varobject_size), 8);
   if (object == 0 || !aligned(object) || header_size > sizeof(header) ||
       !safe_read(header, object, header_size) ||
@@ -490,21 +529,6 @@ size_t PythonFrameWalker::read_linetable(uintptr_t object, size_t room, uint8_t*
     size = room;
     *cut = true;
   }
-  uint8_t* buffer = small;
-  if (size > small_size) {
-    for (int i = 0; i < kLargeBuffers && buffer == small; ++i) {
-      bool busy = false;
-      if (large_busy_[i].compare_exchange_strong(busy, true, std::memory_order_acq_rel)) {
-        *large = i;
-        buffer = large_.get() + static_cast<size_t>(i) * kMaxCodePayload;
-      }
-    }
-    if (buffer == small) {
-      size = small_size;
-      *cut = true;
-    }
-  }
-  *data = buffer;
   if (!safe_read(buffer, object + layout_.bytes_data, size)) {
     *cut = true;
     return 0;

@@ -16,8 +16,9 @@ class PythonCodeSink {
   // Async-signal-safe. `qualname` and `filename` are NUL-terminated UTF-8 of
   // header.qualname_size and header.filename_size bytes (the NUL not counted);
   // `linetable` holds header.linetable_size bytes. The pointers are valid during
-  // the call only.
-  virtual void on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
+  // the call only. False when the code could not be recorded (no room): a later
+  // walk that meets it announces it again, under the same id.
+  virtual bool on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
                            const char* filename, const uint8_t* linetable) = 0;
 
  protected:
@@ -54,26 +55,42 @@ class PythonFrameWalker {
  private:
   struct CodeSlot;
   struct CodeKey;
+  struct Scratch;
+  struct Announced {
+    uint32_t id;
+    bool recorded;  // the sink took it
+  };
 
   uintptr_t current_frame(uintptr_t thread_state) const;
   uint32_t code_id(uintptr_t code, const uint8_t* code_block);
-  uint32_t announce(const CodeKey& key, uint32_t id);
+  // Announces the code and caches it in `slot`, whose sequence was `sequence`,
+  // unless another writer came first.
+  uint32_t fill(CodeSlot& slot, uint32_t sequence, uintptr_t code, const CodeKey& key,
+                uint32_t id, uint32_t generation);
+  // `id`, or a fresh one when 0.
+  Announced announce(const CodeKey& key, uint32_t id);
   size_t read_text(uintptr_t object, char* out) const;
-  size_t read_linetable(uintptr_t object, size_t room, uint8_t* small, size_t small_size,
-                        const uint8_t** data, int* large, bool* cut);
+  size_t read_linetable(uintptr_t object, size_t room, uint8_t* buffer, bool* cut) const;
   uint32_t fresh_id();
+  // Stops the walk where it first came back to a frame it had visited.
+  size_t end_before_repeat(uintptr_t first_frame, size_t loop, size_t steps,
+                           const uint16_t* emitted_at, size_t processed, size_t count) const;
 
   const PythonLayout layout_;
   PythonCodeSink* const sink_;
   const size_t slot_mask_;
   std::unique_ptr<CodeSlot[]> table_;
-  size_t frame_block_ = 0;  // bytes read of each frame, 0 when the layout is unusable
-  size_t code_block_ = 0;   // bytes read of each code object
+  size_t frame_block_ = 0;     // bytes read of each frame, 0 when the layout is unusable
+  size_t code_block_ = 0;      // bytes read of each code object
+  size_t code_stride_ = 0;     // code_block_, rounded up to keep the batch's reads aligned
+  size_t codes_per_batch_ = 0; // frames gathered before their code objects are read
   std::atomic<uint32_t> generation_{1};
-  // Scratch for line tables too long for the stack, each claimed by one announcement.
-  static constexpr int kLargeBuffers = 4;
-  std::unique_ptr<uint8_t[]> large_;
-  std::atomic<bool> large_busy_[kLargeBuffers] = {};
+  std::atomic<uint32_t> evictions_{0};
+  // An announcement's strings and line table, off the signal handler's stack;
+  // each claimed by one announcement at a time.
+  static constexpr int kScratchBuffers = 8;
+  std::unique_ptr<Scratch[]> scratch_;
+  std::atomic<bool> scratch_busy_[kScratchBuffers] = {};
 };
 
 }  // namespace zorvek

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <set>
 #include <tuple>
 #include <unordered_set>
@@ -25,6 +26,7 @@
 #include "zorv/utils/backtrace.h"
 #include "zorv/utils/clock.h"
 #include "zorv/utils/logging.h"
+#include "zorv/utils/safememory.h"
 #include "zorv/utils/signals.h"
 
 namespace zorvek {
@@ -140,9 +142,10 @@ void take_cpu_sample(const SamplingTarget& target, int32_t tid, int overrun, con
       python_count = target.walker->walk(thread_state, python, kMaxPythonFrames, &python_cut);
     }
   }
-  // One native frame more than is kept: it tells a cut stack.
+  // One native frame more than is kept: it tells a cut stack. The unwinder uses
+  // the room past it as scratch.
   const SignalRing::Slot slot = target.ring->reserve(perfevent::stack_sample_payload_size(
-      kMaxNativeFrames + 1, static_cast<uint32_t>(python_count)));
+      kMaxNativeFrames + 1 + kContextScratchFrames, static_cast<uint32_t>(python_count)));
   if (!slot) return;
   auto* ips = reinterpret_cast<uint64_t*>(slot.payload + sizeof(ZVKStackSample));
   int native = capture_backtrace_from_context(context, ips, kMaxNativeFrames + 1);
@@ -196,6 +199,12 @@ bool install_sigprof_handler() {
   action.sa_flags = SA_SIGINFO | SA_RESTART;
   sigemptyset(&action.sa_mask);
   return sigaction(SIGPROF, &action, nullptr) == 0;
+}
+
+bool sigprof_handler_is_ours() {
+  struct sigaction current {};
+  return sigaction(SIGPROF, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) != 0 &&
+         current.sa_sigaction == on_sigprof;
 }
 
 // Threads lost to a fork: a std::thread can't be destroyed while it looks joinable,
@@ -351,9 +360,9 @@ class ZVKThreadTimers {
 // The executable mappings of the process, each written once as an MMAP record.
 class ZVKExecutableMappings {
  public:
-  // Reads /proc/self/maps and writes an MMAP record for each executable mapping
-  // not written before.
-  void scan(ZVKBufferRecordHelper* rh, int32_t pid, int32_t tid) {
+  // Reads /proc/self/maps and writes an MMAP record, stamped `timestamp`, for each
+  // executable mapping not written before.
+  void scan(ZVKBufferRecordHelper* rh, int32_t pid, int32_t tid, uint64_t timestamp) {
     m_objects_seen = loaded_objects();
     FILE* maps = fopen("/proc/self/maps", "re");
     if (maps == nullptr) return;
@@ -374,7 +383,7 @@ class ZVKExecutableMappings {
       m_ranges.emplace_back(start, end);
       const std::string name(line + name_at, strcspn(line + name_at, "\n"));
       if (!m_written.emplace(start, end, offset, name).second) continue;
-      write_mapping(rh, pid, tid, start, end, offset, name);
+      write_mapping(rh, timestamp, pid, tid, start, end, offset, name);
     }
     free(line);
     fclose(maps);
@@ -422,13 +431,14 @@ class ZVKExecutableMappings {
     return counts;
   }
 
-  static void write_mapping(ZVKBufferRecordHelper* rh, int32_t pid, int32_t tid, uint64_t start,
-                            uint64_t end, uint64_t offset, const std::string& name) {
+  static void write_mapping(ZVKBufferRecordHelper* rh, uint64_t timestamp, int32_t pid,
+                            int32_t tid, uint64_t start, uint64_t end, uint64_t offset,
+                            const std::string& name) {
     const uint16_t payload_size = perfevent::mmap_payload_size(name.size());
     // A name too long for a record's 16-bit size.
     if (sizeof(perfevent::ZVKPerfMMap) + name.size() + 1 > payload_size) return;
-    auto writer = rh->new_record(now_ns(), make_event_word(CPU, 0, perfevent::MMAP), pid, tid, 0,
-                                 payload_size);
+    auto writer = rh->new_record(timestamp, make_event_word(CPU, 0, perfevent::MMAP), pid, tid,
+                                 0, payload_size);
     char* payload = static_cast<char*>(writer.get_payload_store());
     const perfevent::ZVKPerfMMap fixed = {0, 0, start, end - start, offset, name.size()};
     memcpy(payload, &fixed, sizeof(fixed));
@@ -451,11 +461,11 @@ class ZVKRingCodeSink final : public PythonCodeSink {
   explicit ZVKRingCodeSink(SignalRing* ring) : m_ring(ring) {}
   void set_pid(int32_t pid) { m_pid.store(pid, std::memory_order_relaxed); }
 
-  void on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
+  bool on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
                    const char* filename, const uint8_t* linetable) override {
     perfevent::ZVKPythonCode code = header;
     const uint32_t names = sizeof(code) + uint32_t{code.qualname_size} + code.filename_size;
-    if (names > kMaxRecordPayload) return;
+    if (names > kMaxRecordPayload) return false;
     if (perfevent::python_code_payload_size(code.qualname_size, code.filename_size,
                                             code.linetable_size) > kMaxRecordPayload) {
       code.linetable_size = kMaxRecordPayload - names;
@@ -464,7 +474,7 @@ class ZVKRingCodeSink final : public PythonCodeSink {
     const uint32_t size = perfevent::python_code_payload_size(
         code.qualname_size, code.filename_size, code.linetable_size);
     const SignalRing::Slot slot = m_ring->reserve(size);
-    if (!slot) return;
+    if (!slot) return false;
     uint8_t* out = slot.payload;
     memcpy(out, &code, sizeof(code));
     out += sizeof(code);
@@ -477,6 +487,7 @@ class ZVKRingCodeSink final : public PythonCodeSink {
     memset(out, 0, static_cast<size_t>(slot.payload + size - out));
     m_ring->publish(slot, perfevent::PYTHON_CODE, m_pid.load(std::memory_order_relaxed),
                     current_tid(), now_ns(), size);
+    return true;
   }
 
  private:
@@ -545,6 +556,9 @@ Status ZVKThreadSampler::start_profiling() {
                : Status(error::FAILED_PRECONDITION, "The thread sampler is not configured");
   }
   end_sampling();  // after a suspension: what the suspension kept goes
+  // A new capture: its mappings and code objects are written again, as in a new file.
+  m_mappings->forget();
+  if (m_walker != nullptr) m_walker->forget_codes();
   ZVK_RETURN_NOT_OK(begin_sampling());
   m_state = State::RUNNING;
   return Status::OK();
@@ -579,6 +593,17 @@ Status ZVKThreadSampler::resume_profiling() {
 
 Status ZVKThreadSampler::begin_sampling() {
   const bool cpu_clock = m_settings.clock == perfevent::SAMPLE_CLOCK_CPU;
+  PythonFrameWalker* walker = m_walker.get();
+  if (walker != nullptr && !safe_reads_allowed()) {
+    static bool told = false;
+    if (!told) {
+      told = true;
+      LOG(WARNING) << m_name
+                   << ": Python frames are off: the kernel refuses process_vm_readv to this "
+                      "process, and the frame walk reads through it";
+    }
+    walker = nullptr;
+  }
   if (cpu_clock) {
     static const bool unwinder_ready = prepare_context_unwinder();
     static bool told = false;
@@ -594,7 +619,7 @@ Status ZVKThreadSampler::begin_sampling() {
                       "no thread is sampled";
       return Status::OK();
     }
-  } else if (m_walker == nullptr) {
+  } else if (walker == nullptr) {
     LOG(WARNING) << m_name
                  << ": the wall clock samples Python threads, and this process runs no Python "
                     "the sampler can read; no thread is sampled";
@@ -602,24 +627,30 @@ Status ZVKThreadSampler::begin_sampling() {
   }
   m_pid = getpid();
   m_sink->set_pid(m_pid);
-  *m_target = ZVKSamplingTarget{m_ring.get(), m_walker.get(), m_period_ns, m_pid};
+  *m_target = ZVKSamplingTarget{m_ring.get(), walker, m_period_ns, m_pid};
   if (!SamplingGate::open(m_target.get())) {
     return Status(error::FAILED_PRECONDITION, "Another thread sampler samples this process");
   }
+  // From here end_sampling undoes whatever was begun, a failed start's part too.
+  m_sampling = true;
+  m_handler_lost.store(false);
   helper();
-  // The timers of the threads running now come first, so that sampling has begun
-  // when the start returns; the drain thread, made after, has none.
-  if (cpu_clock) m_timers->update(threads_of_process(), 0);
   {
     std::lock_guard<std::mutex> lock(m_wake_lock);
     m_stop_threads = false;
   }
-  {
+  try {
+    // The timers of the threads running now come first, so that sampling has begun
+    // when the start returns; the drain thread, made after, has none.
+    if (cpu_clock) m_timers->update(threads_of_process(), 0);
     const ScopedSignalsBlocked blocked;
     m_drain_thread = std::make_unique<std::thread>([this] { drain_loop(); });
     if (!cpu_clock) m_wall_thread = std::make_unique<std::thread>([this] { wall_loop(); });
+  } catch (const std::exception& e) {
+    end_sampling();
+    return Status(error::INSUFFICIENT_RESOURCES,
+                  std::string("Couldn't start the thread sampler's threads: ") + e.what());
   }
-  m_sampling = true;
   return Status::OK();
 }
 
@@ -660,13 +691,25 @@ void ZVKThreadSampler::forget_parent() {
 void ZVKThreadSampler::drain_loop() {
   const pid_t self = current_tid();
   m_drain_tid.store(self);
-  m_mappings->scan(helper(), m_pid, self);
+  m_mappings->scan(helper(), m_pid, self, now_ns());
   std::unique_lock<std::mutex> lock(m_wake_lock);
   while (!m_wake.wait_for(lock, kDrainInterval, [this] { return m_stop_threads; })) {
     lock.unlock();
     drain_ring();
-    if (m_settings.clock == perfevent::SAMPLE_CLOCK_CPU) update_timers();
-    if (m_mappings->objects_changed()) m_mappings->scan(helper(), m_pid, self);
+    if (m_settings.clock == perfevent::SAMPLE_CLOCK_CPU && !m_handler_lost.load()) {
+      if (sigprof_handler_is_ours()) {
+        update_timers();
+      } else {
+        // The program put a SIGPROF handler of its own in place of ours: its
+        // handler is not to get our timers' signals.
+        m_handler_lost.store(true);
+        m_timers->delete_all();
+        LOG(WARNING) << m_name
+                     << ": the program replaced the SIGPROF handler; the thread sampler "
+                        "stops sampling";
+      }
+    }
+    if (m_mappings->objects_changed()) m_mappings->scan(helper(), m_pid, self, now_ns());
     lock.lock();
   }
 }
@@ -692,7 +735,7 @@ void ZVKThreadSampler::drain_ring() {
         if (m_mappings->known(ip)) continue;
         // New code was mapped, a library or a JIT's: its mapping goes ahead of the sample.
         if (!rescanned) {
-          m_mappings->scan(rh, m_pid, self);
+          m_mappings->scan(rh, m_pid, self, entry.timestamp);
           rescanned = true;
         }
         if (!m_mappings->known(ip)) m_mappings->remember_unmapped(ip);

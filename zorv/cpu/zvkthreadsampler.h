@@ -53,7 +53,8 @@ struct ThreadSamplerSettings {
 // The SIGPROF handler, once installed, stays for the life of the process: a signal
 // still pending after a stop must find it, not the default action, which would end
 // the process. A program that has a SIGPROF handler of its own keeps it, and the
-// sampler then takes no samples.
+// sampler then takes no samples; one that installs its own while sampling runs
+// finds the timers gone at the next drain round.
 class ZVKThreadSampler : public ZVKDataCollectorBase {
  public:
   ZVKThreadSampler(const std::string& name, ZVKQueue<ZVKBuffer>* to_fill,
@@ -74,7 +75,9 @@ class ZVKThreadSampler : public ZVKDataCollectorBase {
 
   const ThreadSamplerSettings& settings() const { return m_settings; }
   // Whether samples are being taken: started, not suspended, and SIGPROF is ours.
-  bool sampling() const { return m_state == State::RUNNING && m_sampling; }
+  bool sampling() const {
+    return m_state == State::RUNNING && m_sampling && !m_handler_lost.load();
+  }
   // How many threads have a timer now (CPU clock).
   size_t timed_threads() const;
 
@@ -101,6 +104,8 @@ class ZVKThreadSampler : public ZVKDataCollectorBase {
   uint64_t m_period_ns = 0;
   State m_state = State::STOPPED;
   bool m_sampling = false;
+  // Set by the drain thread when the program replaced the SIGPROF handler.
+  std::atomic<bool> m_handler_lost{false};
   pid_t m_pid = 0;
   // The drain thread's tid: never given a timer.
   std::atomic<pid_t> m_drain_tid{0};

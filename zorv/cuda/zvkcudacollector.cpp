@@ -412,10 +412,10 @@ uint32_t function_name_id(const char* symbol_name, uint64_t start, uint32_t tid)
 
 class ApiCodeSink final : public PythonCodeSink {
  public:
-  void on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
+  bool on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
                    const char* filename, const uint8_t* linetable) override {
     ZVKBufferRecordHelper* rh = helper.load(std::memory_order_acquire);
-    if (rh == nullptr) return;
+    if (rh == nullptr) return false;
     const uint32_t size = perfevent::python_code_payload_size(
         header.qualname_size, header.filename_size, header.linetable_size);
     auto writer = rh->new_record(now_ns(), make_event_word(CPU, 0, perfevent::PYTHON_CODE),
@@ -431,6 +431,7 @@ class ApiCodeSink final : public PythonCodeSink {
     std::memcpy(out, filename, header.filename_size);
     out += header.filename_size;
     std::memcpy(out, linetable, header.linetable_size);
+    return true;
   }
 };
 
@@ -466,7 +467,13 @@ void write_api_python_stack(ZVKBufferRecordHelper* rh, uint64_t start, uint32_t 
 
 void start_api_python_stacks() {
   const PythonLayout* layout = python_layout();
-  if (layout == nullptr || api_walker.load(std::memory_order_acquire) != nullptr) return;
+  if (layout == nullptr) return;
+  PythonFrameWalker* walker = api_walker.load(std::memory_order_acquire);
+  if (walker != nullptr) {
+    // Each start begins a new capture, which must name its codes again.
+    walker->forget_codes();
+    return;
+  }
   api_walker.store(new PythonFrameWalker(*layout, &api_code_sink), std::memory_order_release);
 }
 
@@ -484,17 +491,21 @@ void OnDriverApiExit(CUpti_CallbackDomain domain, uint32_t cbid, const CUpti_Cal
   const uint32_t tid = current_tid();
   const uint32_t name_id = function_name_id(info->symbolName, start, tid);
   const uint16_t entries = static_cast<uint16_t>((depth + 1) / 2);
-  auto writer = rh->new_record(start, gpu_event_word(cudaevent::CUDA_API, 0),
-                               static_cast<int32_t>(pid.load()), static_cast<int32_t>(tid), entries,
-                               sizeof(cudaevent::callback));
-  CallChain* chain = writer.get_callchain_array();
-  for (int i = 0; i < depth; i += 2) {
-    chain[i / 2].from = reinterpret_cast<uint64_t>(frames[i]);
-    chain[i / 2].to = i + 1 < depth ? reinterpret_cast<uint64_t>(frames[i + 1]) : 0;
+  {
+    auto writer = rh->new_record(start, gpu_event_word(cudaevent::CUDA_API, 0),
+                                 static_cast<int32_t>(pid.load()), static_cast<int32_t>(tid),
+                                 entries, sizeof(cudaevent::callback));
+    CallChain* chain = writer.get_callchain_array();
+    for (int i = 0; i < depth; i += 2) {
+      chain[i / 2].from = reinterpret_cast<uint64_t>(frames[i]);
+      chain[i / 2].to = i + 1 < depth ? reinterpret_cast<uint64_t>(frames[i + 1]) : 0;
+    }
+    const cudaevent::callback payload = {end, static_cast<uint32_t>(domain), cbid,
+                                         info->correlationId, name_id};
+    std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
   }
-  const cudaevent::callback payload = {end, static_cast<uint32_t>(domain), cbid,
-                                       info->correlationId, name_id};
-  std::memcpy(writer.get_payload_store(), &payload, sizeof(payload));
+  // After the call's record is let go: the walk may write code records, which
+  // must not wait for a buffer while this record pins the old one.
   write_api_python_stack(rh, start, tid, info->correlationId);
 }
 

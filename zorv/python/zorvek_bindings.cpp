@@ -257,9 +257,10 @@ class CodeNames final : public PythonCodeSink {
     std::string filename;
     int32_t first_line;
   };
-  void on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
+  bool on_new_code(const perfevent::ZVKPythonCode& header, const char* qualname,
                    const char* filename, const uint8_t*) override {
     codes_[header.code_id] = Code{qualname, filename, header.first_line};
+    return true;
   }
   const Code& code(uint32_t id) { return codes_[id]; }
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 
 namespace zorvek {
 namespace {
@@ -64,17 +65,16 @@ class InsideUnwinder {
 
 // The frames a signal handler may put ahead of the interrupted code: its own
 // calls down to the unwinder, and the signal trampoline.
-constexpr int kHandlerFrames = 16;
+constexpr int kHandlerFrames = kContextScratchFrames;
 
 // unw_backtrace keeps its per-thread cache behind a thread-local variable of
 // libunwind's, which a dlopen'ed library's threads get allocated with malloc on
-// their first use of it. So a thread's first fast walk is made only where the
-// signal interrupted code outside the C library, the dynamic loader and whichever
-// object provides malloc: an allocation there can't meet the allocator's or the
-// loader's own locks held by the same thread. Until then the thread's walks step
-// from the context, which uses no thread-local state.
-thread_local bool fast_walk_ready __attribute__((tls_model("initial-exec"))) = false;
-
+// their first use of it, and again after any later dlopen of a library with
+// thread-local storage. So a fast walk is made only where the signal interrupted
+// code outside the C library, the dynamic loader and whichever object provides
+// malloc: an allocation there can't meet the allocator's or the loader's own locks
+// held by the same thread. Elsewhere the walk steps from the context, which uses
+// no thread-local state.
 struct CodeRange {
   uintptr_t start;
   uintptr_t end;
@@ -146,7 +146,6 @@ __attribute__((noinline)) int capture_backtrace(void** frames, int max_frames) {
   if (unw_backtrace != nullptr) {
     const InsideUnwinder inside;
     depth = unw_backtrace(walked, wanted + 1);
-    fast_walk_ready = true;
   } else {
     RuntimeWalk walk{walked, wanted + 1, 0};
     _Unwind_Backtrace(on_runtime_frame, &walk);
@@ -192,18 +191,19 @@ int capture_backtrace_from_context(const void* ucontext, uint64_t* ips, int max)
   // signal-mask system calls per frame, about a hundred times as much. The
   // handler's frames and the signal trampoline stand ahead of the interrupted
   // instruction, which ends them.
-  if (fast_walk_ready || !in_unsafe_code(leaf)) {
-    fast_walk_ready = true;
-    void* walked[kMaxContextFrames + kHandlerFrames];
+  if (!in_unsafe_code(leaf)) {
+    // Walked into `ips` itself, whose scratch room holds the handler's frames.
+    void** walked = reinterpret_cast<void**>(ips);
+    static_assert(sizeof(void*) == sizeof(uint64_t), "a frame address fills an ips entry");
     const int depth = unwinder->backtrace(walked, max + kHandlerFrames);
     for (int i = 0; i < std::min(depth, kHandlerFrames); ++i) {
       if (reinterpret_cast<uint64_t>(walked[i]) != leaf) continue;
       const int count = std::min(depth - i, max);
-      for (int k = 0; k < count; ++k) ips[k] = reinterpret_cast<uint64_t>(walked[i + k]);
+      std::memmove(ips, ips + i, static_cast<size_t>(count) * sizeof(uint64_t));
       return count;
     }
   }
-  // Not yet, or the trampoline wasn't crossed: step from the signal's context. The
+  // Interrupted in unsafe code, or the trampoline wasn't crossed: step from the signal's context. The
   // signal frame flag makes the first address the interrupted instruction, not a
   // return address to step back from.
   unw_cursor_t cursor;

@@ -32,12 +32,17 @@ constexpr int kUnwinderBusy = -1;
 // The most frames capture_backtrace_from_context stores.
 constexpr int kMaxContextFrames = 2 * kMaxBacktraceFrames;
 
+// The room beyond `max` entries that capture_backtrace_from_context may use in
+// `ips` as scratch: the handler's own frames, walked before the interrupted ones.
+constexpr int kContextScratchFrames = 16;
+
 // For the handler of a signal that interrupted this very thread: fills `ips` with
 // the interrupted stack, the interrupted instruction first (exact), then return
 // addresses; returns how many it stored, at most `max` (itself capped at
-// kMaxContextFrames; 0 when `max` is 0), or kUnwinderBusy. Async-signal-safe once
-// prepare_context_unwinder has run; before that, and without libunwind, it stores
-// the interrupted instruction alone.
+// kMaxContextFrames; 0 when `max` is 0), or kUnwinderBusy. `ips` has room for
+// max + kContextScratchFrames entries; those past the count returned are left
+// undefined. Async-signal-safe once prepare_context_unwinder has run; before that,
+// and without libunwind, it stores the interrupted instruction alone.
 int capture_backtrace_from_context(const void* ucontext, uint64_t* ips, int max);
 
 }  // namespace zorvek

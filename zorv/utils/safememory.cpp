@@ -61,6 +61,12 @@ bool safe_read2(void* dst1, uintptr_t src1, size_t size1, void* dst2, uintptr_t 
   return read_ranges(local, remote, 2, size1 + size2);
 }
 
+bool safe_reads_allowed() {
+  const uint64_t probe = 0x5a564b50524f4245ull;
+  uint64_t copy = 0;
+  return safe_read(&copy, reinterpret_cast<uintptr_t>(&probe), sizeof(copy)) && copy == probe;
+}
+
 size_t safe_read_ranges(const SafeRange* ranges, size_t count) {
   size_t done = 0;
   while (done < count) {
