@@ -5,7 +5,9 @@
 #include "zorv/cpu/pyframes.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -85,6 +87,13 @@ struct FakeThread {
   uintptr_t cframe;
   uintptr_t frame;
   unsigned long native_id;
+  uintptr_t pthread;  // 3.10: the thread's pthread_t, a FakeDescriptor's address
+};
+
+// The C library's thread descriptor, where only the thread id matters.
+struct FakeDescriptor {
+  char other[20];
+  int32_t tid;
 };
 
 struct FakeCFrame {
@@ -120,6 +129,8 @@ PythonLayout make_layout(Model model, const FakeInterpreter* interpreter) {
   layout.thread_cframe = model == Model::kFrameObjects ? -1 : offsetof(FakeThread, cframe);
   layout.thread_next = offsetof(FakeThread, next);
   layout.thread_native_id = model == Model::kFrameObjects ? -1 : offsetof(FakeThread, native_id);
+  layout.thread_pthread = model == Model::kFrameObjects ? offsetof(FakeThread, pthread) : -1;
+  layout.pthread_tid = model == Model::kFrameObjects ? offsetof(FakeDescriptor, tid) : -1;
   layout.interpreter = address_of(interpreter);
   layout.interpreter_threads_head = offsetof(FakeInterpreter, threads_head);
   layout.this_thread_state = fake_this_thread_state;
@@ -801,10 +812,31 @@ TEST_F(PyFramesTest, ListsTheInterpretersThreads) {
 
   first->next = address_of(second);
   second->next = 0;
+  // 3.10 keeps the pthread_t only: the id is read from its descriptor, and a
+  // descriptor that is gone gives none.
+  FakeDescriptor descriptor = {};
+  descriptor.tid = 201;
+  first->pthread = address_of(&descriptor);
+  second->pthread = 0x18;
   PythonFrameWalker old(make_layout(Model::kFrameObjects, &interpreter_), &sink_);
   ASSERT_EQ(2u, old.list_threads(states, tids, 8));
-  EXPECT_EQ(-1, tids[0]);
+  EXPECT_EQ(201, tids[0]);
   EXPECT_EQ(-1, tids[1]);
+}
+
+TEST(PthreadTidOffset, PointsAtEachThreadsOwnId) {
+  const int32_t offset = find_pthread_tid_offset();
+  ASSERT_GE(offset, 0);
+  for (int i = 0; i < 2; ++i) {
+    std::atomic<bool> matches{false};
+    std::thread check([&] {
+      int32_t value = 0;
+      std::memcpy(&value, reinterpret_cast<const char*>(pthread_self()) + offset, sizeof(value));
+      matches = value == static_cast<int32_t>(syscall(SYS_gettid));
+    });
+    check.join();
+    EXPECT_TRUE(matches.load());
+  }
 }
 
 TEST_F(PyFramesTest, TheCurrentThreadStateComesFromTheLayout) {

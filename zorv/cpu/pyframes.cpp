@@ -589,6 +589,43 @@ size_t PythonFrameWalker::read_text(uintptr_t object, char* out) const {
   return size;
 }
 
+size_t PythonFrameWalker::walk_settled(uintptr_t thread_state, ZVKPythonFrame* out, size_t max,
+                                       bool* cut) {
+  constexpr int kAttempts = 3;
+  constexpr size_t kMaxSettled = 256;
+  ZVKPythonFrame again[kMaxSettled];
+  max = std::min(max, kMaxSettled);
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const uintptr_t before = current_frame(thread_state);
+    const size_t count = walk(thread_state, out, max, cut);
+    bool cut_again = false;
+    const size_t count_again = walk(thread_state, again, max, &cut_again);
+    if (current_frame(thread_state) != before || count != count_again) continue;
+    // Two walks alike but for the innermost frame's instruction, which moves as
+    // the thread runs: a frame freed and reused meanwhile (a thread ending) would
+    // have shown as a difference.
+    bool alike = true;
+    for (size_t i = 0; i < count && alike; ++i) {
+      alike = out[i].code_id == again[i].code_id &&
+              (i == 0 || out[i].instruction == again[i].instruction);
+    }
+    if (alike) return count;
+  }
+  if (cut != nullptr) *cut = false;
+  return 0;
+}
+
+int32_t PythonFrameWalker::pthread_thread_id(uintptr_t state) const {
+  uintptr_t descriptor = 0;
+  int32_t tid = -1;
+  if (!read_pointer(state + layout_.thread_pthread, &descriptor) || descriptor == 0 ||
+      !safe_read(&tid, descriptor + static_cast<uintptr_t>(layout_.pthread_tid), sizeof(tid)) ||
+      tid <= 0) {
+    return -1;
+  }
+  return tid;
+}
+
 size_t PythonFrameWalker::list_threads(uintptr_t* states, int32_t* tids, size_t max) const {
   if (layout_.interpreter == 0 || layout_.interpreter_threads_head < 0 || layout_.thread_next < 0) {
     return 0;
@@ -599,15 +636,18 @@ size_t PythonFrameWalker::list_threads(uintptr_t* states, int32_t* tids, size_t 
   while (state != 0 && aligned(state) && n < max) {
     // A list torn into a loop ends where it comes back.
     if (std::find(states, states + n, state) != states + n) break;
-    unsigned long native_id = 0;
-    if (layout_.thread_native_id >= 0 &&
-        !safe_read(&native_id, state + layout_.thread_native_id, sizeof(native_id))) {
-      break;
+    int32_t tid = -1;
+    if (layout_.thread_native_id >= 0) {
+      unsigned long native_id = 0;
+      if (!safe_read(&native_id, state + layout_.thread_native_id, sizeof(native_id))) break;
+      tid = static_cast<int32_t>(native_id);
+    } else if (layout_.thread_pthread >= 0 && layout_.pthread_tid >= 0) {
+      tid = pthread_thread_id(state);
     }
     uintptr_t next = 0;
     if (!read_pointer(state + layout_.thread_next, &next)) break;
     states[n] = state;
-    tids[n] = layout_.thread_native_id >= 0 ? static_cast<int32_t>(native_id) : -1;
+    tids[n] = tid;
     ++n;
     state = next;
   }

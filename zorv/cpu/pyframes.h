@@ -47,6 +47,14 @@ class PythonFrameWalker {
   // Async-signal-safe; every read through safe_read; a torn list gives a shorter
   // stack. `*cut` is set when frames were left at the root side for want of room.
   size_t walk(uintptr_t thread_state, perfevent::ZVKPythonFrame* out, size_t max, bool* cut);
+  // The same for another thread's state, read while that thread runs: a walk is
+  // kept only when the thread's current frame was the same before and after it
+  // (the frames beneath a frame don't change while it runs) and a second walk
+  // read the same frames, so a list that changed under the read, or frames freed
+  // and reused by another thread, are walked again, then given up: a stack is
+  // never mixed from two threads' calls. At most 256 frames.
+  size_t walk_settled(uintptr_t thread_state, perfevent::ZVKPythonFrame* out, size_t max,
+                      bool* cut);
   // Thread states of the interpreter with their native tids (wall clock), via safe
   // reads. A tid is -1 where the interpreter keeps none (3.10).
   size_t list_threads(uintptr_t* states, int32_t* tids, size_t max) const;
@@ -62,6 +70,8 @@ class PythonFrameWalker {
   };
 
   uintptr_t current_frame(uintptr_t thread_state) const;
+  // The kernel's id of a thread state's thread, from its pthread_t (3.10); -1 when unknown.
+  int32_t pthread_thread_id(uintptr_t state) const;
   uint32_t code_id(uintptr_t code, const uint8_t* code_block);
   // Announces the code and caches it in `slot`, whose sequence was `sequence`,
   // unless another writer came first.

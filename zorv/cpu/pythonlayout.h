@@ -37,6 +37,11 @@ struct PythonLayout {
   int32_t thread_cframe;
   int32_t thread_next;
   int32_t thread_native_id;  // an unsigned long; -1 where the interpreter keeps none (3.10)
+  // Where it keeps none: thread_id, the pthread_t of the thread (3.10), and the
+  // offset of the kernel's thread id inside the C library's thread descriptor that
+  // a pthread_t points to, as find_pthread_tid_offset found it; -1 when unknown.
+  int32_t thread_pthread;
+  int32_t pthread_tid;
   uintptr_t interpreter;     // the main interpreter
   int32_t interpreter_threads_head;
   // The calling thread's thread state, NULL when it has none: a thread-specific
@@ -85,6 +90,13 @@ int zorv_fill_python_layout(struct PythonLayout* layout, char* mismatch, size_t 
 // at import, before any sampler starts; the pointee must outlive the process's samplers.
 void set_python_layout(const PythonLayout* layout);
 const PythonLayout* python_layout();
+
+// The offset of the kernel's thread id inside the thread descriptor a pthread_t
+// points to, found by looking for it in two threads' own descriptors, or -1. For
+// an interpreter that keeps only pthread_t (3.10), it tells which thread a state
+// belongs to; the descriptor is read through safe reads, so a thread that is gone
+// reads as gone.
+int32_t find_pthread_tid_offset();
 
 }  // namespace zorvek
 #endif

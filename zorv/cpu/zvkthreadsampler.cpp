@@ -781,7 +781,7 @@ void ZVKThreadSampler::wall_loop() {
       if (has_clock) this_round[tids[i]] = cpu;
       ZVKPythonFrame python[kMaxPythonFrames];
       bool cut = false;
-      const size_t frames = m_walker->walk(states[i], python, kMaxPythonFrames, &cut);
+      const size_t frames = m_walker->walk_settled(states[i], python, kMaxPythonFrames, &cut);
       const uint32_t size = perfevent::stack_sample_payload_size(0, static_cast<uint32_t>(frames));
       const SignalRing::Slot slot = m_ring->reserve(size);
       if (!slot) continue;

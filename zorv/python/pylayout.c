@@ -165,6 +165,8 @@ int zorv_fill_python_layout(struct PythonLayout* layout, char* mismatch, size_t 
 
 #if PY_VERSION_HEX >= 0x030b0000
   layout->thread_native_id = offsetof(PyThreadState, native_thread_id);
+  layout->thread_pthread = -1;
+  layout->pthread_tid = -1;
   layout->interpreter_threads_head = offsetof(PyInterpreterState, threads.head);
   layout->frame_previous = offsetof(_PyInterpreterFrame, previous);
   layout->frame_owner = offsetof(_PyInterpreterFrame, owner);
@@ -174,6 +176,10 @@ int zorv_fill_python_layout(struct PythonLayout* layout, char* mismatch, size_t 
   layout->code_first_traceable = offsetof(PyCodeObject, _co_firsttraceable);
 #else
   layout->thread_native_id = -1;
+  layout->thread_pthread = offsetof(PyThreadState, thread_id);
+  _Static_assert(FIELD_SIZE(PyThreadState, thread_id) == sizeof(pthread_t),
+                 "thread_id holds a pthread_t");
+  layout->pthread_tid = -1;  // probed by the module, which can start threads
   layout->interpreter_threads_head = offsetof(PyInterpreterState, tstate_head);
   layout->thread_frame = offsetof(PyThreadState, frame);
   layout->thread_cframe = -1;

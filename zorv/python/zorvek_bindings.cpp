@@ -241,6 +241,7 @@ void register_python_layout() {
   static PythonLayout layout;
   char mismatch[96] = "";
   if (zorv_fill_python_layout(&layout, mismatch, sizeof(mismatch))) {
+    if (layout.thread_pthread >= 0) layout.pthread_tid = find_pthread_tid_offset();
     set_python_layout(&layout);
   } else {
     LOG(WARNING) << "Python frames are off: the interpreter's offset of " << mismatch
