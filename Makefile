@@ -5,11 +5,13 @@
 SHELL := /bin/bash
 PYTHON ?= python3
 JOBS ?= $(shell nproc)
-APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind8 binutils
-PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt nvidia-nvtx nvtx
+APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind8 libunwind-dev binutils llvm
+PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt nvidia-nvtx nvtx pyarrow duckdb dask distributed
 CMAKE_CONFIGURE = cmake -G Ninja -S . -DZORV_BUILD_PYTHON=OFF
+# The other CPython versions the tests run programs under, where pyenv has them.
+OTHER_PYTHONS := $(wildcard /root/.pyenv/versions/3.10.* /root/.pyenv/versions/3.12.* /root/.pyenv/versions/3.13.*)
 
-.PHONY: deps build test test-cpp test-asan test-tsan test-python install torch demo bench clean
+.PHONY: deps build test test-cpp test-asan test-tsan test-python install install-pythons torch demo bench clean
 
 # Installs only what is missing, so a set-up machine hears nothing.
 deps:
@@ -49,7 +51,17 @@ test-tsan: deps
 install: deps
 	$(PYTHON) -m pip install -q --disable-pip-version-check --no-build-isolation .
 
-test-python: install build torch
+# The capture module alone in each other interpreter: the views run in $(PYTHON).
+# pip's build isolation fetches scikit-build-core, pybind11 and NVIDIA's header
+# wheels for each; each build folder (build/cpXY-...) is kept for the next run.
+install-pythons: deps
+	@for root in $(OTHER_PYTHONS); do \
+	  echo "Installing zorvek (capture module) for $$root/bin/python"; \
+	  $$root/bin/python -m pip install -q --disable-pip-version-check --root-user-action=ignore \
+	    --config-settings=cmake.define.ZORV_BUILD_TOOLS=OFF . || exit 1; \
+	done
+
+test-python: install build torch install-pythons
 	$(PYTHON) -m pytest -q tests/python
 
 test: test-cpp test-asan test-tsan test-python
@@ -80,6 +92,7 @@ bench: build
 	$(MAKE) -s torch
 	$(PYTHON) bench/bench_training_overhead.py
 	@dpkg -s linux-perf >/dev/null 2>&1 || apt-get install -y -qq linux-perf >/dev/null || true; $(PYTHON) bench/bench_sampling_overhead.py
+	$(PYTHON) bench/bench_python_sampling.py
 
 clean:
 	rm -rf build

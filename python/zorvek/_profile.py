@@ -37,8 +37,10 @@ _SETTING_NAMES = {
     "RecordFile": "output folder",
     "BucketCount": "buffer memory",
     "BucketSizeMB": "buffer memory",
-    "EnablePerf": "CPU sampling",
-    "EventConfigs": "CPU sampling",
+    "ThreadSamplerHz": "CPU sampling",
+    "ThreadSamplerClock": "sampling clock",
+    "EnablePerf": "perf events",
+    "EventConfigs": "perf events",
     "EnableCuda": "GPU tracing",
     "EnableForkFollow": "fork following",
     "ShareFiles": "file sharing",
@@ -156,8 +158,8 @@ def describe_files(files: List[str], output_dir: str, extra: int = 0) -> str:
 
 
 class profile:
-    """profile(output_dir="zorvek_out", *, buffer_mb=None, sample_hz=1000, gpu="auto",
-    follow_forks=False, verbose=False, quiet=False, nvtx=True, settings=None,
+    """profile(output_dir="zorvek_out", *, buffer_mb=None, sample_hz=1000, clock="cpu",
+    gpu="auto", follow_forks=False, verbose=False, quiet=False, nvtx=True, settings=None,
     share=False)
 
     Captures what the process does while a block or a call runs, into .zvkraw files
@@ -181,11 +183,16 @@ class profile:
     - buffer_mb: memory for the capture's buffers, reserved at the first start.
       None picks 2 % of the memory the process may use, between 16 and 256 MiB,
       split into buckets of at most 8 MiB.
-    - sample_hz: CPU samples a second of each thread's CPU time, with their call
-      chains, from the kernel's software CPU clock (every Linux has it, VMs without
-      performance counters included). 0 or None turns CPU sampling off. Every
-      thread of the process is sampled, those already running at the start and
-      those started later; child processes only with follow_forks.
+    - sample_hz: samples a second of each thread (a whole number, at most
+      10 000), each with the thread's Python stack merged with its native one.
+      0 or None turns CPU sampling off. Every thread of the process is sampled,
+      those already running at the start and those started later; child
+      processes only with follow_forks. No perf_event is needed: each thread has
+      a timer of its own, which any user may set.
+    - clock: "cpu" (the default) samples each thread's CPU time, user and system
+      (time in system calls and page faults counts); "wall" samples elapsed time,
+      running or waiting, so time blocked on a lock, I/O or a data loader shows,
+      with waiting samples marked as such.
     - gpu: trace CUDA kernels, copies and API calls through CUPTI: True, False, or
       "auto", on when an NVIDIA driver is present.
     - follow_forks: child processes write capture files of their own, with their
@@ -212,7 +219,8 @@ class profile:
     purpose: a worker started through subprocess or a "spawn" start method that
     profiles itself has its NVTX ranges recorded and its INFO lines hidden too.
     - settings: {"profiler": {...}, "cuda": {...}, "perf": {...}}, the profiler's
-      own string settings, laid over the ones chosen from the keywords. Values
+      own string settings, laid over the ones chosen from the keywords; perf
+      "EventConfigs" given here turn perf_event sampling on as well. Values
       are strings, whole numbers, or True and False for "1" and "0". Unknown
       keys, values the profiler would misread ("abc", "-1", "1.5", "" where a
       number is wanted) and values that could only spoil the capture
@@ -231,23 +239,25 @@ class profile:
 
     def __init__(self, output_dir: Union[str, "os.PathLike[str]"] = DEFAULT_OUTPUT_DIR, *,
                  buffer_mb: Optional[int] = None, sample_hz: Optional[float] = 1000,
-                 gpu: Union[bool, str] = "auto", follow_forks: bool = False,
+                 clock: str = "cpu", gpu: Union[bool, str] = "auto", follow_forks: bool = False,
                  verbose: bool = False, quiet: bool = False, nvtx: bool = True,
                  settings: Optional[Mapping[str, Mapping[str, object]]] = None,
                  share: bool = False) -> None:
         # Mistakes in the arguments are raised here, before anything is touched:
         # the settings as the start will hand them over, but for what the machine
-        # decides then (GPU, whether CPU sampling is allowed).
+        # decides then (GPU, whether perf events are allowed).
         if not (gpu == "auto" or isinstance(gpu, bool)):
             raise ValueError(f'gpu must be True, False or "auto"; got {gpu!r}')
-        _settings.build_settings(".", buffer_mb, sample_hz, False, follow_forks, settings, share)
+        _settings.build_settings(".", buffer_mb, sample_hz, False, follow_forks, settings, share,
+                                 clock)
         self._kwargs: Dict[str, Any] = dict(
-            output_dir=output_dir, buffer_mb=buffer_mb, sample_hz=sample_hz, gpu=gpu,
+            output_dir=output_dir, buffer_mb=buffer_mb, sample_hz=sample_hz, clock=clock, gpu=gpu,
             follow_forks=follow_forks, verbose=verbose, quiet=quiet, nvtx=nvtx, settings=settings,
             share=share)
         self.output_dir = os.fspath(output_dir)
         self.buffer_mb = buffer_mb
         self.sample_hz = sample_hz
+        self.clock = clock
         self.gpu = gpu
         self.follow_forks = follow_forks
         self.verbose = verbose
@@ -438,18 +448,20 @@ class profile:
             _clocksync.mark_clock_sync()
 
     def _wanted_settings(self) -> _settings.Settings:
-        sample_hz = self.sample_hz
-        if sample_hz:
+        perf_events = True
+        if _settings.wants_perf_events(self.settings):
             if _state.sampling_problem is None:
                 _state.sampling_problem = (_settings.probe_cpu_sampling(),)
             problem = _state.sampling_problem[0]
             if problem is not None:
                 if _state.settings is None:
-                    report(f"CPU sampling is not available here ({problem}); profiling without it")
-                sample_hz = None
+                    report(f"perf events are not available here ({problem}); profiling "
+                           "without them")
+                perf_events = False
         return _settings.build_settings(
-            os.path.abspath(self.output_dir), self.buffer_mb, sample_hz,
-            _settings.resolve_gpu(self.gpu), self.follow_forks, self.settings, self.share)
+            os.path.abspath(self.output_dir), self.buffer_mb, self.sample_hz,
+            _settings.resolve_gpu(self.gpu), self.follow_forks, self.settings, self.share,
+            self.clock, perf_events)
 
     def _compare(self, wanted: _settings.Settings) -> None:
         assert _state.settings is not None

@@ -26,11 +26,15 @@ MAX_BUCKET_MB = 8
 
 # The kernel's software CPU clock (PERF_TYPE_SOFTWARE, PERF_COUNT_SW_CPU_CLOCK),
 # with the sample layout the capture format decodes (743: ip, tid, time, id,
-# cpu, stream id and the call chain).
+# cpu, stream id and the call chain): what the probe opens for perf events.
 _SOFTWARE = 1
 _CPU_CLOCK = 0
 _SAMPLE_TYPE = 743
-MAX_SAMPLE_HZ = 100_000
+# The per-thread sampler takes at most 10 kHz: each sample is a signal to the thread.
+MAX_SAMPLE_HZ = 10_000
+# What the per-thread sampler measures: each thread's CPU time (user and system),
+# or elapsed time, whether the thread runs or waits.
+CLOCKS = ("cpu", "wall")
 
 Settings = Dict[str, Dict[str, str]]
 
@@ -76,44 +80,21 @@ def split_buffer(total_mb: int) -> Tuple[int, int]:
     return max(2, total_mb // size), size
 
 
-def _is_prime(n: int) -> bool:
-    if n < 2 or n % 2 == 0:
-        return n == 2
-    f = 3
-    while f * f <= n:
-        if n % f == 0:
-            return False
-        f += 2
-    return True
-
-
-def sampling_period_ns(sample_hz: float) -> int:
-    """The CPU clock period for about `sample_hz` samples a second of CPU time: the
-    first prime at or above 1e9 / sample_hz, so that sampling doesn't run in step
-    with the job's own periodic work (timer ticks, a loop of a round length)."""
+def sampler_hz(sample_hz: float) -> int:
+    """The per-thread sampler's rate for `sample_hz`: a whole number of samples a
+    second, at least 1."""
     if isinstance(sample_hz, bool) or not isinstance(sample_hz, (int, float)) \
             or not 0 < sample_hz <= MAX_SAMPLE_HZ:
         raise SettingError(f"sample_hz must be above 0 and at most {MAX_SAMPLE_HZ}, or 0/None "
                            f"to turn CPU sampling off; got {sample_hz!r}")
-    period = max(3, round(1e9 / sample_hz))
-    while not _is_prime(period):
-        period += 1
-    return period
+    return max(1, round(sample_hz))
 
 
-def software_clock_event(sample_hz: float) -> str:
-    """The "EventConfigs" entry that samples the software CPU clock at about
-    `sample_hz`: seven fields, type, config, period, sample type, precise, config1,
-    config2."""
-    return f"{_SOFTWARE},{_CPU_CLOCK},{sampling_period_ns(sample_hz)},{_SAMPLE_TYPE},0,0,0"
-
-
-def has_hardware_pmu() -> bool:
-    """Whether the processor's performance counters are offered to perf_event (many
-    cloud VMs offer none). Sampling uses the software clock either way; this is
-    reported by `zorvek record -v`."""
-    return any(os.path.isdir(f"/sys/bus/event_source/devices/{name}")
-               for name in ("cpu", "cpu_core", "armv8_pmuv3_0", "armv8_pmuv3"))
+def check_clock(clock: object) -> str:
+    if clock not in CLOCKS:
+        raise SettingError(f'clock must be "cpu" (each thread\'s CPU time) or "wall" (elapsed '
+                           f"time, running or waiting); got {clock!r}")
+    return str(clock)
 
 
 # perf_event_open's system call number where the probe below knows it.
@@ -121,13 +102,14 @@ _PERF_EVENT_OPEN = {"x86_64": 298, "aarch64": 241}
 
 
 def probe_cpu_sampling() -> Optional[str]:
-    """Opens the software CPU clock as the capture will, and closes it again: None
-    when that works (or can't be tried here), else why not. The capture samples
-    this process, each thread on each CPU with children inherited, which
-    perf_event_paranoid 2 allows any user; a CPU-wide probe would refuse users the
-    capture serves. A container's seccomp filter and perf_event_paranoid at 3
-    refuse it; with the reason in hand the capture goes on without CPU samples
-    instead of being refused whole."""
+    """Opens the software CPU clock as a capture with perf events does, and closes
+    it again: None when that works (or can't be tried here), else why not. Such a
+    capture samples this process, each thread on each CPU with children
+    inherited, which perf_event_paranoid 2 allows any user; a CPU-wide probe
+    would refuse users the capture serves. A container's seccomp filter and
+    perf_event_paranoid at 3 refuse it; with the reason in hand the capture goes
+    on without the perf events instead of being refused whole. The per-thread
+    sampler needs no perf_event and is not probed."""
     number = _PERF_EVENT_OPEN.get(platform.machine())
     if number is None:
         return None
@@ -212,21 +194,31 @@ def resolve_gpu(gpu: Union[bool, str]) -> bool:
     raise ValueError(f'gpu must be True, False or "auto"; got {gpu!r}')
 
 
+def wants_perf_events(overrides: Optional[Mapping[str, Mapping[str, object]]]) -> bool:
+    """Whether the settings ask for perf events: "EventConfigs" given in the perf
+    section (left empty, it means the processor's raw events)."""
+    return "EventConfigs" in (overrides or {}).get("perf", {})
+
+
 def build_settings(output_dir: str, buffer_mb: Optional[int], sample_hz: Optional[float],
                    gpu: bool, follow_forks: bool,
                    overrides: Optional[Mapping[str, Mapping[str, object]]] = None,
-                   share: bool = False) -> Settings:
+                   share: bool = False, clock: str = "cpu", perf_events: bool = True) -> Settings:
     """The three maps, keyed "profiler", "cuda", "perf" as `_zorv.Config` names
-    them. `overrides` is laid over them last, for settings without a keyword.
-    Raises SettingError for any value the profiler would misread or that could
-    only spoil the capture (see check_settings)."""
+    them. `sample_hz` is the per-thread sampler's rate on `clock`; perf events
+    are on only where `overrides` give "EventConfigs" (and `perf_events` allows
+    them). `overrides` is laid over the maps last, for settings without a
+    keyword. Raises SettingError for any value the profiler would misread or that
+    could only spoil the capture (see check_settings)."""
+    clock = check_clock(clock)
     count, size = split_buffer(buffer_mb if buffer_mb is not None else auto_buffer_mb())
+    perf_on = perf_events and wants_perf_events(overrides)
     profiler = {
         "BucketCount": str(count),
         "BucketSizeMB": str(size),
         "RecordFile": os.path.join(output_dir, "zorvek_%h_%p_%t"),
         "EnableCuda": "1" if gpu else "0",
-        "EnablePerf": "1" if sample_hz else "0",
+        "EnablePerf": "1" if perf_on else "0",
         "EnableForkFollow": "1" if follow_forks else "0",
         # Captures hold the command line, host names and the address layout:
         # readable by their owner only unless shared on purpose.
@@ -234,14 +226,15 @@ def build_settings(output_dir: str, buffer_mb: Optional[int], sample_hz: Optiona
     }
     perf: Dict[str, str] = {}
     if sample_hz:
-        perf = {
-            "EventConfigs": software_clock_event(sample_hz),
-            # Threads and processes started after the start are sampled too.
-            "InheritEvents": "1",
-            # Libraries loaded before the start (libpython, torch's) get their
-            # mappings into the capture, so that their addresses can be named.
-            "RecordMappings": "1",
-        }
+        # Each thread's own timer signals that thread, which walks its native and
+        # Python frames; its CPU clock counts system time too.
+        perf["ThreadSamplerHz"] = str(sampler_hz(sample_hz))
+        perf["ThreadSamplerClock"] = clock
+    if perf_on:
+        # Threads and processes started after the start are sampled too, and
+        # libraries loaded before it (libpython, torch's) get their mappings into
+        # the capture, so that their addresses can be named.
+        perf.update({"InheritEvents": "1", "RecordMappings": "1"})
     settings: Settings = {"profiler": profiler, "cuda": {}, "perf": perf}
     for section, keys in (overrides or {}).items():
         if section not in settings:
@@ -461,6 +454,10 @@ def _log2_pages(number: int, settings: Settings) -> Optional[str]:
             "larger rings would not be mapped and no CPU sample would be recorded")
 
 
+def _clock(text: str, settings: Settings) -> Optional[str]:
+    return None if text in CLOCKS else '"cpu" or "wall"'
+
+
 _KEYS: Dict[str, Dict[str, Union[_Number, _Text]]] = {
     "profiler": {
         "BucketCount": _Number(2, _U32),
@@ -491,6 +488,8 @@ _KEYS: Dict[str, Dict[str, Union[_Number, _Text]]] = {
         "PerfSampleType": _Number(0, _U64, _sample_type),
         "OverflowThreshold": _Number(0, _U64),
         "EventConfigs": _Text(_event_configs),
+        "ThreadSamplerHz": _Number(0, MAX_SAMPLE_HZ),
+        "ThreadSamplerClock": _Text(_clock),
     },
 }
 

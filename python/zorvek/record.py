@@ -37,6 +37,7 @@ examples:
   zorvek record -- python train.py --epochs 3
   zorvek record train.py --epochs 3              # the same: "python" may be left out
   zorvek record -o runs/a -F 500 -- python -m mypkg.train
+  zorvek record --clock wall -- python train.py  # time spent waiting shows too
   zorvek record --no-gpu --follow-forks -- python -u train.py
   zorvek record -F 0 -- python train.py          # annotations and GPU only, no CPU samples
 
@@ -71,7 +72,7 @@ def _rate(text: str) -> float:
         raise argparse.ArgumentTypeError(f"{text!r} is not a number of samples a second") from None
     if rate != 0:
         try:
-            _settings.sampling_period_ns(rate)
+            _settings.sampler_hz(rate)
         except _settings.SettingError:
             raise argparse.ArgumentTypeError(
                 f"{text!r}: give 0 (no CPU sampling) or a rate above 0 and at most "
@@ -98,8 +99,13 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
                              "%(default)s)")
     parser.add_argument("-F", "--freq", "-r", "--rate", dest="rate", metavar="HZ", type=_rate,
                         default=1000.0,
-                        help="CPU samples a second of each thread's CPU time; 0 turns CPU "
-                             "sampling off (default: %(default)g)")
+                        help="samples a second of each thread, each with its Python and native "
+                             "frames; 0 turns CPU sampling off (default: %(default)g)")
+    parser.add_argument("--clock", choices=_settings.CLOCKS, default="cpu",
+                        help="what the rate counts: cpu, each thread's CPU time, user and "
+                             "system; wall, elapsed time, so that time spent waiting (a lock, "
+                             "I/O, a data loader) shows, marked as waiting (default: "
+                             "%(default)s)")
     gpu = parser.add_mutually_exclusive_group()
     gpu.add_argument("--gpu", dest="gpu", action="store_true", default=None,
                      help="trace the GPU through CUPTI (default: when an NVIDIA driver is present)")
@@ -226,7 +232,7 @@ def parse_command(command: List[str], module: Optional[str] = None) -> Target:
 
 def _record_options(args: argparse.Namespace) -> List[str]:
     """The options of this run, for a run of zorvek record in another interpreter."""
-    options = ["-o", args.output, "-F", repr(args.rate)]
+    options = ["-o", args.output, "-F", repr(args.rate), "--clock", args.clock]
     if args.gpu is not None:
         options.append("--gpu" if args.gpu else "--no-gpu")
     options.append("--follow-forks" if args.follow_forks else "--no-follow-forks")
@@ -387,7 +393,7 @@ class _Recording:
     def start(self) -> None:
         args = self.args
         self.capture = _profile.profile(
-            args.output, buffer_mb=args.buffer_mb, sample_hz=args.rate or None,
+            args.output, buffer_mb=args.buffer_mb, sample_hz=args.rate or None, clock=args.clock,
             gpu="auto" if args.gpu is None else args.gpu, follow_forks=args.follow_forks,
             verbose=args.verbose, quiet=True, nvtx=args.nvtx, share=args.share)
         if args.verbose:
@@ -409,9 +415,10 @@ class _Recording:
         args = self.args
         buffer_mb = args.buffer_mb or _settings.auto_buffer_mb()
         count, size = _settings.split_buffer(buffer_mb)
-        sampling = (f"{args.rate:g} Hz of CPU time from the software CPU clock (hardware PMU "
-                    f"{'present' if _settings.has_hardware_pmu() else 'absent'})"
-                    if args.rate else "off")
+        counted = {"cpu": "of each thread's CPU time, user and system",
+                   "wall": "of elapsed time, each thread running or waiting"}[args.clock]
+        sampling = (f"{_settings.sampler_hz(args.rate)} Hz {counted} ({args.clock} clock), "
+                    "Python and native frames" if args.rate else "off")
         gpu = _settings.resolve_gpu("auto" if args.gpu is None else args.gpu)
         _profile.report(f"recording into {args.output}: buffers {count} x {size} MiB, CPU sampling "
                         f"{sampling}, GPU tracing {'on' if gpu else 'off'}, fork following "

@@ -14,7 +14,9 @@ def test_summary_reads_the_stall_time_and_hides_the_profilers_own_ranges(tmp_pat
     script = tmp_path / "program.py"
     script.write_text(textwrap.dedent("""
         import zorvek
-        with zorvek.profile("out", sample_hz=1000, gpu=False, quiet=True):
+        # perf events bring the clock-sync ties with them.
+        events = {"perf": {"EventConfigs": "1,0,1000003,743,0,0,0"}}
+        with zorvek.profile("out", sample_hz=1000, gpu=False, quiet=True, settings=events):
             with zorvek.annotate("work"):
                 sum(i * i for i in range(300000))
     """))

@@ -15,7 +15,7 @@ import time
 
 import pytest
 
-from zvk_testing import (MMAP, REPORT_SOURCE, SAMPLE, SPIN_SOURCE, begins, cpu_records, ends,
+from zvk_testing import (MMAP, REPORT_SOURCE, SPIN_SOURCE, STACK, begins, cpu_records, ends,
                          parse_reports, read_capture, run_python)
 
 PROBE = r'''
@@ -85,7 +85,7 @@ def test_argv_main_and_path_as_python_gives_them(tmp_path):
     assert_closed(capture)
     # The capture began before the script's first line: its samples and the
     # mappings of the libraries loaded before it.
-    assert len(cpu_records(capture, SAMPLE)) > 50
+    assert len(cpu_records(capture, STACK)) > 50
     assert cpu_records(capture, MMAP)
     # Quiet by default: one line says what was written, then the summary; no INFO.
     lines = zorvek_lines(stderr)
@@ -316,7 +316,41 @@ def test_sampling_off(tmp_path):
     write(tmp_path / "train.py", "spin(0.2)\n")
     code, got, stderr = record(tmp_path, "-o", "out", "-F", "0", "--no-gpu", "train.py")
     assert code == 0, stderr
-    assert cpu_records(whole_capture(tmp_path / "out", got["pid"]), SAMPLE) == []
+    assert cpu_records(whole_capture(tmp_path / "out", got["pid"]), STACK) == []
+
+
+def test_the_sampling_clock(tmp_path):
+    # A child started through subprocess profiles itself with the same clock.
+    write(tmp_path / "child.py", "sum(range(10 ** 6))\n", probe=False)
+    write(tmp_path / "train.py", """
+        import subprocess
+        report("options", json.loads(os.environ["ZORVEK_OPTIONS"]))
+        subprocess.run([sys.executable, "child.py"], check=True)
+        time.sleep(0.2)
+    """)
+    code, got, stderr = record(tmp_path, "-v", "--clock", "wall", "--follow-forks", "-o", "out",
+                               "--", "python", "train.py")
+    assert code == 0, stderr
+    assert got["options"]["clock"] == "wall"
+    assert ("CPU sampling 1000 Hz of elapsed time, each thread running or waiting (wall clock), "
+            "Python and native frames") in zorvek_lines(stderr)[0]
+    files = capture_files(tmp_path / "out")
+    assert len(files) == 2
+    for path in files:
+        samples = cpu_records(read_capture(path), STACK)
+        assert samples and {r["clock"] for r in samples} == {1}, path
+    # Sleeping counts on the wall clock: about 200 samples at 1 kHz, or more.
+    assert len(cpu_records(whole_capture(tmp_path / "out", got["pid"]), STACK)) > 150
+    # The default counts CPU time; the clock goes along when another interpreter
+    # run is started for Python's own options.
+    write(tmp_path / "alone.py", "spin(0.1)\n")
+    code, got, stderr = record(tmp_path, "-v", "-o", "cpu", "--", "python3", "-u", "alone.py")
+    assert code == 0, stderr
+    assert "(cpu clock), Python and native frames" in stderr
+    capture = whole_capture(tmp_path / "cpu", got["pid"])
+    assert {r["clock"] for r in cpu_records(capture, STACK)} == {0}
+    code, _, stderr = record(tmp_path, "--clock", "both", "alone.py")
+    assert code == 2 and "argument --clock: invalid choice: 'both'" in stderr
 
 
 def test_quiet_and_verbose(tmp_path):
@@ -354,7 +388,8 @@ def test_help_with_examples(tmp_path):
     code, stdout, _ = run_python(["-m", "zorvek", "record", "--help"], tmp_path, {}, 30)
     assert code == 0
     assert "examples:" in stdout and "zorvek record -- python train.py" in stdout
-    for option in ("-o DIR", "-F HZ", "--gpu", "--no-gpu", "--follow-forks", "--no-nvtx", "-q"):
+    for option in ("-o DIR", "-F HZ", "--clock {cpu,wall}", "--gpu", "--no-gpu", "--follow-forks",
+                   "--no-nvtx", "-q"):
         assert option in stdout
     code, stdout, _ = run_python(["-m", "zorvek", "--help"], tmp_path, {}, 30)
     assert code == 0

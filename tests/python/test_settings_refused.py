@@ -52,6 +52,10 @@ def refusal(settings):
     ("profiler", "Compression", "1000010",
      'profiler setting Compression="1000010" is refused: it must be 1000000 plus a zlib level '
      'from 0 to 9 (1000001 is level 1), or the level alone'),
+    ("perf", "ThreadSamplerHz", "1e3",
+     'perf setting ThreadSamplerHz="1e3" is refused: it must be a whole number from 0 to 10000'),
+    ("perf", "ThreadSamplerClock", "CPU",
+     'perf setting ThreadSamplerClock="CPU" is refused: it must be "cpu" or "wall"'),
 ])
 def test_a_value_that_would_be_misread_is_refused_as_given(section, key, value, expected):
     assert refusal({section: {key: value}}) == expected
@@ -89,6 +93,8 @@ def test_the_keywords_are_checked_too():
         zorvek.profile(sample_hz="abc")
     with pytest.raises(ValueError, match=r"sample_hz .* got nan"):
         zorvek.profile(sample_hz=float("nan"))
+    with pytest.raises(zorvek.SettingError, match=r'clock must be "cpu" .* or "wall" .*got \'both\''):
+        zorvek.profile(clock="both")
 
 
 # ---- Keys the profiler doesn't know ----
@@ -117,12 +123,14 @@ def test_every_key_the_profiler_reads_is_known():
                      "ShareFiles", "RecordFile"],
         "perf": ["PID", "CPU", "InheritEvents", "SingleWorker", "SharedBuckets", "RecordMappings",
                  "UseSoftBacktrace", "Log2NumPages", "PerfEventType", "CgroupDir",
-                 "PerfSampleType", "OverflowThreshold", "EventConfigs"],
+                 "PerfSampleType", "OverflowThreshold", "EventConfigs", "ThreadSamplerHz",
+                 "ThreadSamplerClock"],
     }
     values = {"BucketCount": "4", "BucketSizeMB": "1", "Compression": "1000006", "FlushIntervalMs": "0",
               "RecordFile": "/tmp/x_%p", "CPU": "-1", "Log2NumPages": "7", "PerfEventType": "3",
               "CgroupDir": "/sys/fs/cgroup", "PerfSampleType": "2791", "OverflowThreshold": "50",
-              "EventConfigs": "1,0,1000003,743,0,0,0", "SingleWorker": "1", "PID": "0"}
+              "EventConfigs": "1,0,1000003,743,0,0,0", "SingleWorker": "1", "PID": "0",
+              "ThreadSamplerHz": "250", "ThreadSamplerClock": "wall"}
     for section, keys in known.items():
         settings = _settings.build_settings(
             "/tmp/o", 16, 1000, False, False, {section: {k: values.get(k, "1") for k in keys}})
@@ -215,7 +223,7 @@ def test_rings_beyond_what_the_kernel_maps_are_refused(monkeypatch):
             f"and the kernel maps {allowed} for this process (/proc/sys/kernel/perf_event_mlock_kb "
             "per CPU, and RLIMIT_MEMLOCK beyond that); larger rings would not be mapped and no "
             "CPU sample would be recorded")
-        # With CPU sampling off, the perf settings reach nothing.
+        # Without perf events, the perf settings reach nothing.
         assert _settings.build_settings("/tmp/o", 16, None, False, False,
                                         {"perf": {"Log2NumPages": "20"}})
     finally:
@@ -268,9 +276,9 @@ def test_a_start_that_fails_to_open_its_file_names_the_folder(tmp_path):
 # ---- The command's own options ----
 
 @pytest.mark.parametrize("option,value,why", [
-    ("-F", "-5", "'-5': give 0 (no CPU sampling) or a rate above 0 and at most 100000"),
-    ("-F", "1e9", "'1e9': give 0 (no CPU sampling) or a rate above 0 and at most 100000"),
-    ("-F", "nan", "'nan': give 0 (no CPU sampling) or a rate above 0 and at most 100000"),
+    ("-F", "-5", "'-5': give 0 (no CPU sampling) or a rate above 0 and at most 10000"),
+    ("-F", "1e9", "'1e9': give 0 (no CPU sampling) or a rate above 0 and at most 10000"),
+    ("-F", "nan", "'nan': give 0 (no CPU sampling) or a rate above 0 and at most 10000"),
     ("--rate", "abc", "'abc' is not a number of samples a second"),
     ("--buffer-mb", "1", "'1': buffer_mb must be at least 2 (two buckets of 1 MiB); got 1"),
     ("--buffer-mb", "-3", "'-3': buffer_mb must be at least 2 (two buckets of 1 MiB); got -3"),

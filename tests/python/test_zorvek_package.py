@@ -8,7 +8,7 @@ import re
 
 import pytest
 
-from zvk_testing import (ANNOTATION, BEGIN, END, MMAP, REPORT_SOURCE, SAMPLE, SPIN_SOURCE,
+from zvk_testing import (ANNOTATION, BEGIN, END, MMAP, REPORT_SOURCE, SAMPLE, SPIN_SOURCE, STACK,
                          begins, cpu_records, read_capture, run_scenario_script)
 
 PRELUDE = r'''
@@ -237,7 +237,7 @@ def test_a_profile_left_running_stops_at_exit(tmp_path):
 
 # ---- CPU samples, mappings and the automatic settings ----
 
-def test_cpu_sampling_with_the_software_clock_and_the_mappings(tmp_path):
+def test_cpu_sampling_with_each_threads_timer_and_the_mappings(tmp_path):
     got, _ = run_scenario(tmp_path, """
         def worker():
             report("worker", threading.get_native_id())
@@ -252,11 +252,13 @@ def test_cpu_sampling_with_the_software_clock_and_the_mappings(tmp_path):
     """)
     (path,) = capture_files(tmp_path / "out", got["pid"])
     capture = read_capture(path)
-    samples = cpu_records(capture, SAMPLE)
+    samples = cpu_records(capture, STACK)
     tids = {r["tid"] for r in samples}
     # Threads started after the start are sampled too.
     assert got["main"] in tids and got["worker"] in tids
     assert len(samples) > 100
+    # No perf_event unless the settings ask for one.
+    assert cpu_records(capture, SAMPLE) == []
     # The mappings present at the start: the interpreter and this module's library.
     mapped = {os.path.basename(r["filename"]) for r in cpu_records(capture, MMAP)}
     assert any(name.startswith("_zorv") for name in mapped), mapped
@@ -269,7 +271,8 @@ def test_sampling_off_records_no_samples(tmp_path):
         report("pid", os.getpid())
     """)
     (path,) = capture_files(tmp_path / "out", got["pid"])
-    assert cpu_records(read_capture(path), SAMPLE) == []
+    capture = read_capture(path)
+    assert cpu_records(capture, STACK) == cpu_records(capture, SAMPLE) == []
 
 
 def test_automatic_settings_for_this_machine():
@@ -277,11 +280,24 @@ def test_automatic_settings_for_this_machine():
 
     settings = _settings.build_settings("/tmp/o", None, 1000, False, False)
     perf, profiler = settings["perf"], settings["profiler"]
-    # The software CPU clock at a prime period near 1 ms, on every machine: this
-    # one has no hardware PMU, and one that has gets the same meaning of the rate.
-    assert perf["EventConfigs"] == "1,0,1000003,743,0,0,0"
-    assert perf["InheritEvents"] == "1" and perf["RecordMappings"] == "1"
-    assert _settings.software_clock_event(250) == "1,0,4000037,743,0,0,0"
+    # Each thread's own CPU-time timer, no perf_event: it works for any user on
+    # any machine, and counts system time too.
+    assert perf == {"ThreadSamplerHz": "1000", "ThreadSamplerClock": "cpu"}
+    assert profiler["EnablePerf"] == "0"
+    wall = _settings.build_settings("/tmp/o", None, 250.4, False, False, clock="wall")
+    assert wall["perf"] == {"ThreadSamplerHz": "250", "ThreadSamplerClock": "wall"}
+    # perf events only where the settings name them, with threads started later
+    # and the mappings present at the start; the sampler runs beside them.
+    events = _settings.build_settings("/tmp/o", None, 1000, False, False,
+                                      {"perf": {"EventConfigs": "1,0,1000003,743,0,0,0"}})
+    assert events["profiler"]["EnablePerf"] == "1"
+    assert events["perf"] == {"ThreadSamplerHz": "1000", "ThreadSamplerClock": "cpu",
+                              "InheritEvents": "1", "RecordMappings": "1",
+                              "EventConfigs": "1,0,1000003,743,0,0,0"}
+    # Where the probe refused them, they stay off.
+    refused = _settings.build_settings("/tmp/o", None, 1000, False, False,
+                                       {"perf": {"EventConfigs": ""}}, perf_events=False)
+    assert refused["profiler"]["EnablePerf"] == "0"
     # Buffers: 2 % of memory, within 16 to 256 MiB, in buckets of at most 8 MiB.
     count, size = int(profiler["BucketCount"]), int(profiler["BucketSizeMB"])
     total = count * size
@@ -292,8 +308,8 @@ def test_automatic_settings_for_this_machine():
     assert _settings.split_buffer(256) == (32, 8)
     assert _settings.split_buffer(100) == (12, 8)
     assert profiler["RecordFile"] == "/tmp/o/zorvek_%h_%p_%t"
-    assert profiler["EnablePerf"] == "1" and profiler["EnableCuda"] == "0"
-    assert _settings.build_settings("/tmp/o", 64, 0, True, True)["profiler"]["EnablePerf"] == "0"
+    assert profiler["EnableCuda"] == "0"
+    assert "ThreadSamplerHz" not in _settings.build_settings("/tmp/o", 64, 0, True, True)["perf"]
     # GPU tracing only where a driver is.
     assert _settings.resolve_gpu("auto") == _settings.cuda_driver_present()
     if not os.path.exists("/proc/driver/nvidia"):
@@ -301,7 +317,9 @@ def test_automatic_settings_for_this_machine():
     # This machine lets a process sample its own threads.
     assert _settings.probe_cpu_sampling() is None
     with pytest.raises(ValueError):
-        _settings.sampling_period_ns(-5)
+        _settings.sampler_hz(-5)
+    with pytest.raises(ValueError):
+        _settings.check_clock("CPU")
     with pytest.raises(ValueError):
         _settings.split_buffer(1)
 

@@ -102,6 +102,10 @@ BEGIN, END, TIME_MARKER = 0, 1, 2
 # under "type"; the perf_event_attr type of a CONFIGURATION is "perf_type".
 CPU = 0
 CONFIGURATION, SAMPLE, THROTTLE, UNTHROTTLE, LOST, MMAP, FORK, EXIT = 0, 1, 2, 3, 4, 6, 7, 8
+# The per-thread sampler's records: a stack sample (native and Python frames), a
+# Python code object met for the first time.
+STACK, PYCODE = 16, 17
+_STACK = struct.Struct("<QHHBBH")
 _CPU_PAYLOADS = {
     CONFIGURATION: (struct.Struct("<QQQIIQQ"), ("config", "config1", "config2", "perf_type",
                                                 "precise", "period", "format_id")),
@@ -120,6 +124,9 @@ def _decode_cpu(record, word, chain_bytes, payload):
     chain as the plain list of 64-bit slots the record carries (two per entry, so
     an odd-length chain ends in one slot of whatever the buffer held)."""
     record["device"] = (word >> 20) & 0xFF
+    if record["type"] == STACK:
+        _decode_stack(record, payload)
+        return
     layout = _CPU_PAYLOADS.get(record["type"])
     if layout is None:
         return
@@ -130,6 +137,16 @@ def _decode_cpu(record, word, chain_bytes, payload):
     elif record["type"] == MMAP:
         name = payload[shape.size:shape.size + record["strsize"]]
         record["filename"] = name.decode(errors="replace")
+
+
+def _decode_stack(record, payload):
+    """A STACK sample's weight, clock, flags, native addresses and Python frames
+    as (code id, instruction word) pairs, both leaf first."""
+    (record["weight_ns"], native, python, record["clock"], record["flags"],
+     _) = _STACK.unpack_from(payload)
+    record["ips"] = list(struct.unpack_from(f"<{native}Q", payload, _STACK.size))
+    words = struct.unpack_from(f"<{2 * python}I", payload, _STACK.size + 8 * native)
+    record["py"] = list(zip(words[0::2], words[1::2]))
 
 
 GPU = 1
