@@ -5,6 +5,7 @@ them, as the names of empty annotation ranges:
 
     zorvek.process SEQ PPID COMMAND       the command line, or a worker's role
     zorvek.thread SEQ TID NAME            threading.Thread.name, or the OS name
+    zorvek.rank RANK LOCAL WORLD HOST     the rank its launcher gave it (-1: not said)
 
 SEQ grows within a process, so that a reader takes the latest of each (a spawned
 worker knows its role only after its first line). The views read them back and
@@ -19,6 +20,7 @@ from typing import Dict, Iterable, Optional, Tuple
 
 PROCESS_NAME = "zorvek.process"
 THREAD_NAME = "zorvek.thread"
+RANK = "zorvek.rank"
 
 _sequence = itertools.count(1)
 _command: Optional[str] = None   # the program's command line, where zorvek record ran it
@@ -82,6 +84,17 @@ def _mark(text: str) -> None:
 def mark_process() -> None:
     name, parent = process_name()
     _mark(f"{PROCESS_NAME} {next(_sequence)} {parent} {name}")
+    mark_rank()
+
+
+def mark_rank() -> None:
+    """The rank of a distributed job, beside the process's name: every file a
+    rotating capture writes starts and ends with it."""
+    from . import _ranks
+
+    found = _ranks.detect()
+    if found is not None:
+        _mark(f"{RANK} {found.rank} {found.local_rank} {found.world_size} {found.host}")
 
 
 def _os_name(tid: int) -> Optional[str]:
@@ -204,8 +217,21 @@ def parse(text: str) -> Optional[Tuple[str, int, int, str]]:
     return None
 
 
+def parse_rank(text: str) -> Optional[Tuple[int, int, int, str]]:
+    """(RANK, LOCAL, WORLD, HOST) of a rank mark, else None."""
+    if not text.startswith(RANK + " "):
+        return None
+    parts = text[len(RANK) + 1:].split(" ", 3)
+    if len(parts) < 4:
+        return None
+    try:
+        return int(parts[0]), int(parts[1]), int(parts[2]), parts[3]
+    except ValueError:
+        return None
+
+
 def is_mark(text: str) -> bool:
-    return text.startswith((PROCESS_NAME + " ", THREAD_NAME + " "))
+    return text.startswith((PROCESS_NAME + " ", THREAD_NAME + " ", RANK + " "))
 
 
 class Names:
@@ -214,12 +240,17 @@ class Names:
     def __init__(self) -> None:
         self.processes: Dict[int, Tuple[int, str, int]] = {}        # pid: (seq, name, ppid)
         self.threads: Dict[Tuple[int, int], Tuple[int, str]] = {}  # (pid, tid): (seq, name)
+        self.ranks: Dict[int, Tuple[int, int, int, str]] = {}      # pid: (rank, local, world, host)
 
     def learn(self, pid: int, text: str) -> bool:
-        """Takes a range's name; True if it was a name mark."""
+        """Takes a range's name; True if it was a name or rank mark."""
         parsed = parse(text)
         if parsed is None:
-            return False
+            rank = parse_rank(text)
+            if rank is None:
+                return False
+            self.ranks[pid] = rank
+            return True
         kind, seq, number, name = parsed
         if kind == "process":
             if seq >= self.processes.get(pid, (0, "", 0))[0]:
@@ -235,6 +266,9 @@ class Names:
     def parent(self, pid: int) -> Optional[int]:
         entry = self.processes.get(pid)
         return entry[2] if entry else None
+
+    def rank(self, pid: int) -> Optional[Tuple[int, int, int, str]]:
+        return self.ranks.get(pid)
 
     def thread(self, pid: int, tid: int) -> Optional[str]:
         entry = self.threads.get((pid, tid))

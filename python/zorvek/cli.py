@@ -18,6 +18,9 @@ COMMANDS = {
     "summary": ("zorvek.summary", "what captures hold, in tables: ranges, CPU functions, GPU kernels"),
     "timeline": ("zorvek.timeline", "captures as a trace for Perfetto and chrome://tracing"),
     "flame": ("zorvek.flame", "a flame graph of the CPU samples"),
+    "export": ("zorvek.export", "captures as Parquet tables, here or on a Dask cluster"),
+    "sql": ("zorvek.sql", "SQL over the captures' tables, in an embedded DuckDB"),
+    "ranks": ("zorvek.ranks", "a range per rank of a distributed job, the slow ranks flagged"),
 }
 
 DESCRIPTION = """\
