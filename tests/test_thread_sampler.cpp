@@ -415,10 +415,15 @@ TEST(ThreadSampler, StopWithSignalsPendingLeavesTheProcessAlive) {
     pthread_sigmask(SIG_BLOCK, &prof, nullptr);
     phase = 1;
     while (phase != 2) std::this_thread::yield();
-    burn_cpu(50000000);  // the timer expires; its signal waits, blocked
-    sigset_t pending;
-    sigpending(&pending);
-    pending_before_stop = sigismember(&pending, SIGPROF) == 1;
+    // Burns until the timer has expired (its signal waits, blocked), for two
+    // seconds of CPU at most.
+    const uint64_t give_up = thread_cpu_now() + 2000000000ull;
+    while (!pending_before_stop.load() && thread_cpu_now() < give_up) {
+      burn_cpu(1000000);
+      sigset_t pending;
+      sigpending(&pending);
+      pending_before_stop = sigismember(&pending, SIGPROF) == 1;
+    }
     phase = 3;
     while (phase != 4) std::this_thread::yield();
     pthread_sigmask(SIG_UNBLOCK, &prof, nullptr);  // delivered now, after the stop
@@ -556,7 +561,8 @@ TEST(ThreadSampler, ASecondCaptureWritesTheMappingsAgain) {
   };
   for (int capture = 0; capture < 2; ++capture) {
     ASSERT_TRUE(sampling.sampler.start_profiling().ok());
-    burn_cpu(50000000);
+    EXPECT_TRUE(sampling.sampler.sampling());
+    burn_cpu(200000000);
     ASSERT_TRUE(sampling.sampler.stop_profiling().ok());
     const auto records = sampling.written();
     EXPECT_FALSE(samples_of(records).empty()) << "capture " << capture;

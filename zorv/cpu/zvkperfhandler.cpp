@@ -20,6 +20,7 @@
 #include <set>
 #include <sstream>
 
+#include "zorv/cpu/procmaps.h"
 #include "zorv/cpu/perf_helpers.h"
 #include "zorv/cpu/processpages.h"
 #include "zorv/cpu/zvkperfevents.h"
@@ -136,31 +137,16 @@ void save_perf_config(ZVKBufferRecordHelper* rh, const PerfConfFD& fd, ZVKPerfKe
 
 void save_process_mappings(ZVKBufferRecordHelper* rh, const char* maps_path) {
   if (rh == nullptr) return;
-  FILE* maps = fopen(maps_path, "re");
-  if (maps == nullptr) return;
-  char* line = nullptr;
-  size_t capacity = 0;
-  while (getline(&line, &capacity, maps) > 0) {
-    unsigned long start = 0;
-    unsigned long end = 0;
-    unsigned long offset = 0;
-    char permissions[5] = {};
-    int name_at = 0;
-    if (sscanf(line, "%lx-%lx %4s %lx %*s %*s %n", &start, &end, permissions, &offset, &name_at) < 4 ||
-        permissions[2] != 'x') {
-      continue;
-    }
-    const char* name = line + name_at;
-    const size_t name_length = strcspn(name, "\n");
+  for_each_executable_mapping(maps_path, [rh](const ExecutableMapping& mapping) {
+    const size_t name_length = mapping.name.size();
     auto writer = new_worker_record(rh, perfevent::MMAP, perfevent::mmap_payload_size(name_length));
-    const perfevent::ZVKPerfMMap fixed = {0, 0, start, end - start, offset, name_length};
+    const perfevent::ZVKPerfMMap fixed = {0, 0, mapping.start, mapping.end - mapping.start,
+                                          mapping.offset, name_length};
     char* payload = static_cast<char*>(writer.get_payload_store());
     std::memcpy(payload, &fixed, sizeof(fixed));
-    std::memcpy(payload + sizeof(fixed), name, name_length);
+    std::memcpy(payload + sizeof(fixed), mapping.name.data(), name_length);
     payload[sizeof(fixed) + name_length] = '\0';
-  }
-  free(line);
-  fclose(maps);
+  });
 }
 
 PerfCleaner::~PerfCleaner() {

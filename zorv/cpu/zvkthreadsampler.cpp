@@ -19,6 +19,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "zorv/cpu/procmaps.h"
 #include "zorv/cpu/pyframes.h"
 #include "zorv/cpu/pythonlayout.h"
 #include "zorv/cpu/signalring.h"
@@ -364,29 +365,16 @@ class ZVKExecutableMappings {
   // executable mapping not written before.
   void scan(ZVKBufferRecordHelper* rh, int32_t pid, int32_t tid, uint64_t timestamp) {
     m_objects_seen = loaded_objects();
-    FILE* maps = fopen("/proc/self/maps", "re");
-    if (maps == nullptr) return;
-    m_ranges.clear();
-    char* line = nullptr;
-    size_t capacity = 0;
-    while (getline(&line, &capacity, maps) > 0) {
-      unsigned long start = 0;
-      unsigned long end = 0;
-      unsigned long offset = 0;
-      char permissions[5] = {};
-      int name_at = 0;
-      if (sscanf(line, "%lx-%lx %4s %lx %*s %*s %n", &start, &end, permissions, &offset,
-                 &name_at) < 4 ||
-          permissions[2] != 'x') {
-        continue;
-      }
-      m_ranges.emplace_back(start, end);
-      const std::string name(line + name_at, strcspn(line + name_at, "\n"));
-      if (!m_written.emplace(start, end, offset, name).second) continue;
-      write_mapping(rh, timestamp, pid, tid, start, end, offset, name);
-    }
-    free(line);
-    fclose(maps);
+    std::vector<std::pair<uint64_t, uint64_t>> ranges;
+    const bool listed = for_each_executable_mapping(
+        "/proc/self/maps", [&](const ExecutableMapping& mapping) {
+          ranges.emplace_back(mapping.start, mapping.end);
+          const std::string name(mapping.name);
+          if (!m_written.emplace(mapping.start, mapping.end, mapping.offset, name).second) return;
+          write_mapping(rh, timestamp, pid, tid, mapping.start, mapping.end, mapping.offset, name);
+        });
+    if (!listed) return;
+    m_ranges = std::move(ranges);
     std::sort(m_ranges.begin(), m_ranges.end());
     m_unmapped_pages.clear();
   }
