@@ -46,6 +46,7 @@ using testing_support::DecodedRecord;
 using testing_support::in_fresh_process;
 using testing_support::log_messages;
 using testing_support::rerun_in_fresh_process;
+using testing_support::take_written;
 // Forks as the profiler's fork handlers do: with every lock of the pipeline (and the
 // scripted kernel's) held, so the child finds none taken by the worker it lacks.
 [[maybe_unused]] int fork_with_locks_held(const std::function<void()>& body) {
@@ -57,7 +58,6 @@ using testing_support::rerun_in_fresh_process;
   ZVKForkLocks::release_all();
   return status;
 }
-using testing_support::walk_records;
 using Strings = std::vector<std::string>;
 using Settings = std::map<std::string, std::string>;
 
@@ -259,18 +259,7 @@ struct Pipeline {
   std::shared_ptr<ZVKBufferRecordHelper> helper =
       std::make_shared<ZVKBufferRecordHelper>(&to_fill, &to_write);
 
-  std::vector<DecodedRecord> written() {
-    std::vector<DecodedRecord> records;
-    ZVKBuffer* buffer = nullptr;
-    while (to_write.pop(&buffer), buffer != nullptr) {
-      auto some = walk_records(buffer->record_buffer, buffer->num_bytes);
-      records.insert(records.end(), some.begin(), some.end());
-      buffer->num_bytes = 0;
-      to_fill.push(buffer);
-      buffer = nullptr;
-    }
-    return records;
-  }
+  std::vector<DecodedRecord> written() { return take_written(to_write, to_fill); }
 
   ~Pipeline() {
     CaptureStderr();  // the helper's stall line

@@ -154,6 +154,20 @@ std::vector<DecodedRecord> walk_records(const char* data, uint32_t size) {
   return records;
 }
 
+std::vector<DecodedRecord> take_written(ZVKQueue<ZVKBuffer>& to_write,
+                                        ZVKQueue<ZVKBuffer>& to_fill) {
+  std::vector<DecodedRecord> records;
+  ZVKBuffer* buffer = nullptr;
+  while (to_write.pop(&buffer), buffer != nullptr) {
+    auto some = walk_records(buffer->record_buffer, buffer->num_bytes);
+    records.insert(records.end(), some.begin(), some.end());
+    buffer->num_bytes = 0;
+    to_fill.push(buffer);
+    buffer = nullptr;
+  }
+  return records;
+}
+
 DecodedFile read_capture(const std::string& path) {
   DecodedFile decoded;
   ZVKFileReader file;

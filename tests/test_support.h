@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "zorv/io/zvkbuffer.h"
 #include "zorv/io/zvkfile.h"
 #include "zorv/io/zvkqueue.h"
 
@@ -101,6 +102,11 @@ DecodedFile read_capture(const std::string& path);
 
 // The records of a run of bytes, walked as the format says.
 std::vector<DecodedRecord> walk_records(const char* data, uint32_t size);
+
+// The records of every buffer waiting on `to_write`, in order; each buffer goes
+// back to `to_fill` empty, as the writer would send it.
+std::vector<DecodedRecord> take_written(ZVKQueue<ZVKBuffer>& to_write,
+                                        ZVKQueue<ZVKBuffer>& to_fill);
 
 std::string read_text_file(const std::string& path);
 

@@ -48,7 +48,7 @@ using testing_support::read_capture;
 using testing_support::run_in_child;
 using testing_support::ScopedEnv;
 using testing_support::TempDir;
-using testing_support::walk_records;
+using testing_support::take_written;
 
 uint64_t thread_cpu_now() {
   timespec now;
@@ -173,18 +173,7 @@ struct Sampling {
     EXPECT_TRUE(sampler.configure({{"ThreadSamplerHz", hz}}).ok());
   }
 
-  std::vector<DecodedRecord> written() {
-    std::vector<DecodedRecord> records;
-    ZVKBuffer* buffer = nullptr;
-    while (to_write.pop(&buffer), buffer != nullptr) {
-      auto some = walk_records(buffer->record_buffer, buffer->num_bytes);
-      records.insert(records.end(), some.begin(), some.end());
-      buffer->num_bytes = 0;
-      to_fill.push(buffer);
-      buffer = nullptr;
-    }
-    return records;
-  }
+  std::vector<DecodedRecord> written() { return take_written(to_write, to_fill); }
 
   ~Sampling() {
     CaptureStderr();  // the helper's stall line
