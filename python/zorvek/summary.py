@@ -475,6 +475,8 @@ def _add_launch_lines(launched: List[Dict[str, Any]], notes: List[str]) -> None:
         entry["count"] += 1
         entry["total_ns"] += span
     for pid, process in pids.items():
+        if set(totals[pid]) <= {"(no Python frames)"}:
+            continue  # no work of a call whose frames were read: nothing to tell
         process["gpu"]["launch_lines"] = [
             {"line": line, **entry}
             for line, entry in sorted(totals[pid].items(),

@@ -154,7 +154,7 @@ def bucket_spans(path):
 HW_NAMES = {CPU: "CPU", GPU: "GPU", ANNOTATION: "ANNOTATION"}
 ANNOTATION_EVENTS = {0: "BEGIN", 1: "END", 2: "TIME_MARKER", 3: "MARKER"}
 CPU_EVENTS = {0: "CONFIGURATION", 1: "SAMPLE", 2: "THROTTLE", 3: "UNTHROTTLE", 4: "LOST",
-              6: "MMAP", 7: "FORK", 8: "EXIT"}
+              6: "MMAP", 7: "FORK", 8: "EXIT", 16: "STACK", 17: "PYCODE", 18: "APISTACK"}
 GPU_EVENTS = {0: "KERNEL_NAME", 1: "KERNEL", 2: "CONCURRENT_KERNEL", 3: "SYNCRONIZATION",
               4: "MEMCOPY", 5: "MEMCOPY_P2P", 6: "MEMSET", 7: "DRIVER", 8: "RUNTIME",
               9: "CUDA_API"}
