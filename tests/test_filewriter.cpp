@@ -40,6 +40,12 @@ bool exists(const std::string& path) {
   return stat(path.c_str(), &info) == 0;
 }
 
+// A file the writer has begun: its header is in, and with it the mode it set first.
+bool begun(const std::string& path) {
+  struct stat info;
+  return stat(path.c_str(), &info) == 0 && info.st_size > 0;
+}
+
 // The writer's queues, and a way to hand it a buffer of records and wait until the
 // writer thread has given the buffer back.
 class Pipeline {
@@ -587,7 +593,7 @@ void expect_file_modes(bool kelvane, mode_t mask, bool share, bool rotate) {
     EXPECT_EQ(file_mode(dir.file("run_0.zvkraw" + suffix)), expected);
     pipe.send(1);
     if (rotate) {
-      for (int i = 0; i < 5000 && !exists(dir.file("run_1.zvkraw" + suffix)); ++i) {
+      for (int i = 0; i < 5000 && !begun(dir.file("run_1.zvkraw" + suffix)); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
       EXPECT_EQ(file_mode(dir.file("run_1.zvkraw" + suffix)), expected);
