@@ -10,7 +10,7 @@ import sys
 
 import pytest
 
-from zvk_testing import build_shared_library
+from zvk_testing import APP, build_shared_library
 
 from zorvek.stacks import WAITING, PythonCodes, StackNamer, merge, python_groups, stack_key
 from zorvek.symbols import Symbolizer
@@ -25,21 +25,6 @@ void eval_cold(void) __asm__("_PyEval_EvalFrameDefault.cold");
 __attribute__((noinline)) void eval_cold(void) { sink++; sink++; sink++; }
 __attribute__((noinline)) void PyObject_Call(void) { sink++; sink++; sink++; }
 __attribute__((noinline)) void blas_kernel(void) { sink++; sink++; sink++; }
-"""
-
-APP = """\
-def main():
-    step()
-
-
-def step():
-    total = 1
-    inner()
-    return total
-
-
-def inner():
-    return 2
 """
 
 

@@ -21,7 +21,7 @@ import zlib
 
 import pytest
 
-from zvk_testing import build_shared_library, fake_cupti_library, run_python
+from zvk_testing import APP, build_shared_library, fake_cupti_library, run_python
 
 from zorvek import _reader
 from zorvek._reader import EXIT_DAMAGED, EXIT_NOT_READ, EXIT_READ_WHOLE
@@ -652,21 +652,6 @@ def test_flame_refuses_a_width_it_cannot_draw_in(tmp_path, width):
 
 
 # ---- Stack samples: merged Python and native stacks --------------------------------
-
-APP = """\
-def main():
-    step()
-
-
-def step():
-    total = 1
-    inner()
-    return total
-
-
-def inner():
-    return 2
-"""
 
 
 def _record(timestamp, hw, event, pid, tid, payload):

@@ -279,3 +279,21 @@ def fake_cupti_library():
                           os.path.join(root, "build", "dev", "tests", "libzorv_fake_cupti.so"))
     assert os.path.exists(path), f"{path} is missing: build it with make build"
     return path
+
+
+# Python code whose frames the stack tests build samples of: main (line 2) calls
+# step (line 7), which calls inner (line 12).
+APP = """\
+def main():
+    step()
+
+
+def step():
+    total = 1
+    inner()
+    return total
+
+
+def inner():
+    return 2
+"""
