@@ -12,7 +12,8 @@ import pytest
 
 from zvk_testing import APP, build_shared_library
 
-from zorvek.stacks import WAITING, PythonCodes, StackNamer, merge, python_groups, stack_key
+from zorvek.stacks import (LAUNCHER, SCRIPT, USER, WAITING, PythonCodes, StackNamer, launcher_frames,
+                           launcher_role, merge, python_groups, stack_key)
 from zorvek.symbols import Symbolizer
 
 # The interpreter's functions a native stack passes through, and a kernel a
@@ -118,7 +119,7 @@ def test_groups_end_at_entry_frames_and_come_root_first():
                                      [(3, 0, True), (4, 0, False)], [(5, 0, True)]]
     assert python_groups([]) == []
     assert merge(["root", "_PyEval_EvalFrameDefault", "leaf"], [["a", "b"]]) == [
-        "root", "a", "b", "leaf"]
+        "a", "b", "leaf"]
 
 
 def test_only_the_interpreters_own_frames_between_python_frames_are_left_out():
@@ -126,9 +127,9 @@ def test_only_the_interpreters_own_frames_between_python_frames_are_left_out():
               "_PyEval_EvalFrameDefault", "list_sort"]
     modules = ["python", "python", "python", "numpy.so", "python", "python"]
     assert merge(native, [["outer"], ["callback"]], modules) == [
-        "main", "outer", "np_apply", "callback", "list_sort"]
+        "outer", "np_apply", "callback", "list_sort"]
     assert merge(native, [["outer"], ["callback"]]) == [
-        "main", "outer", "_PyFunction_Vectorcall", "np_apply", "callback", "list_sort"]
+        "outer", "_PyFunction_Vectorcall", "np_apply", "callback", "list_sort"]
 
 
 def test_each_evaluation_frame_gives_way_to_its_group(native, app):
@@ -137,8 +138,8 @@ def test_each_evaluation_frame_gives_way_to_its_group(native, app):
                               "_PyEval_EvalFrameDefault", "Py_RunMain"],
                 py(app, ("inner", True), ("step", False), ("main", True)))
     # PyObject_Call is the interpreter's own call between two Python functions.
-    assert named(native, app, rec) == ("Py_RunMain", text(app, "main"), text(app, "step"),
-                                       text(app, "inner"), "blas_kernel")
+    assert named(native, app, rec) == (text(app, "main"), text(app, "step"), text(app, "inner"),
+                                       "blas_kernel")
 
 
 def test_the_cold_part_of_the_evaluation_loop_is_an_evaluation_frame(native, app):
@@ -147,8 +148,8 @@ def test_the_cold_part_of_the_evaluation_loop_is_an_evaluation_frame(native, app
                               "_PyEval_EvalFrameDefault", "Py_RunMain"],
                 py(app, ("inner", True), ("step", False), ("main", True)))
     # PyObject_Call is the interpreter's own call between two Python functions.
-    assert named(native, app, rec) == ("Py_RunMain", text(app, "main"), text(app, "step"),
-                                       text(app, "inner"), "blas_kernel")
+    assert named(native, app, rec) == (text(app, "main"), text(app, "step"), text(app, "inner"),
+                                       "blas_kernel")
 
 
 def test_an_evaluation_frame_without_a_group_is_dropped(native, app):
@@ -157,8 +158,7 @@ def test_an_evaluation_frame_without_a_group_is_dropped(native, app):
     rec = stack(pid, native, ["blas_kernel", "_PyEval_EvalFrameDefault", "PyObject_Call",
                               "_PyEval_EvalFrameDefault", "Py_RunMain"],
                 py(app, ("step", False), ("main", True)))
-    assert named(native, app, rec) == ("Py_RunMain", text(app, "main"), text(app, "step"),
-                                       "blas_kernel")
+    assert named(native, app, rec) == (text(app, "main"), text(app, "step"), "blas_kernel")
 
 
 def test_groups_beyond_a_cut_native_walk_stand_at_the_root(native, app):
@@ -181,8 +181,7 @@ def test_a_root_group_without_its_entry_frame_still_leads(native, app):
     pid = native[0]
     rec = stack(pid, native, ["blas_kernel", "_PyEval_EvalFrameDefault", "Py_RunMain"],
                 py(app, ("inner", False), ("step", False)))
-    assert named(native, app, rec) == ("Py_RunMain", text(app, "step"), text(app, "inner"),
-                                       "blas_kernel")
+    assert named(native, app, rec) == (text(app, "step"), text(app, "inner"), "blas_kernel")
 
 
 def test_unknown_codes_and_lines_are_stated(native, app):
@@ -223,4 +222,99 @@ def test_many_samples_are_named_from_caches(native, app):
             for i in range(20000)]
     names = namer.name_many(keys)
     assert len(names) == 20000 and len(set(names)) == 4
-    assert names[1] == ("Py_RunMain", text(app, "main"), text(app, "inner"), "PyObject_Call")
+    assert names[1] == (text(app, "main"), text(app, "inner"), "PyObject_Call")
+
+
+def test_cut_and_whole_walks_of_one_python_stack_line_up(native, app):
+    """The startup frames root-side of the outermost Python frame are left out, so
+    a walk cut at any depth names the same stack as the whole one."""
+    pid = native[0]
+    python = py(app, ("inner", True), ("step", False), ("main", True))
+    whole = ["blas_kernel", "_PyEval_EvalFrameDefault", "PyObject_Call",
+             "_PyEval_EvalFrameDefault", "Py_RunMain"]
+    expected = (text(app, "main"), text(app, "step"), text(app, "inner"), "blas_kernel")
+    for depth in range(1, len(whole) + 1):
+        assert named(native, app, stack(pid, native, whole[:depth], python)) == expected, depth
+
+
+def test_a_stack_without_python_frames_keeps_its_native_frames(native, app):
+    pid = native[0]
+    rec = stack(pid, native, ["blas_kernel", "PyObject_Call", "Py_RunMain"], [])
+    assert named(native, app, rec) == ("Py_RunMain", "PyObject_Call", "blas_kernel")
+
+
+def test_a_library_between_a_root_group_and_the_first_evaluation_frame_stays():
+    native = ["np_apply", "_PyFunction_Vectorcall", "_PyEval_EvalFrameDefault", "leaf"]
+    modules = ["numpy.so", "python", "python", "python"]
+    assert merge(native, [["outer"], ["callback"]], modules) == [
+        "outer", "np_apply", "callback", "leaf"]
+
+
+PACKAGE = "/usr/lib/python3/site-packages/zorvek/"
+
+
+@pytest.mark.parametrize("qualname, filename, role", [
+    ("main", PACKAGE + "cli.py", LAUNCHER),
+    ("_Program.run", PACKAGE + "record.py", LAUNCHER),
+    ("_run_code", "<frozen runpy>", LAUNCHER),
+    ("_run_code", "/usr/lib/python3.10/runpy.py", LAUNCHER),
+    ("<module>", "/usr/local/bin/zorvek", SCRIPT),
+    ("run", "/home/me/project/record.py", USER),          # the user's own record.py
+    ("run", "/home/me/zorvek/mine.py", USER),             # not one of the package's files
+    ("<module>", "/home/me/train.py", USER),
+    ("Thread._bootstrap", "/usr/lib/python3.11/threading.py", USER),
+])
+def test_launcher_roles(qualname, filename, role):
+    assert launcher_role(qualname, filename) == role
+
+
+def test_only_the_root_most_launcher_frames_are_left_out():
+    assert launcher_frames([SCRIPT, LAUNCHER, LAUNCHER, USER, LAUNCHER]) == 3
+    assert launcher_frames([LAUNCHER, LAUNCHER, USER]) == 2
+    # A script of that name without the package's frames after it is the user's.
+    assert launcher_frames([SCRIPT, USER]) == 0
+    assert launcher_frames([USER, LAUNCHER, USER]) == 0
+    # The profiler's own work, with no user frame under it, stays as it is.
+    assert launcher_frames([SCRIPT, LAUNCHER, LAUNCHER]) == 0
+    assert launcher_frames([]) == 0
+
+
+def test_the_launchers_frames_and_the_glue_under_them_are_left_out(native, app):
+    """zorvek record's frames stand above the program's: the script, cli.py,
+    record.py, then the program's <module> run by exec (a call of the
+    interpreter's between two evaluation frames)."""
+    pid = native[0]
+    codes = codes_of(pid, app)
+    for code_id, (qualname, filename) in enumerate(
+            [("<module>", "/usr/bin/zorvek"), ("main", PACKAGE + "cli.py"),
+             ("_Program.run", PACKAGE + "record.py"), ("_run_code", "<frozen runpy>")], 10):
+        codes.add(pid, {"code_id": code_id, "first_line": 7, "py_version": sys.hexversion,
+                        "qualname": qualname, "filename": filename, "linetable": b""})
+    launcher = [(13, 0, True), (12, 0, False), (11, 0, False), (10, 0, True)]
+    rec = stack(pid, native, ["blas_kernel", "_PyEval_EvalFrameDefault", "PyObject_Call",
+                              "_PyEval_EvalFrameDefault", "Py_RunMain"],
+                py(app, ("inner", False), ("main", True)) + launcher)
+    assert named(native, app, rec, codes) == (text(app, "main"), text(app, "inner"),
+                                              "blas_kernel")
+    # Cut: the launcher's group stands at the root, and goes the same way.
+    cut = dict(rec, ips=rec["ips"][:2])
+    assert named(native, app, cut, codes) == (text(app, "main"), text(app, "inner"),
+                                              "blas_kernel")
+    # The profiler's own frames alone stay: there is nothing of the user's under them.
+    alone = stack(pid, native, ["blas_kernel", "_PyEval_EvalFrameDefault", "Py_RunMain"],
+                  [(12, 0, False), (11, 0, False), (10, 0, True)])
+    assert named(native, app, alone, codes) == (
+        "<module> (zorvek:7)", "main (cli.py:7)", "_Program.run (record.py:7)", "blas_kernel")
+
+
+def test_a_launch_stack_leaves_the_launchers_frames_out(native, app):
+    pid = native[0]
+    codes = codes_of(pid, app)
+    codes.add(pid, {"code_id": 10, "first_line": 7, "py_version": sys.hexversion,
+                    "qualname": "_Program.run", "filename": PACKAGE + "record.py",
+                    "linetable": b""})
+    launch = py(app, ("inner", False), ("main", True)) + [(10, 0, True)]
+    assert codes.stack(pid, launch) == [text(app, "main"), text(app, "inner")]
+    assert codes.stack(pid, launch[:2]) == [text(app, "main"), text(app, "inner")]
+    assert codes.stack(pid, [(10, 0, True)]) == ["_Program.run (record.py:7)"]
+

@@ -43,6 +43,16 @@ constexpr int kContextScratchFrames = 16;
 // max + kContextScratchFrames entries; those past the count returned are left
 // undefined. Async-signal-safe once prepare_context_unwinder has run; before that,
 // and without libunwind, it stores the interrupted instruction alone.
+//
+// An interrupted function without unwind information (hand-written assembly, as
+// MKL's BLAS kernels are) stops a DWARF walk at its own frame. Its caller is then
+// looked for on the stack above the interrupted stack pointer: the first word
+// that returns into code with unwind information right after a direct call to a
+// function without any that may hold the interrupted instruction, or after an
+// indirect call whose caller's return address follows a call too. A return
+// address an earlier indirect call left in the function's unwritten locals can
+// pass for it, and then stands as one extra frame between the function and its
+// true caller.
 int capture_backtrace_from_context(const void* ucontext, uint64_t* ips, int max);
 
 }  // namespace zorvek
