@@ -5,8 +5,8 @@
 SHELL := /bin/bash
 PYTHON ?= python3
 JOBS ?= $(shell nproc)
-APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind8 libunwind-dev binutils llvm
-PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt nvidia-nvtx nvtx pyarrow duckdb dask distributed
+APT_PACKAGES := g++ cmake ninja-build zlib1g-dev googletest libgtest-dev libbenchmark-dev libunwind8 libunwind-dev binutils llvm chromium golang-go nodejs
+PIP_PACKAGES := scikit-build-core pybind11 pytest nvidia-cuda-cupti nvidia-cuda-runtime nvidia-cuda-crt nvidia-nvtx nvtx pyarrow duckdb dask distributed jsonschema
 CMAKE_CONFIGURE = cmake -G Ninja -S . -DZORV_BUILD_PYTHON=OFF
 # The other CPython versions the tests run programs under, where pyenv has them.
 OTHER_PYTHONS := $(wildcard /root/.pyenv/versions/3.10.* /root/.pyenv/versions/3.12.* /root/.pyenv/versions/3.13.*)
@@ -75,9 +75,9 @@ demo: install torch
 	@rm -rf build/demo
 	$(PYTHON) -m zorvek record -o build/demo -- $(PYTHON) examples/train_demo.py
 	$(PYTHON) -m zorvek summary build/demo
-	$(PYTHON) -m zorvek timeline build/demo -o build/demo/trace.json.gz
+	$(PYTHON) -m zorvek timeline build/demo -o build/demo/trace.pftrace
 	$(PYTHON) -m zorvek flame build/demo -o build/demo/flame.svg
-	@echo "Open build/demo/trace.json.gz in https://ui.perfetto.dev and build/demo/flame.svg in a browser."
+	@echo "Open build/demo/trace.pftrace in https://ui.perfetto.dev and build/demo/flame.svg in a browser."
 
 bench: build
 	./build/dev/bench/bench_annotate

@@ -48,12 +48,36 @@ def require(*modules: str) -> None:
             raise MissingPackage("needs the %s package: %s" % (module.split(".")[0], INSTALL_HINT)) from None
 
 
+def say_runs(tables, prog: str, files: Sequence[str] = ()) -> None:
+    """The runs the tables' processes come from, on stderr, when more than one;
+    `files`: what they were read from (captures, or tables zorvek export wrote)."""
+    from . import _reader
+    from .views.capture import Runs, ViewError, capture_paths
+
+    runs = Runs()
+    try:
+        paths = capture_paths(files)
+    except ViewError:
+        paths = []  # a folder of tables
+    for path in paths:
+        try:
+            runs.file(_reader.CaptureFile(path).header, path)
+        except (OSError, ValueError):
+            continue  # told when the tables were read
+    processes = tables["processes"].to_pydict()
+    for pid, host, parent, start, files in zip(processes["pid"], processes["host"],
+                                               processes["parent"], processes["start_ns"],
+                                               processes["files"]):
+        runs.process(host, pid, parent, start if files else None)
+    runs.say(prog)
+
+
 def load(files: Sequence[str], jobs: int = 1, scheduler: Optional[str] = None,
          progress_enabled: Optional[bool] = None, prog: str = PROG):
     """The combined tables of the captures named (files or folders), with
     progress on stderr and the files' problems told there."""
     from . import _tables
-    from .timeline import Progress, capture_paths
+    from .views.capture import Progress, capture_paths
 
     paths = capture_paths(files)
     progress = Progress(prog, progress_enabled)
@@ -68,7 +92,7 @@ def load(files: Sequence[str], jobs: int = 1, scheduler: Optional[str] = None,
     for line in combined.skipped + combined.damaged + combined.notes:
         sys.stderr.write("%s: %s\n" % (prog, line))
     if len(combined.skipped) == len(paths):
-        from .timeline import ViewError
+        from .views.capture import ViewError
 
         raise ViewError("no capture could be read")
     return combined
@@ -98,7 +122,7 @@ def write_parquet(tables, folder: str) -> List[str]:
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    from .timeline import add_files_argument, add_progress_arguments
+    from .views.capture import add_files_argument, add_progress_arguments
 
     parser.description = ("Captures as Parquet tables: ranges, samples, kernels, copies, memsets,\n"
                           "api_calls, processes, threads, each in TABLE-NNNN.parquet files.")
@@ -118,7 +142,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 
 def run(args: argparse.Namespace) -> int:
-    from .timeline import VIEW_FAILURES, Progress, view_failed
+    from .views.capture import VIEW_FAILURES, Progress, view_failed
     from . import _reader, _tables
 
     try:
@@ -137,6 +161,7 @@ def run(args: argparse.Namespace) -> int:
         return _reader.EXIT_NOT_READ
     except VIEW_FAILURES as error:
         return view_failed(PROG, Progress(PROG, False), error, args.output)
+    say_runs(combined.tables, PROG, args.files)
     counts = ", ".join("%d %s" % (t.num_rows, name) for name, t in combined.tables.items())
     sys.stderr.write("%s: wrote %d files to %s: %s\n" % (PROG, len(written), args.output, counts))
     if combined.skipped:

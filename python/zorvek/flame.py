@@ -1,16 +1,27 @@
 """`zorvek flame`: a flame graph of a capture's CPU samples.
 
-Each sample's stack is put root first, under its process's name (its command
-line or worker role where zorvek named it, else its program), and named through
-the process's mappings and the symbols of the mapped files (`zorvek.symbols`). A
-stack sampler's sample is its merged stack (`zorvek.stacks`): native frames with
-the thread's Python frames, `function (file.py:line)`, where the interpreter's
-evaluation frames stood, and a last `[waiting]` frame for a wall clock sample of a
-thread that waited. A kernel's sample is its call chain without the kernel's
-context markers. The graph is a self-contained SVG that a browser opens (each
-frame's tooltip gives its name, samples and share), or with `--format collapsed`
-one line per stack, "root;...;leaf count", the input of the usual flame graph
-tools. Counts are samples.
+Each sample's stack is put root first and named through the process's mappings
+and the symbols of the mapped files (`zorvek.symbols`). A stack sampler's sample
+is its merged stack (`zorvek.stacks`): native frames with the thread's Python
+frames, `function (file.py:line)`, where the interpreter's evaluation frames
+stood, and a last `[waiting]` frame for a wall clock sample of a thread that
+waited. A kernel's sample is its call chain without the kernel's context markers.
+
+Samples are counted per process, thread, open annotation ranges (with
+`--by-range`) and stack, in samples: a stack sampler's sample counts as many
+sampling periods as it stands for, a kernel's as one. Where the sampling period
+is known each also carries the time it stands for: CPU time, or elapsed time for
+the stack sampler's wall clock.
+
+Outputs, chosen by `--format` or the output's name (`zorvek.views`):
+- an interactive SVG for a browser (`.svg`, `views.flame_svg`): processes and
+  their threads as named roots, a search field, a click zooms;
+- speedscope's JSON (`.speedscope.json`, `views.speedscope`): one profile a thread;
+- pprof's profile protobuf (`.pb.gz`, `.pprof`, `views.pprof`), for `go tool
+  pprof`, Pyroscope and Parca;
+- collapsed stacks (`.collapsed`, `.txt`), one line per stack, "root;...;leaf
+  count" with the process's name as the root (then the ranges open, with
+  `--by-range`), the input of the usual flame graph tools.
 
 `--range NAME` keeps the samples taken on a thread while an annotation range of
 that name was open on the same thread. Ranges and the stack sampler's samples
@@ -24,40 +35,106 @@ from __future__ import annotations
 import argparse
 import bisect
 import collections
-import html
 import os
+import re
 import sys
-import zlib
-from typing import Dict, List, Optional, Sequence, Tuple
+from typing import Dict, List, NamedTuple, Optional, Sequence, Set, Tuple
 
-from .stacks import StackNamer, stack_key
-from .timeline import (VIEW_FAILURES, Progress, Reading, Survey, ViewError, add_files_argument,
-                       add_progress_arguments, build_symbolizer, exit_status_help, name_stacks,
-                       sample_frames, sample_kinds, view_failed)
+from .stacks import PythonCodes, StackNamer, stack_key
+from .views.capture import (VIEW_FAILURES, Progress, Reading, ViewError, add_files_argument,
+                            add_progress_arguments, exit_status_help, view_failed)
+from .views.samples import build_symbolizer, name_stacks, sample_frames, sample_kinds
+from .views.survey import Survey
 
 PROG = "zorvek flame"
 
 
-# ---- Stacks ------------------------------------------------------------------------
+# ---- What a flame graph is made of ---------------------------------------------------
+
+
+class FlameSample(NamedTuple):
+    """The samples of one stack of one thread, under one set of open ranges."""
+    pid: int
+    tid: int
+    ranges: Tuple[str, ...]      # outermost first; empty without --by-range
+    frames: Tuple[str, ...]      # root first
+    count: int                   # samples
+    nanoseconds: Optional[int]   # the time they stand for; None where not known
+
+
+class FrameSource(NamedTuple):
+    """Where a frame's code is: a Python function's name, file and lines, or the
+    mapped file of native code."""
+    function: str
+    file: str = ""
+    line: int = 0
+    start_line: int = 0
+    mapping: Optional[Tuple[str, int, int, int]] = None  # (file, start, end, offset)
+    python: bool = False
+
+
+class FlameProfile:
+    """The samples of a flame graph, with what names their processes and threads
+    and where their frames' code is."""
+
+    def __init__(self) -> None:
+        self.samples: List[FlameSample] = []
+        self.processes: Dict[int, str] = {}             # "python train.py (pid 123)"
+        self.roots: Dict[int, str] = {}                 # the collapsed stacks' root
+        self.threads: Dict[Tuple[int, int], str] = {}   # "MainThread", "thread 1234"
+        self.sources: Dict[str, FrameSource] = {}
+        self.start_ns: Optional[int] = None             # system clock
+        self.end_ns: Optional[int] = None
+        self.period_ns: Optional[int] = None            # where one period serves all
+        self.clock = "cpu"                              # what the time is: cpu, wall or both
+        self.executables: Dict[int, str] = {}           # each process's program file
+        self.gaps: List[str] = []
+
+    @property
+    def total(self) -> int:
+        return sum(s.count for s in self.samples)
+
+    @property
+    def timed(self) -> bool:
+        """Whether every sample's CPU time is known."""
+        return all(s.nanoseconds is not None for s in self.samples)
+
+    def collapsed(self) -> collections.Counter:
+        """Counts of "root;...;leaf" stacks, the process's name as the root."""
+        stacks: collections.Counter = collections.Counter()
+        for s in self.samples:
+            stacks[(self.roots[s.pid],) + s.ranges + s.frames] += s.count
+        return stacks
+
+
+# ---- Ranges --------------------------------------------------------------------------
+
+
+def _thread_ranges(survey: Survey, name: Optional[str] = None
+                   ) -> Dict[Tuple[int, int], List[Tuple[int, int, str]]]:
+    """(start, end, name) of the ranges of each thread that began and ended on it;
+    one never ended lasts to its process's last moment."""
+    spans: Dict[Tuple[int, int], List[Tuple[int, int, str]]] = {}
+    for pid, tid, start, end, msg, _token, _unfinished, end_tid in survey.ranges:
+        if end_tid != tid or (name is not None and msg != name):
+            continue
+        if end is None:
+            end = max(survey.last_real.get(pid, start), start)
+        spans.setdefault((pid, tid), []).append((start, end, msg))
+    return spans
 
 
 class _Ranges:
     """The open intervals of the named ranges, per thread, merged, for a bisect."""
 
     def __init__(self, survey: Survey, name: str):
-        spans: Dict[Tuple[int, int], List[Tuple[int, int]]] = {}
-        for pid, tid, start, end, msg, _token, _unfinished, end_tid in survey.ranges:
-            if msg != name or end_tid != tid:
-                continue
-            if end is None:
-                end = max(survey.last_real.get(pid, start), start)
-            spans.setdefault((pid, tid), []).append((start, end))
+        spans = _thread_ranges(survey, name)
         self.starts: Dict[Tuple[int, int], List[int]] = {}
         self.ends: Dict[Tuple[int, int], List[int]] = {}
         for key, intervals in spans.items():
             intervals.sort()
             merged: List[List[int]] = []
-            for start, end in intervals:
+            for start, end, _ in intervals:
                 if merged and start <= merged[-1][1]:
                     merged[-1][1] = max(merged[-1][1], end)
                 else:
@@ -74,9 +151,75 @@ class _Ranges:
         return i >= 0 and t <= self.ends[(pid, tid)][i]
 
 
+class _OpenRanges:
+    """The ranges open on a thread at any moment, outermost first: each thread's
+    time cut where a range begins or ends, each piece with the names open in it."""
+
+    def __init__(self, survey: Survey):
+        self.starts: Dict[Tuple[int, int], List[int]] = {}
+        self.paths: Dict[Tuple[int, int], List[Tuple[str, ...]]] = {}
+        interned: Dict[Tuple[str, ...], Tuple[str, ...]] = {}
+        for key, spans in _thread_ranges(survey).items():
+            # A range holds its end too: it closes just after it.
+            # Of ranges that begin together the longer is the outer one.
+            edges = sorted([(start, 1, -end, i) for i, (start, end, _) in enumerate(spans)] +
+                           [(end + 1, 0, 0, i) for i, (_, end, _) in enumerate(spans)])
+            open_now: List[int] = []
+            starts: List[int] = []
+            paths: List[Tuple[str, ...]] = []
+            at = 0
+            while at < len(edges):
+                t = edges[at][0]
+                while at < len(edges) and edges[at][0] == t:
+                    _, opens, _, i = edges[at]
+                    if opens:
+                        open_now.append(i)
+                    else:
+                        open_now.remove(i)
+                    at += 1
+                path = tuple(spans[i][2] for i in open_now)
+                path = interned.setdefault(path, path)
+                if paths and paths[-1] == path:
+                    continue
+                starts.append(t)
+                paths.append(path)
+            self.starts[key], self.paths[key] = starts, paths
+
+    def at(self, pid: int, tid: int, t: int) -> Tuple[str, ...]:
+        starts = self.starts.get((pid, tid))
+        if not starts:
+            return ()
+        i = bisect.bisect_right(starts, t) - 1
+        return self.paths[(pid, tid)][i] if i >= 0 else ()
+
+
+# ---- Collecting the samples -------------------------------------------------------------
+
+
+class _Codes(PythonCodes):
+    """The code objects, and the first line of each function, by the text a
+    frame's function reads (`qualname (file.py)`)."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.first_lines: Dict[str, int] = {}
+
+    def add(self, pid: int, rec: dict) -> None:
+        super().add(pid, rec)
+        qualname = _clean(rec.get("qualname") or "?")
+        filename = _clean(os.path.basename(rec.get("filename") or "") or "?")
+        self.first_lines["%s (%s)" % (qualname, filename)] = int(rec.get("first_line") or 0)
+
+
+def _clean(text: str) -> str:
+    # As a frame's text has it.
+    return text.replace(";", ":").replace("\n", " ")
+
+
 def _root_name(survey: Survey, symbols, pid: int) -> str:
-    """The process a stack belongs to: the name zorvek gave it (its command line
-    or worker role), else its program; never with the collapsed format's ";"."""
+    """The process a collapsed stack belongs to: the name zorvek gave it (its
+    command line or worker role), else its program; never with the collapsed
+    format's ";"."""
     own = survey.own_names.process(pid)
     if own:
         return own.replace(";", ",")
@@ -84,67 +227,31 @@ def _root_name(survey: Survey, symbols, pid: int) -> str:
     return os.path.basename(exe) if exe else "pid %d" % pid
 
 
-def collect(args, reading: Reading) -> Tuple[collections.Counter, Survey, List[str]]:
-    """Counts of each stack, root first, with the process's name as the root
-    frame; and the survey, and the stated gaps of the symbolizer. The kernel's
-    samples count one each by their call chains; the stack sampler's by their
-    merged stacks, each as many sampling periods as it stands for."""
-    pids = set(args.pid) if args.pid else None
-    raw: collections.Counter = collections.Counter()
-    merged_raw: collections.Counter = collections.Counter()
-    periods: Dict[int, int] = {}
+def _process_label(survey: Survey, symbols, pid: int) -> str:
+    own = survey.own_names.process(pid)
+    if own:
+        return "%s (pid %d)" % (own, pid)
+    exe = symbols.executable(pid)
+    return "%s (pid %d)" % (os.path.basename(exe), pid) if exe else "process %d" % pid
 
-    def count(_index, rec):
-        raw[sample_frames(rec)] += 1
 
-    def count_stack(_index, rec):
-        merged_raw[stack_key(rec)] += _weight(rec, periods)
+def _thread_labels(survey: Survey, pid: int, tids: Sequence[int]) -> Dict[int, str]:
+    """A thread by the name it gave itself; one that gave none by its id. A name
+    that several threads of the process share gets each one's id."""
+    names = {}
+    for tid in tids:
+        own = survey.own_names.thread(pid, tid)
+        names[tid] = own or ("main thread" if tid == pid else "thread %d" % tid)
+    shared = collections.Counter(names.values())
+    return {tid: "%s (%d)" % (name, tid) if shared[name] > 1 else name
+            for tid, name in names.items()}
 
-    if args.range is None:
-        survey = Survey(reading, pids=pids, keep_gpu=False, on_sample=count,
-                        on_stack=count_stack).run()
-    else:
-        survey = Survey(reading, pids=pids, keep_gpu=False).run("reading (1 of 2)")
-        ranges = _Ranges(survey, args.range)
-        if not ranges.count:
-            names = sorted({r[4] for r in survey.ranges})
-            hint = (" (names there: %s)" % ", ".join(names[:8]) + (", ..." if len(names) > 8 else "")
-                    ) if names else " (the captures hold no annotation ranges)"
-            raise ViewError("no annotation range named %r%s" % (args.range, hint))
-        for index, batch in reading.records(kinds=sample_kinds(survey), what="reading (2 of 2)"):
-            domain = survey.file_domain[index]
-            for rec in batch:
-                if rec["hw"] != "CPU" or not survey.wanted(rec["pid"]):
-                    continue
-                if rec["event"] == "SAMPLE":
-                    if ranges.holds(rec["pid"], rec["tid"], domain.perf_to_real(rec["timestamp"])):
-                        raw[sample_frames(rec)] += 1
-                elif rec["event"] == "STACK":
-                    # The stack sampler's clock is the system clock already.
-                    if ranges.holds(rec["pid"], rec["tid"], rec["timestamp"]):
-                        merged_raw[stack_key(rec)] += _weight(rec, periods)
-    if not survey.samples and not survey.stack_samples:
-        raise ViewError("no CPU samples in the captures (was CPU sampling on?)")
-    if not raw and not merged_raw:
-        what = "of process %s" % ", ".join(map(str, sorted(pids))) if pids else ""
-        within = " inside range %r" % args.range if args.range else ""
-        raise ViewError("no CPU samples %s%s" % (what, within) if what or within else
-                        "no CPU samples")
-    symbols = build_symbolizer(survey)
-    try:
-        stacks: collections.Counter = collections.Counter()
-        keys = list(raw)
-        reading.progress.show("naming %d stacks" % (len(keys) + len(merged_raw)))
-        for key, names in zip(keys, name_stacks(symbols, keys)):
-            stacks[tuple([_root_name(survey, symbols, key[0])] + names[::-1])] += raw[key]
-        merged_keys = list(merged_raw)
-        namer = StackNamer(symbols, survey.python_codes)
-        for key, merged in zip(merged_keys, namer.name_many(merged_keys)):
-            count = max(1, round(merged_raw[key] / periods[key[0]]))
-            stacks[(_root_name(survey, symbols, key[0]),) + merged] += count
-        return stacks, survey, list(symbols.gaps)
-    finally:
-        symbols.close()
+
+def _perf_period(domain) -> Optional[int]:
+    """Nanoseconds of CPU time a kernel sample stands for: the period of the
+    software CPU clock events the files of this clock domain sampled on."""
+    periods = {period for _, _, period in domain.configs if period}
+    return min(periods) if periods else None
 
 
 def _weight(rec: dict, periods: Dict[int, int]) -> int:
@@ -159,93 +266,175 @@ def _weight(rec: dict, periods: Dict[int, int]) -> int:
     return weight
 
 
-def write_collapsed(stacks: collections.Counter, out) -> None:
-    for stack, n in sorted(stacks.items()):
-        out.write("%s %d\n" % (";".join(stack), n))
+class _Counts:
+    """The samples as read: the kernel's by file, thread, ranges and call chain;
+    the stack sampler's by thread, ranges and stack key, in nanoseconds."""
+
+    def __init__(self) -> None:
+        self.perf: collections.Counter = collections.Counter()
+        self.stacks: collections.Counter = collections.Counter()
+        self.periods: Dict[int, int] = {}
+        self.clocks: Set[str] = set()  # "cpu", "wall"
+
+    def add(self, index: int, rec: dict, ranges: Tuple[str, ...]) -> None:
+        if rec["event"] == "SAMPLE":
+            self.perf[(index, rec["tid"], ranges, sample_frames(rec))] += 1
+            self.clocks.add("cpu")
+        else:
+            self.stacks[(rec["tid"], ranges, stack_key(rec))] += _weight(rec, self.periods)
+            # The stack sampler's clock: each thread's CPU time, or elapsed time.
+            self.clocks.add("wall" if rec.get("clock") == "wall" else "cpu")
+
+    def __bool__(self) -> bool:
+        return bool(self.perf) or bool(self.stacks)
 
 
-# ---- SVG -------------------------------------------------------------------------------
+def collect(args, reading: Reading) -> FlameProfile:
+    """The samples of the captures, named, per process, thread, ranges and stack."""
+    pids = set(args.pid) if args.pid else None
+    by_range = getattr(args, "by_range", False)
+    counts = _Counts()
+    if args.range is None and not by_range:
+        survey = Survey(reading, pids=pids, keep_gpu=False,
+                        on_sample=lambda index, rec: counts.add(index, rec, ()),
+                        on_stack=lambda index, rec: counts.add(index, rec, ()))
+        survey.python_codes = _Codes()
+        survey.run()
+    else:
+        survey = Survey(reading, pids=pids, keep_gpu=False)
+        survey.python_codes = _Codes()
+        survey.run("reading (1 of 2)")
+        _second_pass(args, reading, survey, counts, by_range)
+    if not survey.samples and not survey.stack_samples:
+        raise ViewError("no CPU samples in the captures (was CPU sampling on?)")
+    if not counts:
+        what = "of process %s" % ", ".join(map(str, sorted(pids))) if pids else ""
+        within = " inside range %r" % args.range if args.range else ""
+        raise ViewError("no CPU samples %s%s" % (what, within) if what or within else
+                        "no CPU samples")
+    symbols = build_symbolizer(survey)
+    try:
+        return _name(reading, survey, symbols, counts)
+    finally:
+        symbols.close()
 
 
-class _Node:
-    __slots__ = ("name", "value", "children")
+def _second_pass(args, reading: Reading, survey: Survey, counts: _Counts, by_range: bool) -> None:
+    """The samples again, now that the clocks are known, kept by the ranges open
+    on their threads."""
+    keep = None
+    if args.range is not None:
+        keep = _Ranges(survey, args.range)
+        if not keep.count:
+            names = sorted({r[4] for r in survey.ranges})
+            hint = (" (names there: %s)" % ", ".join(names[:8]) + (", ..." if len(names) > 8 else "")
+                    ) if names else " (the captures hold no annotation ranges)"
+            raise ViewError("no annotation range named %r%s" % (args.range, hint))
+    open_ranges = _OpenRanges(survey) if by_range else None
+    for index, batch in reading.records(kinds=sample_kinds(survey), what="reading (2 of 2)"):
+        domain = survey.file_domain[index]
+        for rec in batch:
+            if rec["hw"] != "CPU" or not survey.wanted(rec["pid"]):
+                continue
+            if rec["event"] == "SAMPLE":
+                t = domain.perf_to_real(rec["timestamp"])
+            elif rec["event"] == "STACK":
+                t = rec["timestamp"]  # the stack sampler's clock is the system clock already
+            else:
+                continue
+            pid, tid = rec["pid"], rec["tid"]
+            if keep is not None and not keep.holds(pid, tid, t):
+                continue
+            counts.add(index, rec, open_ranges.at(pid, tid, t) if open_ranges else ())
 
-    def __init__(self, name: str):
-        self.name, self.value, self.children = name, 0, {}
+
+def _name(reading: Reading, survey: Survey, symbols, counts: _Counts) -> FlameProfile:
+    profile = FlameProfile()
+    merged: Dict[Tuple[int, int, Tuple[str, ...], Tuple[str, ...]], List] = {}
+
+    def add(pid, tid, ranges, frames, n, ns):
+        entry = merged.setdefault((pid, tid, ranges, frames), [0, 0])
+        entry[0] += n
+        entry[1] = None if ns is None or entry[1] is None else entry[1] + ns
+
+    chains = sorted({key[3] for key in counts.perf})
+    stack_keys = sorted({key[2] for key in counts.stacks})
+    reading.progress.show("naming %d stacks" % (len(chains) + len(stack_keys)))
+    named = dict(zip(chains, name_stacks(symbols, chains)))
+    periods = {index: _perf_period(domain) for index, domain in enumerate(survey.file_domain)}
+    for (index, tid, ranges, chain), n in counts.perf.items():
+        period = periods[index]
+        add(chain[0], tid, ranges, tuple(named[chain][::-1]), n,
+            None if period is None else n * period)
+    namer = StackNamer(symbols, survey.python_codes)
+    stacks = dict(zip(stack_keys, namer.name_many(stack_keys)))
+    for (tid, ranges, key), ns in counts.stacks.items():
+        pid = key[0]
+        add(pid, tid, ranges, stacks[key], max(1, round(ns / counts.periods[pid])), ns)
+
+    for (pid, tid, ranges, frames), (n, ns) in sorted(merged.items(), key=lambda kv: kv[0]):
+        profile.samples.append(FlameSample(pid, tid, ranges, frames, n, ns))
+    threads: Dict[int, List[int]] = {}
+    for pid, tid in {(s.pid, s.tid) for s in profile.samples}:
+        threads.setdefault(pid, []).append(tid)
+    for pid, tids in threads.items():
+        profile.processes[pid] = _process_label(survey, symbols, pid)
+        profile.roots[pid] = _root_name(survey, symbols, pid)
+        exe = symbols.executable(pid)
+        if exe:
+            profile.executables[pid] = exe
+        for tid, label in _thread_labels(survey, pid, sorted(tids)).items():
+            profile.threads[(pid, tid)] = label
+    profile.sources = _sources(profile, survey, symbols, counts)
+    known = {p for p in periods.values() if p} | set(counts.periods.values())
+    profile.period_ns = known.pop() if len(known) == 1 else None
+    profile.clock = counts.clocks.pop() if len(counts.clocks) == 1 else "time"
+    starts = [int(h.get("start_time") or 0) for h in survey.headers]
+    ends = [int(h.get("end_time") or 0) for h in survey.headers]
+    profile.start_ns = min((s for s in starts if s), default=None)
+    profile.end_ns = max((e for e in ends if e), default=None)
+    profile.gaps = list(symbols.gaps)
+    return profile
 
 
-def _tree(stacks: collections.Counter) -> _Node:
-    root = _Node("all")
-    for stack, n in stacks.items():
-        root.value += n
-        node = root
-        for frame in stack:
-            node = node.children.setdefault(frame, _Node(frame))
-            node.value += n
-    return root
+# A Python frame's text: "qualname (file.py:line)".
+_PYTHON_FRAME = re.compile(r"^(.*) \((.*):(\d+)\)$")
 
 
-def _colour(name: str) -> str:
-    """Warm colours, fixed per name so that one function keeps its colour."""
-    h = zlib.crc32(name.encode("utf-8", "replace"))
-    return "rgb(%d,%d,%d)" % (205 + (h & 0x31), 80 + ((h >> 8) % 150), (h >> 16) % 60)
-
-
-FRAME_H = 16
-CHAR_W = 7.0  # average advance of the 12 px monospace font
-
-
-def render_svg(stacks: collections.Counter, title: str, subtitle: str, width: int = 1200) -> str:
-    root = _tree(stacks)
-    total = root.value
-    pad = 10
-    usable = width - 2 * pad
-
-    def depth(node: _Node) -> int:
-        return 1 + max((depth(c) for c in node.children.values()
-                        if c.value * usable / total >= 0.1), default=0)
-
-    levels = depth(root)
-    top = 50
-    height = top + levels * FRAME_H + 30
-    parts = [
-        '<?xml version="1.0" encoding="UTF-8" standalone="no"?>',
-        '<svg xmlns="http://www.w3.org/2000/svg" version="1.1" width="%d" height="%d" '
-        'viewBox="0 0 %d %d" font-family="monospace" font-size="12">' % (width, height, width, height),
-        "<style>g.f:hover rect{stroke:#000;stroke-width:0.8} text{pointer-events:none}</style>",
-        '<rect x="0" y="0" width="%d" height="%d" fill="#f8f8f8"/>' % (width, height),
-        '<text x="%d" y="22" text-anchor="middle" font-size="16">%s</text>'
-        % (width // 2, html.escape(title)),
-        '<text x="%d" y="40" text-anchor="middle" fill="#555">%s</text>'
-        % (width // 2, html.escape(subtitle)),
-    ]
-
-    def draw(node: _Node, x: float, level: int) -> None:
-        w = node.value * usable / total
-        if w < 0.1:
-            return
-        y = height - 20 - (level + 1) * FRAME_H
-        share = 100.0 * node.value / total
-        label = "%s (%d sample%s, %.2f%%)" % (node.name, node.value, "" if node.value == 1 else "s",
-                                               share)
-        fits = int((w - 6) / CHAR_W)
-        text = node.name if len(node.name) <= fits else (node.name[:fits - 2] + ".." if fits >= 4 else "")
-        parts.append('<g class="f"><title>%s</title><rect x="%.2f" y="%d" width="%.2f" height="%d" '
-                     'fill="%s" rx="2"/>%s</g>'
-                     % (html.escape(label), pad + x, y, w, FRAME_H - 1,
-                        "#e0e0e0" if level == 0 else _colour(node.name),
-                        '<text x="%.2f" y="%d">%s</text>' % (pad + x + 3, y + FRAME_H - 4,
-                                                             html.escape(text)) if text else ""))
-        child_x = x
-        for name in sorted(node.children):
-            child = node.children[name]
-            draw(child, child_x, level + 1)
-            child_x += child.value * usable / total
-
-    sys.setrecursionlimit(max(sys.getrecursionlimit(), 10000))
-    draw(root, 0.0, 0)
-    parts.append("</svg>")
-    return "\n".join(parts) + "\n"
+def _sources(profile: FlameProfile, survey: Survey, symbols, counts: _Counts
+             ) -> Dict[str, FrameSource]:
+    """Where each frame's code is: a Python frame's function, file and lines from
+    its text and the code objects; a native frame's mapped file from the
+    addresses it was named from (the symbolizer has them cached)."""
+    codes = survey.python_codes
+    first_lines = getattr(codes, "first_lines", {})
+    sources: Dict[str, FrameSource] = {}
+    shown = {f for s in profile.samples for f in s.frames}
+    for frame in shown:
+        function = codes.function(frame)
+        if function is None:
+            continue
+        parts = _PYTHON_FRAME.match(frame)
+        if parts is None:
+            sources[frame] = FrameSource(frame, python=True)
+        else:
+            sources[frame] = FrameSource(parts.group(1), parts.group(2), int(parts.group(3)),
+                                         first_lines.get(function, 0), None, True)
+    asks = set()
+    for _, _, _, (pid, chain, _padded) in counts.perf:
+        asks.update((pid, a if i == 0 else a - 1) for i, a in enumerate(chain))
+    for _, _, (pid, ips, _py, _waiting) in counts.stacks:
+        asks.update((pid, a if i == 0 else a - 1) for i, a in enumerate(ips))
+    if asks:
+        for key, names in symbols.frames_many(sorted(asks)).items():
+            mapping = symbols.mapping(*key)
+            if mapping is None or not mapping[3].startswith("/"):
+                continue
+            start, end, offset, path = mapping
+            for name in names:
+                if name in shown and name not in sources:
+                    sources[name] = FrameSource(name, mapping=(path, start, end, offset))
+    return sources
 
 
 # ---- Command line ------------------------------------------------------------------------
@@ -254,13 +443,37 @@ EXAMPLES = """\
 examples:
   zorvek flame run_1234_0.zvkraw -o flame.svg
   zorvek flame captures/ --range step -o step.svg      # only samples inside "step"
+  zorvek flame captures/ --by-range -o ranges.svg      # samples under the ranges open
+  zorvek flame captures/ -o run.speedscope.json        # for speedscope.app
+  zorvek flame captures/ -o cpu.pb.gz                  # for go tool pprof, Pyroscope, Parca
   zorvek flame run_*.zvkraw --format collapsed > stacks.txt
   zorvek flame run_*.zvkraw --pid 1234 --format collapsed -o stacks.txt
 
+The SVG opens in a browser: each process and thread is a root of its own; type in
+the search field to see a function's share, click a frame to zoom to it.
 Frames are named from the files the process had mapped, as they are on this
 machine now; a file that is gone is named in one line, and its frames as
 file+0xoffset.
 """
+
+FORMATS = ("svg", "speedscope", "pprof", "collapsed")
+
+# The output's name, when --format doesn't say, chooses the format.
+SUFFIXES = ((".speedscope.json", "speedscope"), (".pb.gz", "pprof"), (".pprof", "pprof"),
+            (".collapsed", "collapsed"), (".txt", "collapsed"), (".svg", "svg"))
+
+DEFAULT_OUTPUT = {"svg": "flame.svg", "speedscope": "flame.speedscope.json",
+                  "pprof": "flame.pb.gz", "collapsed": "-"}
+
+
+def output_format(fmt: Optional[str], output: Optional[str]) -> str:
+    if fmt:
+        return fmt
+    name = (output or "").lower()
+    for suffix, chosen in SUFFIXES:
+        if name.endswith(suffix):
+            return chosen
+    return "svg"
 
 
 # Narrower, and a frame's name no longer fits beside its share.
@@ -279,21 +492,27 @@ def _width(text: str) -> int:
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    parser.description = ("A flame graph of the CPU samples in captures: an SVG for a browser,\n"
-                          "or collapsed stacks, one \"root;...;leaf count\" line per stack.")
+    parser.description = ("A flame graph of the CPU samples in captures: an interactive SVG for a\n"
+                          "browser, speedscope's JSON, a pprof profile, or collapsed stacks, one\n"
+                          "\"root;...;leaf count\" line per stack.")
     parser.epilog = EXAMPLES + "\n" + exit_status_help()
     parser.formatter_class = argparse.RawDescriptionHelpFormatter
     add_files_argument(parser)
     parser.add_argument("-o", "--output",
-                        help="file to write (default: flame.svg, or stdout for --format collapsed)")
-    parser.add_argument("--format", choices=("svg", "collapsed"), default="svg",
-                        help="what to write (default: %(default)s)")
+                        help="file to write, - for stdout (default: flame.svg, flame.speedscope.json "
+                             "or flame.pb.gz; stdout for --format collapsed)")
+    parser.add_argument("--format", choices=FORMATS, default=None,
+                        help="what to write (default: by the output's name: .svg, "
+                             ".speedscope.json, .pb.gz or .pprof, .collapsed or .txt; else svg)")
     parser.add_argument("--range", metavar="NAME",
                         help="only samples taken inside annotation ranges named NAME, on the "
                              "range's thread")
+    parser.add_argument("--by-range", action="store_true",
+                        help="each thread's samples under the annotation ranges open on it when "
+                             "they were taken")
     parser.add_argument("--pid", type=int, action="append", metavar="PID",
                         help="only this process (repeatable)")
-    parser.add_argument("--title", help="the SVG's title (default: the files' names)")
+    parser.add_argument("--title", help="the graph's title (default: the files' names)")
     parser.add_argument("--width", type=_width, default=1200,
                         help=f"SVG width in pixels, at least {MIN_WIDTH} (default: 1200)")
     add_progress_arguments(parser)
@@ -301,58 +520,96 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 def run(args: argparse.Namespace) -> int:
     progress = Progress(PROG, args.progress)
-    output = args.output or ("-" if args.format == "collapsed" else "flame.svg")
+    fmt = output_format(args.format, args.output)
+    output = args.output or DEFAULT_OUTPUT[fmt]
     try:
-        reading = Reading(args.files, progress, passes=1 if args.range is None else 2)
-        stacks, survey, gaps = collect(args, reading)
-        total = sum(stacks.values())
-        if args.format == "collapsed":
-            text_out = None
-            if output == "-":
-                write_collapsed(stacks, sys.stdout)
-                sys.stdout.flush()
-            else:
-                text_out = _Atomic(output)
-                write_collapsed(stacks, text_out.file)
-                text_out.commit()
-        else:
-            title = args.title or ("CPU flame graph: " + ", ".join(
-                os.path.basename(p) for p in reading.paths[:3]) + (" ..." if len(reading.paths) > 3 else ""))
-            subtitle = "%d samples%s" % (total, " inside range %r" % args.range if args.range else "")
-            svg = render_svg(stacks, title, subtitle, args.width)
-            if output == "-":
-                sys.stdout.write(svg)
-            else:
-                out = _Atomic(output)
-                out.file.write(svg)
-                out.commit()
+        passes = 1 if args.range is None and not args.by_range else 2
+        reading = Reading(args.files, progress, passes=passes)
+        profile = collect(args, reading)
+        title = args.title or ("CPU flame graph: " + ", ".join(
+            os.path.basename(p) for p in reading.paths[:3]) + (" ..." if len(reading.paths) > 3 else ""))
+        _write(fmt, output, profile, args, title)
     except VIEW_FAILURES as error:
         return view_failed(PROG, progress, error, output)
     progress.done()
     status = reading.report_problems(PROG)
-    for gap in gaps:
+    for gap in profile.gaps:
         sys.stderr.write("%s: %s\n" % (PROG, gap))
     where = "stdout" if output == "-" else output
     sys.stderr.write("%s: wrote %s: %d samples in %d stacks%s\n" % (
-        PROG, where, total, len(stacks), (", range %r" % args.range) if args.range else ""))
+        PROG, where, profile.total, len(profile.collapsed()),
+        (", range %r" % args.range) if args.range else ""))
     return status
+
+
+def _write(fmt: str, output: str, profile: FlameProfile, args, title: str) -> None:
+    if fmt == "collapsed":
+        _emit(output, lambda out: write_collapsed(profile.collapsed(), out))
+    elif fmt == "speedscope":
+        from .views.speedscope import write_speedscope
+        _emit(output, lambda out: write_speedscope(profile, out, title))
+    elif fmt == "pprof":
+        from .views.pprof import profile_bytes
+        data = profile_bytes(profile, title)
+        _emit(output, lambda out: out.write(data), binary=True)
+    else:
+        from .views.flame_svg import render_svg
+        within = []
+        if args.range:
+            within.append("inside range %r" % args.range)
+        if args.by_range:
+            within.append("under the ranges open")
+        subtitle = "%d samples, %d process%s, %d thread%s%s" % (
+            profile.total, len(profile.processes), "" if len(profile.processes) == 1 else "es",
+            len(profile.threads), "" if len(profile.threads) == 1 else "s",
+            "".join(", " + w for w in within))
+        svg = render_svg(profile, title, subtitle, args.width)
+        _emit(output, lambda out: out.write(svg))
+
+
+def write_collapsed(stacks: collections.Counter, out) -> None:
+    for stack, n in sorted(stacks.items()):
+        out.write("%s %d\n" % (";".join(stack), n))
+
+
+def _emit(output: str, write, binary: bool = False) -> None:
+    """Writes to stdout, or to a file that appears whole."""
+    if output == "-":
+        out = sys.stdout.buffer if binary else sys.stdout
+        write(out)
+        out.flush()
+        return
+    atomic = _Atomic(output, binary)
+    try:
+        write(atomic.file)
+    except BaseException:
+        atomic.abandon()
+        raise
+    atomic.commit()
 
 
 class _Atomic:
     """A file written beside its final name and moved there whole, so that a
     failed run leaves no half graph."""
 
-    def __init__(self, path: str):
+    def __init__(self, path: str, binary: bool = False):
         self.path = path
         self.tmp = "%s.tmp%d" % (path, os.getpid())
         try:
-            self.file = open(self.tmp, "w", encoding="utf-8")
+            self.file = open(self.tmp, "wb") if binary else open(self.tmp, "w", encoding="utf-8")
         except OSError as error:
             raise ViewError("%s: %s" % (path, error.strerror or error)) from None
 
     def commit(self) -> None:
         self.file.close()
         os.replace(self.tmp, self.path)
+
+    def abandon(self) -> None:
+        self.file.close()
+        try:
+            os.unlink(self.tmp)
+        except OSError:
+            pass
 
 
 def main(argv: Optional[Sequence[str]] = None) -> int:

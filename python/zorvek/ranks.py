@@ -196,7 +196,7 @@ def _tables_from(files: Sequence[str], progress, jobs: int):
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    from .timeline import add_files_argument, add_progress_arguments
+    from .views.capture import add_files_argument, add_progress_arguments
 
     parser.description = ("One annotation range across the ranks of a distributed job: per rank\n"
                           "its count, mean, p50, p99 and share of wall time, the slow ranks\n"
@@ -213,8 +213,8 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 
 def run(args: argparse.Namespace) -> int:
     from . import _reader
-    from .export import MissingPackage, require
-    from .timeline import VIEW_FAILURES, Progress, view_failed
+    from .export import MissingPackage, require, say_runs
+    from .views.capture import VIEW_FAILURES, Progress, view_failed
 
     try:
         require("pyarrow")
@@ -229,6 +229,7 @@ def run(args: argparse.Namespace) -> int:
         return _reader.EXIT_NOT_READ
     except VIEW_FAILURES as error:
         return view_failed(PROG, Progress(PROG, False), error, "")
+    say_runs(tables, PROG, args.files)
     sys.stdout.write("range %r, %s\n" % (args.range, "slow: rank %s" % ", ".join(
         _key_label(k) for k in slow) if slow else "no rank slow"))
     sys.stdout.write(text)

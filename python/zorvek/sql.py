@@ -158,7 +158,7 @@ def interactive(con, as_csv: bool) -> int:
 
 
 def add_arguments(parser: argparse.ArgumentParser) -> None:
-    from .timeline import add_progress_arguments
+    from .views.capture import add_progress_arguments
 
     parser.description = ("SQL over the captures' tables (those of zorvek export) in an embedded\n"
                           "DuckDB: a query's result as an aligned table or CSV, or a prompt.")
@@ -176,7 +176,7 @@ def add_arguments(parser: argparse.ArgumentParser) -> None:
 def run(args: argparse.Namespace) -> int:
     from . import _reader
     from .export import MissingPackage, require
-    from .timeline import VIEW_FAILURES, Progress, view_failed
+    from .views.capture import VIEW_FAILURES, Progress, view_failed
 
     try:
         require("duckdb", "pyarrow")

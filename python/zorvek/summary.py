@@ -28,6 +28,7 @@ from typing import Any, Dict, Iterable, List, Optional, Sequence, Set, Tuple
 from . import _names, _reader
 from ._clocksync import CLOCK_SYNC
 from ._stallmark import PRODUCER_STALL, stall_us
+from .views.capture import Runs
 
 __all__ = ["add_arguments", "run", "short_summary", "main"]
 
@@ -214,6 +215,11 @@ def run(args: argparse.Namespace) -> int:
     except KeyboardInterrupt:
         _error("interrupted")
         return 130
+    runs = Runs()
+    for capture in captures:
+        runs.file(capture.header, capture.path)
+    runs.processes_by_pid((p["pid"], p["parent"]) for p in result["processes"])
+    runs.say(PROG)
     _report_reading(result["files"])
     for note in notes:
         _error(note)
