@@ -1766,6 +1766,54 @@ TEST(ZvkdumpSummary, ALongNameWidensOnlyItsOwnRow) {
   EXPECT_EQ(lines, expected) << result.out;
 }
 
+// The annotation `type` of process `pid`.
+std::string annotation_of(uint32_t pid, uint32_t type, uint64_t token, const std::string& text,
+                          uint64_t timestamp) {
+  std::string bytes = annotation(type, token, text, timestamp);
+  std::memcpy(&bytes[offsetof(ZVKRecord, pid)], &pid, sizeof(pid));
+  return bytes;
+}
+
+// The summary is `zorvek summary`'s engine: tokens pair within their process
+// (each process counts its own from 0), and an END read before its BEGIN still
+// ends it.
+TEST(ZvkdumpSummary, RangesPairPerProcessWhateverTheOrder) {
+  TempDir dir;
+  const std::string records =
+      annotation_of(1, annotations::BEGIN, 0, "a", 1000) +
+      annotation_of(2, annotations::BEGIN, 0, "b", 1500) +
+      annotation_of(1, annotations::END, 0, "", 3000) +
+      annotation_of(2, annotations::END, 0, "", 2500) +
+      annotation_of(1, annotations::END, 1, "", 5000) +
+      annotation_of(1, annotations::BEGIN, 1, "c", 4000) +
+      annotation_of(2, annotations::BEGIN, 1, "open", 6000);
+  const std::string path = dir.file("pids.zvkraw");
+  write_bytes(path, capture_with_bucket(capture_bytes(), records, 7));
+  const Dumped text = dump({path}, mode(DumpFormat::kText, true));
+  ASSERT_TRUE(text.whole) << text.err;
+  const std::vector<std::string> expected = {
+      "File " + path + ": 1 buckets",
+      "Records by kind:",
+      "  ANNOTATION BEGIN                    4",
+      "  ANNOTATION END                      3",
+      "Annotation ranges:",
+      "  name                                count       total ms        mean us",
+      "  a                                       1          0.002          2.000",
+      "  b                                       1          0.001          1.000",
+      "  c                                       1          0.001          1.000",
+      "  (1 begins without an end)",
+  };
+  EXPECT_EQ(lines_of(text.out), expected) << text.out;
+  const Dumped json = dump({path}, mode(DumpFormat::kJson, true));
+  ASSERT_TRUE(json.whole) << json.err;
+  EXPECT_NE(json.out.find("\"ranges\":[{\"name\":\"a\",\"count\":1,\"total_ns\":2000},"
+                          "{\"name\":\"b\",\"count\":1,\"total_ns\":1000},"
+                          "{\"name\":\"c\",\"count\":1,\"total_ns\":1000}],"
+                          "\"begins_without_end\":1,\"ends_without_begin\":0"),
+            std::string::npos)
+      << json.out;
+}
+
 // "zvkdump: PATH: P% (N buckets)" for the file read up to `offset`.
 std::string progress_line(const std::string& path, size_t offset, size_t size, size_t buckets) {
   return "zvkdump: " + path + ": " + std::to_string(offset * 100 / size) + "% (" +

@@ -19,6 +19,7 @@
 
 #include "tools/zvkfilereader.h"
 #include "tools/zvkrecords.h"
+#include "tools/zvksummary.h"
 #include "zorv/cpu/perf_helpers.h"
 #include "zorv/cpu/zvkperfevents.h"
 #include "zorv/cuda/zvkcudastructs.h"
@@ -523,19 +524,21 @@ struct RangeStats {
 // time they stand for, their frames, and the code objects and API call stacks.
 class StackSummary {
  public:
-  void add_sample(const ZVKRecordReader& record, const perfevent::ZVKStackSample& stack) {
-    ++m_samples;
-    ++(stack.clock == perfevent::SAMPLE_CLOCK_WALL ? m_wall : m_cpu);
-    if (stack.flags & perfevent::STACK_WAITING) ++m_waiting;
-    if (stack.flags & perfevent::STACK_NATIVE_CUT) ++m_native_cut;
-    if (stack.flags & perfevent::STACK_PYTHON_CUT) ++m_python_cut;
-    m_weight_ns += stack.weight_ns;
-    m_native_frames += stack.native_count;
-    m_python_frames += stack.python_count;
-    ++m_by_thread[{record.pid(), record.tid()}];
+  void merge(const summary::Process& p) {
+    const summary::Process::Stacks& s = p.stacks;
+    m_samples += s.samples;
+    m_cpu += s.cpu;
+    m_wall += s.wall;
+    m_waiting += s.waiting;
+    m_native_cut += s.native_cut;
+    m_python_cut += s.python_cut;
+    m_weight_ns += s.weight_ns;
+    m_native_frames += s.native_frames;
+    m_python_frames += s.python_frames;
+    m_codes += s.codes;
+    m_api_stacks += s.api_stacks;
+    for (const auto& thread : s.by_tid) m_by_thread[{p.pid, thread.first}] += thread.second;
   }
-  void add_code() { ++m_codes; }
-  void add_api_stack() { ++m_api_stacks; }
 
   bool empty() const { return m_samples == 0 && m_codes == 0 && m_api_stacks == 0; }
 
@@ -608,10 +611,31 @@ class StackSummary {
 // stack sampler's records.
 class CpuSummary {
  public:
-  void add(const ZVKRecordReader& record, const DecodedRecord& decoded) {
-    ++m_records;
-    ++m_events[record.event_type()];
-    if (!take(record, decoded)) ++m_undecoded;
+  void merge(const summary::Process& p) {
+    for (uint32_t code = 0; code < summary::Process::kCodes; ++code) {
+      if (p.kinds[CPU][code] == 0) continue;
+      m_records += p.kinds[CPU][code];
+      m_events[code] += p.kinds[CPU][code];
+    }
+    for (const auto& other : p.other_kinds) {
+      if (other.first.first != CPU) continue;
+      m_records += other.second;
+      m_events[other.first.second] += other.second;
+    }
+    m_undecoded += p.undecoded_by_hw[CPU];
+    for (const auto& thread : p.samples_by_tid) {
+      m_samples_by_thread[{p.pid, thread.first}] += thread.second;
+    }
+    for (const auto& id : p.samples_by_id) m_samples_by_id[id.first] += id.second;
+    m_lost += p.lost;
+    m_lost_records += p.lost_records;
+    m_throttles += p.throttles;
+    m_unthrottles += p.unthrottles;
+    for (const summary::Mapping& m : p.mappings) {
+      m_mappings.push_back({m.addr, m.len, m.pgoff, m.filename});
+    }
+    m_configurations.insert(p.configurations.begin(), p.configurations.end());
+    m_stacks.merge(p);
   }
 
   bool empty() const { return m_records == 0; }
@@ -667,33 +691,6 @@ class CpuSummary {
     uint64_t samples;
   };
 
-  // Counts what the record adds; false when its payload couldn't be read.
-  bool take(const ZVKRecordReader& record, const DecodedRecord& decoded) {
-    const DecodedRecord::Fixed& p = decoded.fixed;
-    switch (decoded.layout) {
-      case DecodedRecord::kCpuConfiguration: m_configurations.push_back(p.config); return true;
-      case DecodedRecord::kCpuSample:
-        ++m_samples_by_thread[{record.pid(), record.tid()}];
-        ++m_samples_by_id[p.sample.id];
-        return true;
-      case DecodedRecord::kCpuLost:
-        m_lost += p.lost.lost;
-        ++m_lost_records;
-        return true;
-      case DecodedRecord::kCpuThrottle:
-        ++(record.event_type() == perfevent::THROTTLE ? m_throttles : m_unthrottles);
-        return true;
-      case DecodedRecord::kCpuMmap:
-        m_mappings.push_back({p.mmap.addr, p.mmap.len, p.mmap.pgoff, std::string(decoded.text)});
-        return true;
-      case DecodedRecord::kCpuForkExit: return true;
-      case DecodedRecord::kCpuStack: m_stacks.add_sample(record, p.stack); return true;
-      case DecodedRecord::kCpuPythonCode: m_stacks.add_code(); return true;
-      case DecodedRecord::kCpuApiStack: m_stacks.add_api_stack(); return true;
-      default: return false;
-    }
-  }
-
   // Most samples first; ties by pid, then tid, so that the order is stable.
   std::vector<ThreadSamples> threads_by_samples() const {
     std::vector<ThreadSamples> threads;
@@ -733,7 +730,7 @@ class CpuSummary {
     }
   }
 
-  // Each mapping as the range it covers, in file order.
+  // Each mapping as the range it covers.
   void print_mappings_text(std::ostream& out) const {
     out << "CPU mappings: " << m_mappings.size() << '\n';
     for (const Mapping& mapping : m_mappings) {
@@ -773,7 +770,8 @@ class CpuSummary {
   // Each configuration decoded, with the number of samples of its event.
   std::vector<std::vector<Field>> configuration_rows() const {
     std::vector<std::vector<Field>> rows;
-    for (const perfevent::ZVKPerfConfigData& config : m_configurations) {
+    for (const auto& entry : m_configurations) {
+      const perfevent::ZVKPerfConfigData& config = entry.second;
       rows.push_back(config_fields(config));
       rows.back().push_back(number_field("samples", samples_of(config.format_id)));
     }
@@ -789,8 +787,8 @@ class CpuSummary {
   uint64_t m_lost_records = 0;
   uint64_t m_throttles = 0;
   uint64_t m_unthrottles = 0;
-  std::vector<Mapping> m_mappings;  // in file order
-  std::vector<perfevent::ZVKPerfConfigData> m_configurations;
+  std::vector<Mapping> m_mappings;  // each once a process, by address, processes by pid
+  std::map<uint64_t, perfevent::ZVKPerfConfigData> m_configurations;  // by format_id
   StackSummary m_stacks;
 };
 
@@ -854,10 +852,32 @@ class GpuSummary {
  public:
   explicit GpuSummary(const GpuNames& names) : m_names(names) {}
 
-  void add(const ZVKRecordReader& record, const DecodedRecord& decoded) {
-    ++m_records;
-    ++m_types[gpu_type(record)];
-    if (!take(record, decoded)) ++m_undecoded;
+  void merge(const summary::Process& p) {
+    for (uint32_t type = 0; type < summary::Process::kCodes; ++type) {
+      if (p.kinds[GPU][type] == 0) continue;
+      m_records += p.kinds[GPU][type];
+      m_types[type] += p.kinds[GPU][type];
+    }
+    for (const auto& other : p.other_kinds) {
+      if (other.first.first != GPU) continue;
+      m_records += other.second;
+      m_types[other.first.second] += other.second;
+    }
+    m_undecoded += p.undecoded_by_hw[GPU];
+    for (const auto& kernel : p.kernels) {
+      m_kernels[key_of(cudaevent::kKernelNameKind, p.pid, kernel.first)].merge(kernel.second);
+    }
+    for (const auto& copy : p.copies) m_copies[copy.first].merge(copy.second);
+    m_memsets.merge(p.memsets);
+    for (const auto& sync : p.syncs) m_syncs[sync.first].merge(sync.second);
+    m_driver.merge(p.driver);
+    m_runtime.merge(p.runtime);
+    for (const auto& call : p.calls) {
+      m_calls[{key_of(cudaevent::kFunctionNameKind, p.pid, call.first.first), call.first.second}]
+          .merge(call.second);
+    }
+    m_kernel_names += p.kernel_names;
+    m_function_names += p.function_names;
   }
 
   bool empty() const { return m_records == 0; }
@@ -908,47 +928,8 @@ class GpuSummary {
   }
 
  private:
-  // Counts what the record adds; false when its payload couldn't be read. The
-  // tests of readability are those of the record decoders, so that the count of
-  // undecoded records is that of the records a dump shows as bytes.
-  bool take(const ZVKRecordReader& record, const DecodedRecord& decoded) {
-    const DecodedRecord::Fixed& p = decoded.fixed;
-    switch (decoded.layout) {
-      case DecodedRecord::kGpuName:
-        ++(gpu_kind(record) == cudaevent::kKernelNameKind ? m_kernel_names : m_function_names);
-        return true;
-      case DecodedRecord::kGpuKernel:
-        m_kernels[key_of(cudaevent::kKernelNameKind, record, p.kernel.pack.nameId)].add(
-            duration_of(record, p.kernel.end));
-        return true;
-      case DecodedRecord::kGpuSync:
-        m_syncs[gpu_kind(record)].add(duration_of(record, p.sync.end));
-        return true;
-      // MEMCOPY and MEMCOPY_P2P alike, by the kind in their attr bytes.
-      case DecodedRecord::kGpuMemcopy:
-        m_copies[p.memcopy.attr.copy_kind].add(duration_of(record, p.memcopy.end),
-                                               p.memcopy.bytes);
-        return true;
-      case DecodedRecord::kGpuMemcopyP2P:
-        m_copies[p.p2p.attr.copy_kind].add(duration_of(record, p.p2p.end), p.p2p.bytes);
-        return true;
-      case DecodedRecord::kGpuMemset:
-        m_memsets.add(duration_of(record, p.memset.end), p.memset.size);
-        return true;
-      case DecodedRecord::kGpuActivity:
-        (gpu_type(record) == cudaevent::DRIVER ? m_driver : m_runtime)
-            .add(duration_of(record, p.activity.end));
-        return true;
-      case DecodedRecord::kGpuCall:
-        m_calls[{key_of(cudaevent::kFunctionNameKind, record, p.call.funcNameId), p.call.cbid}]
-            .add(duration_of(record, p.call.end));
-        return true;
-      default: return false;
-    }
-  }
-
-  NameKey key_of(uint32_t kind, const ZVKRecordReader& record, uint32_t id) const {
-    const std::string* name = m_names.find(kind, record.pid(), id);
+  NameKey key_of(uint32_t kind, uint32_t pid, uint32_t id) const {
+    const std::string* name = m_names.find(kind, pid, id);
     return name != nullptr ? NameKey{true, *name, 0} : NameKey{false, std::string(), id};
   }
 
@@ -1041,83 +1022,105 @@ class GpuSummary {
   uint64_t m_function_names = 0;
 };
 
-// Records by kind, and annotation ranges by name: BEGIN and END matched by token.
+// Records by kind, annotation ranges by name, CPU sampling and GPU work: added up
+// by the summary engine that `zorvek summary` uses, per process, and printed here
+// over all processes of the file.
 class Summary {
  public:
-  explicit Summary(const GpuNames& names) : m_gpu(names) {}
+  explicit Summary(const GpuNames& names) : m_names(names) {}
 
-  void add(const ZVKRecordReader& record) {
-    const uint32_t hw = record.hardware_type();
-    std::string kind = hardware_name(hw);
-    if (hw == ANNOTATION) kind += std::string(" ") + annotation_name(record.event_type());
-    ++m_records_by_kind[kind];
-    DecodedRecord decoded;
-    decode_record(record, &decoded);
-    if (hw == CPU) m_cpu.add(record, decoded);
-    if (hw == GPU) m_gpu.add(record, decoded);
-    if (hw != ANNOTATION) return;
-    if (record.event_type() == annotations::BEGIN && decoded.layout == DecodedRecord::kBegin) {
-      m_open_ranges[decoded.fixed.token] = {std::string(decoded.text), record.timestamp()};
-    } else if (decoded.layout == DecodedRecord::kEnd) {
-      end_range(decoded.fixed.token, record.timestamp());
-    }
-  }
+  void add(const ZVKRecordReader& record) { m_engine.add(record); }
 
   void print_text(std::ostream& out) const {
+    const Merged all = merged();
     out << "Records by kind:\n";
-    for (const auto& kind : m_records_by_kind) {
+    for (const auto& kind : all.records_by_kind) {
       out << "  " << left_cell(kind.first, 24) << ' ' << right_cell(std::to_string(kind.second), 12)
           << '\n';
     }
     out << "Annotation ranges:\n";
     print_range_row(out, "name", "count", "total ms", "mean us");
-    for (const auto& range : m_ranges) {
+    for (const auto& range : all.ranges) {
       const RangeStats& s = range.second;
       print_range_row(out, range.first, std::to_string(s.count), three_decimals(s.total_ns / 1e6),
                       three_decimals(s.total_ns / 1e3 / static_cast<double>(s.count)));
     }
-    if (!m_open_ranges.empty()) out << "  (" << m_open_ranges.size() << " begins without an end)\n";
-    if (m_unmatched_ends != 0) out << "  (" << m_unmatched_ends << " ends without a begin)\n";
+    if (all.open_ranges != 0) out << "  (" << all.open_ranges << " begins without an end)\n";
+    if (all.unmatched_ends != 0) out << "  (" << all.unmatched_ends << " ends without a begin)\n";
     // A capture without CPU sampling or GPU tracing keeps its summary as it was.
-    if (!m_cpu.empty()) m_cpu.print_text(out);
-    if (!m_gpu.empty()) m_gpu.print_text(out);
+    if (!all.cpu.empty()) all.cpu.print_text(out);
+    if (!all.gpu.empty()) all.gpu.print_text(out);
   }
 
   // The summary's members of a JSON object, without the braces.
   void print_json(std::ostream& out) const {
+    const Merged all = merged();
     out << "\"records_by_kind\":{";
     const char* separator = "";
-    for (const auto& kind : m_records_by_kind) {
+    for (const auto& kind : all.records_by_kind) {
       out << separator << json_string(kind.first) << ':' << kind.second;
       separator = ",";
     }
     out << "},\"cpu\":";
-    m_cpu.print_json(out);
+    all.cpu.print_json(out);
     out << ",\"gpu\":";
-    m_gpu.print_json(out);
+    all.gpu.print_json(out);
     out << ",\"ranges\":[";
     separator = "";
-    for (const auto& range : m_ranges) {
+    for (const auto& range : all.ranges) {
       out << separator << "{\"name\":" << json_string(range.first)
           << ",\"count\":" << range.second.count
           << ",\"total_ns\":" << range.second.total_ns << '}';
       separator = ",";
     }
-    out << "],\"begins_without_end\":" << m_open_ranges.size()
-        << ",\"ends_without_begin\":" << m_unmatched_ends;
+    out << "],\"begins_without_end\":" << all.open_ranges
+        << ",\"ends_without_begin\":" << all.unmatched_ends;
   }
 
  private:
-  void end_range(uint64_t token, uint64_t timestamp) {
-    auto begin = m_open_ranges.find(token);
-    if (begin == m_open_ranges.end()) {
-      ++m_unmatched_ends;
-      return;
+  // The processes' numbers added together.
+  struct Merged {
+    explicit Merged(const GpuNames& names) : gpu(names) {}
+    std::map<std::string, uint64_t> records_by_kind;
+    std::map<std::string, RangeStats> ranges;  // ranges that ended, by name
+    uint64_t open_ranges = 0;
+    uint64_t unmatched_ends = 0;
+    CpuSummary cpu;
+    GpuSummary gpu;
+  };
+
+  Merged merged() const {
+    Merged all(m_names);
+    for (const auto& entry : m_engine.processes()) {
+      const summary::Process& p = *entry.second;
+      for (uint32_t hw = 0; hw < 16; ++hw) {
+        for (uint32_t code = 0; code < summary::Process::kCodes; ++code) {
+          const uint64_t records = p.kinds[hw][code];
+          if (records != 0) all.records_by_kind[kind_label(hw, code)] += records;
+        }
+      }
+      for (const auto& other : p.other_kinds) {
+        all.records_by_kind[kind_label(other.first.first, other.first.second)] += other.second;
+      }
+      for (size_t id = 0; id < p.ranges.size(); ++id) {
+        if (p.ranges[id].count() == 0) continue;
+        RangeStats& stats = all.ranges[p.range_names[id]];
+        stats.count += p.ranges[id].count();
+        stats.total_ns += p.ranges[id].total();
+      }
+      all.open_ranges += p.open.size();
+      all.unmatched_ends += p.early_ends.size();
+      all.cpu.merge(p);
+      all.gpu.merge(p);
     }
-    RangeStats& stats = m_ranges[begin->second.first];
-    ++stats.count;
-    stats.total_ns += timestamp - begin->second.second;
-    m_open_ranges.erase(begin);
+    return all;
+  }
+
+  // What a record of the kind is counted as: its hardware, and an annotation's event.
+  static std::string kind_label(uint32_t hw, uint32_t code) {
+    std::string kind = hardware_name(hw);
+    if (hw == ANNOTATION) kind += std::string(" ") + annotation_name(code);
+    return kind;
   }
 
   static void print_range_row(std::ostream& out, const std::string& name, const std::string& count,
@@ -1126,12 +1129,8 @@ class Summary {
         << right_cell(total, 14) << ' ' << right_cell(mean, 14) << '\n';
   }
 
-  std::map<std::string, uint64_t> m_records_by_kind;
-  std::unordered_map<uint64_t, std::pair<std::string, uint64_t>> m_open_ranges;  // token -> begin
-  std::map<std::string, RangeStats> m_ranges;
-  uint64_t m_unmatched_ends = 0;
-  CpuSummary m_cpu;
-  GpuSummary m_gpu;
+  const GpuNames& m_names;  // the run's, shared by its files
+  summary::Summarizer m_engine;
 };
 
 void print_annotation_text(const ZVKRecordReader& record, const DecodedRecord& decoded,

@@ -187,6 +187,11 @@ struct GpuTotals {
     bytes += size;
     total_ns += duration_ns;
   }
+  void merge(const GpuTotals& other) {
+    count += other.count;
+    bytes += other.bytes;
+    total_ns += other.total_ns;
+  }
 };
 
 // The names that GPU records give by id, learnt from KERNEL_NAME records. A

@@ -11,7 +11,6 @@ processes or machines read them."""
 
 from __future__ import annotations
 
-import bisect
 import os
 from typing import Any, Dict, Iterable, List, Optional, Sequence, Tuple
 
@@ -79,8 +78,9 @@ def read_file(path: str) -> Dict[str, Any]:
     """One capture file's part of the tables: plain lists, cheap to send between
     processes. A file that can't be read at all comes back with "error" set."""
     from .stacks import stack_key
-    from .timeline import (Progress, Reading, Survey, ViewError, build_symbolizer, name_stacks,
-                           sample_frames)
+    from .views.capture import Progress, Reading, ViewError
+    from .views.samples import build_symbolizer, name_stacks, sample_frames
+    from .views.survey import Survey
 
     part: Dict[str, Any] = {"path": path, "error": None, "problems": [], "unfinished": "",
                             "damaged": False, "gaps": []}
@@ -92,13 +92,15 @@ def read_file(path: str) -> Dict[str, Any]:
     stack_samples: List[tuple] = []  # the stack sampler's: (pid, tid, time, clock, stack key)
     try:
         reading = Reading([path], Progress("zorvek export", False))
+        annotations = _Annotations(reading.captures[0])
         survey = Survey(
-            reading,
+            _RangesApart(reading, annotations),
             on_sample=lambda _i, rec: samples.append(
                 (rec["pid"], rec["tid"], rec["timestamp"], rec.get("device"), sample_frames(rec))),
             on_stack=lambda _i, rec: stack_samples.append(
                 (rec["pid"], rec["tid"], rec["timestamp"], rec.get("clock") or "cpu",
                  stack_key(rec))))
+        annotations.seen_by(survey)
         survey.run()
     except (ViewError, OSError, ValueError) as error:
         part["error"] = str(error)
@@ -120,38 +122,173 @@ def read_file(path: str) -> Dict[str, Any]:
     part["last_ns"] = dict(survey.last_real)
 
     # Ranges: whole ones, and the halves whose other half may be in another file.
-    ranges = _columns("ranges")
-    part["open_begins"] = []
-    for pid, tid, start, end, msg, token, unfinished, end_tid in survey.ranges:
-        if unfinished:
-            part["open_begins"].append((pid, token, tid, start, msg))
-            continue
-        for key, value in (("name", msg), ("pid", pid), ("tid", tid), ("start_ns", start),
-                           ("end_ns", end), ("end_tid", end_tid)):
-            ranges[key].append(value)
-    part["ranges"] = ranges
-    part["early_ends"] = _early_ends(survey)
-
+    part["ranges"], part["open_begins"], part["early_ends"] = annotations.ranges(survey)
     part["samples"] = _samples(survey, samples, stack_samples, build_symbolizer, name_stacks, part)
     _gpu(survey, part)
     return part
 
 
-def _early_ends(survey) -> List[tuple]:
-    """(pid, token, tid, ts) of the ends whose begin the file doesn't hold: the
-    survey counts them only, so they are read again from its reading's records."""
-    if not survey.unmatched_ends:
-        return []
-    begun = set()
-    ends = []
-    for _index, batch in survey.reading.records(kinds=["BEGIN", "END"]):
-        for rec in batch:
-            key = (rec["pid"], rec["token"])
-            if rec["event"] == "BEGIN":
-                begun.add(key)
-            elif key not in begun:
-                ends.append((rec["pid"], rec["token"], rec["tid"], rec["timestamp"]))
-    return ends
+# The marks zorvek itself leaves in annotations (names, ranks, clock syncs,
+# producer stalls) all start so; the survey reads those one by one.
+_OWN_MARK = "zorvek."
+
+
+class _Annotations:
+    """A file's BEGIN and END records, read as columns in one pass and paired by
+    (pid, token) in C++. The few that the survey must see one by one (zorvek's own
+    marks, and the ends of their tokens) are handed to it as records; the ranges
+    of all others are made here as columns."""
+
+    def __init__(self, capture):
+        import numpy as np
+        import pyarrow as pa
+        import pyarrow.compute as pc
+
+        from ._reader import pair_annotations
+
+        chunks: Dict[str, Dict[str, list]] = {
+            "BEGIN": {"pid": [], "tid": [], "ts": [], "token": []},
+            "END": {"pid": [], "tid": [], "ts": [], "token": []}}
+        msgs = []
+        for group in capture.columns(kinds=["BEGIN", "END"]):
+            for kind, columns in chunks.items():
+                table = group.get(kind)
+                if table is None:
+                    continue
+                whole = table["decoded"]
+                for key, field in (("pid", "pid"), ("tid", "tid"), ("ts", "timestamp"),
+                                   ("token", "token")):
+                    columns[key].append(table[field][whole])
+                if kind == "BEGIN":
+                    msgs.append(_texts(table, "msg").filter(pa.array(whole)))
+
+        def joined(columns):
+            return {key: (np.concatenate(parts) if parts else np.zeros(0, np.uint64)).astype(
+                np.int64 if key == "ts" else np.uint64, copy=False)
+                for key, parts in columns.items()}
+
+        self.begins, self.ends = joined(chunks["BEGIN"]), joined(chunks["END"])
+        self.msg = pa.chunked_array(msgs, pa.string()).combine_chunks()
+        self.own = np.asarray(pc.starts_with(self.msg, _OWN_MARK).fill_null(False), bool)
+        self.end_of_begin, self.begin_of_end = pair_annotations(
+            self.begins["pid"], self.begins["token"], self.ends["pid"], self.ends["token"])
+        ended = self.begin_of_end >= 0
+        self.own_end = np.zeros(len(self.begin_of_end), bool)
+        self.own_end[ended] = self.own[self.begin_of_end[ended]]
+
+    def own_records(self) -> List[dict]:
+        """zorvek's own marks and their ends as record dicts, in time order."""
+        b, e = self.begins, self.ends
+        records = [{"timestamp": ts, "hw": "ANNOTATION", "event": "BEGIN", "pid": pid,
+                    "tid": tid, "device": 0, "token": token, "msg": msg}
+                   for pid, tid, ts, token, msg in zip(
+                       *(b[key][self.own].tolist() for key in ("pid", "tid", "ts", "token")),
+                       self.msg.filter(self.own).to_pylist())]
+        records += [{"timestamp": ts, "hw": "ANNOTATION", "event": "END", "pid": pid,
+                     "tid": tid, "device": 0, "token": token}
+                    for pid, tid, ts, token in zip(*(e[key][self.own_end].tolist() for key in (
+                        "pid", "tid", "ts", "token")))]
+        records.sort(key=lambda r: (r["timestamp"], r["event"] == "END"))
+        return records
+
+    def seen_by(self, survey) -> None:
+        """What the survey learns from every annotation but the time marker: the
+        span of the system clock, each thread's first and last annotation, the
+        threads and last moment of each process."""
+        import numpy as np
+        import pyarrow as pa
+
+        both = pa.table({key: np.concatenate([self.begins[key], self.ends[key]])
+                         for key in ("pid", "tid", "ts")})
+        if not both.num_rows:
+            return
+        spans = both.group_by(["pid", "tid"]).aggregate([("ts", "min"), ("ts", "max")])
+        for pid, tid, first, last in zip(*(spans[key].to_pylist() for key in (
+                "pid", "tid", "ts_min", "ts_max"))):
+            survey.see_thread_span(0, pid, tid, first, last)
+
+    def ranges(self, survey):
+        """The file's whole ranges as a table (name, pid, tid, start_ns, end_ns,
+        end_tid), the begins whose end the file lacks (pid, token, tid, start,
+        name) and the ends whose begin it lacks (pid, token, tid, ts)."""
+        import pyarrow as pa
+
+        own: Dict[str, list] = {key: [] for key in _PART_RANGES}
+        open_begins: List[tuple] = []
+        for pid, tid, start, end, msg, token, unfinished, end_tid in survey.ranges:
+            if unfinished:
+                open_begins.append((pid, token, tid, start, msg))
+                continue
+            for key, value in zip(_PART_RANGES, (msg, pid, tid, start, end, end_tid)):
+                own[key].append(value)
+        b, e = self.begins, self.ends
+        others = ~self.own
+        whole = others & (self.end_of_begin >= 0)
+        to_end = self.end_of_begin[whole]
+        mask = pa.array(whole)
+        table = pa.concat_tables([
+            pa.table(own, schema=_part_ranges_schema()),
+            pa.Table.from_arrays([
+                self.msg.filter(mask), pa.array(b["pid"][whole].astype("int64")),
+                pa.array(b["tid"][whole].astype("int64")), pa.array(b["ts"][whole]),
+                pa.array(e["ts"][to_end]), pa.array(e["tid"][to_end].astype("int64"))],
+                schema=_part_ranges_schema())])
+        begun = others & (self.end_of_begin < 0)
+        open_begins.extend(zip(*(b[key][begun].tolist() for key in ("pid", "token", "tid", "ts")),
+                               self.msg.filter(pa.array(begun)).to_pylist()))
+        alone = self.begin_of_end < 0
+        early_ends = list(zip(*(e[key][alone].tolist() for key in ("pid", "token", "tid", "ts"))))
+        return table, open_begins, early_ends
+
+
+# A part's whole ranges: its columns, in order.
+_PART_RANGES = ("name", "pid", "tid", "start_ns", "end_ns", "end_tid")
+
+
+def _part_ranges_schema():
+    import pyarrow as pa
+
+    return pa.schema([("name", pa.string())] + [(key, pa.int64()) for key in _PART_RANGES[1:]])
+
+
+def _texts(table: Dict[str, Any], field: str):
+    """A text column of the reader's as an Arrow string array, without a copy;
+    bytes that aren't UTF-8 show as U+FFFD, as the reader's dicts give them."""
+    import pyarrow as pa
+
+    data, offsets = table[field], table[field + "_offsets"]
+    array = pa.StringArray.from_buffers(len(offsets) - 1, pa.py_buffer(offsets), pa.py_buffer(data))
+    try:
+        array.validate(full=True)
+    except pa.ArrowInvalid:
+        array = pa.array([data[lo:hi].tobytes().decode("utf-8", "replace")
+                          for lo, hi in zip(offsets[:-1], offsets[1:])], pa.string())
+    return array
+
+
+class _RangesApart:
+    """The file's reading as the survey takes it, without the BEGIN and END
+    records _Annotations pairs itself: only zorvek's own marks among them."""
+
+    def __init__(self, reading, annotations: _Annotations):
+        self._reading = reading
+        self._annotations = annotations
+
+    def __getattr__(self, name):
+        return getattr(self._reading, name)
+
+    def records(self, kinds=None, what: str = "reading"):
+        own = self._annotations.own_records()
+        if own:
+            yield 0, own
+        yield from self._reading.records(kinds=_other_kinds(), what=what)
+
+
+def _other_kinds() -> List[str]:
+    """Every kind of record but BEGIN and END."""
+    from ._reader import EVENT_NAMES
+
+    return [name for name in EVENT_NAMES if name not in ("BEGIN", "END")]
 
 
 def _samples(survey, samples: List[tuple], stack_samples: List[tuple], build_symbolizer,
@@ -206,7 +343,7 @@ def _samples(survey, samples: List[tuple], stack_samples: List[tuple], build_sym
 
 def _gpu(survey, part: Dict[str, Any]) -> None:
     from .symbols import demangle
-    from .timeline import driver_call_name
+    from .views.samples import driver_call_name
 
     def table_name(pid: int, table: str, ident: int) -> Optional[str]:
         found = survey.names.get((pid, table), {}).get(ident)
@@ -379,41 +516,66 @@ def combine(parts: Sequence[Dict[str, Any]]) -> Combined:
             thread_rows[column].append(value)
     tables["threads"] = thread_rows
 
-    ranges, enclosing = _ranges(good, rank_number)
-    tables["ranges"] = ranges
-    launch = _launch_ranges(good, enclosing)
-    for table in ("kernels", "copies", "memsets", "api_calls"):
-        columns = _columns(table)
-        for part in good:
-            rows = part[table]
-            count = len(rows["pid"])
-            if not count:
-                continue
-            for column in columns:
-                if column == "host":
-                    columns[column].extend([part["host"]] * count)
-                elif column == "rank":
-                    columns[column].extend(rank_number.get((part["host"], p)) for p in rows["pid"])
-                elif column == "duration_ns":
-                    columns[column].extend(e - s for s, e in zip(rows["start_ns"], rows["end_ns"]))
-                elif column == "launch_range":
-                    columns[column].extend(launch.get((part["host"], p, c))
-                                           for p, c in zip(rows["pid"], rows["correlation"]))
-                else:
-                    columns[column].extend(rows[column])
-        tables[table] = columns
-
+    codes = _HostCodes(good, rank_number)
     arrow = {name: pa.Table.from_pydict(columns, schema=schema(name))
              for name, columns in tables.items()}
-    arrow["samples"] = _samples_table(good, rank_number)
+    arrow["ranges"], nested = _ranges(good, codes)
+    launch = _launch_ranges(good, codes, nested)
+    for table in ("kernels", "copies", "memsets", "api_calls"):
+        arrow[table] = _gpu_table(table, good, codes, launch)
+    arrow["samples"] = _samples_table(good, codes)
     for name in TABLES:
         table = arrow[name]
-        if table.num_rows:
+        # The ranges come from _ranges in this order already.
+        if table.num_rows and name != "ranges":
             arrow[name] = table.sort_by([(key, "ascending") for key in SORT_KEYS[name]])
     return Combined({name: arrow[name] for name in TABLES}, notes, skipped, damaged)
 
 
-def _samples_table(good, rank_number):
+class _HostCodes:
+    """Hosts as numbers, in the order of their names, so that columns of numbers
+    sort as the names would; and the rank of each (host, pid), looked up once per
+    distinct pair."""
+
+    def __init__(self, good, rank_number: Dict[Tuple[str, int], Optional[int]]):
+        self.hosts = sorted({part["host"] for part in good})
+        self.code = {host: i for i, host in enumerate(self.hosts)}
+        self._ranks = {(self.code[host], pid): rank for (host, pid), rank in rank_number.items()
+                       if rank is not None}
+
+    def of(self, part, count: int):
+        import numpy as np
+
+        return np.full(count, self.code[part["host"]], np.int64)
+
+    def names(self, codes):
+        """The host names of a column of codes."""
+        import pyarrow as pa
+
+        return pa.array(self.hosts, pa.string()).take(pa.array(codes, pa.int64()))
+
+    def ranks(self, codes, pids):
+        """The rank of each row's (host, pid), null where none is known."""
+        import numpy as np
+        import pyarrow as pa
+
+        import pyarrow.compute as pc
+
+        codes = np.asarray(codes, np.int64)
+        pids = np.asarray(pids, np.int64)
+        if not len(codes):
+            return pa.array([], pa.int32())
+        # A pid is less than 2**32: both in one number, found again by hashing.
+        keys = pa.array((codes << 32) | pids)
+        pairs = pc.unique(keys)
+        index = np.asarray(pc.index_in(keys, value_set=pairs))
+        found = [self._ranks.get((pair >> 32, pair & 0xFFFFFFFF)) for pair in pairs.to_pylist()]
+        values = np.array([-1 if r is None else r for r in found], np.int32)
+        known = np.array([r is not None for r in found], bool)
+        return pa.array(values[index], pa.int32(), mask=~known[index])
+
+
+def _samples_table(good, codes: _HostCodes):
     import pyarrow as pa
 
     pieces = []
@@ -425,10 +587,11 @@ def _samples_table(good, rank_number):
         ids = pa.array(s["stack_id"], pa.int32())
         stacks = pa.array(s["stacks"], pa.string()).take(ids)
         leaves = pa.array(s["leaves"], pa.string()).take(ids)
+        pids = pa.array(s["pid"], pa.int64())
+        host = codes.of(part, count)
         pieces.append(pa.Table.from_arrays([
-            pa.array([rank_number.get((part["host"], p)) for p in s["pid"]], pa.int32()),
-            pa.array([part["host"]] * count, pa.string()),
-            pa.array(s["pid"], pa.int64()), pa.array(s["tid"], pa.int64()),
+            codes.ranks(host, pids.to_numpy()), codes.names(host),
+            pids, pa.array(s["tid"], pa.int64()),
             pa.array(s["time_ns"], pa.int64()), pa.array(s["clock"], pa.string()),
             stacks, leaves, pa.array(s["cpu"], pa.int32())], schema=schema("samples")))
     if not pieces:
@@ -436,89 +599,152 @@ def _samples_table(good, rank_number):
     return pa.concat_tables(pieces)
 
 
-def _ranges(good, rank_number) -> Tuple[Dict[str, list], Dict[tuple, tuple]]:
-    """The ranges table's columns, and per thread the whole ranges sorted, for
-    finding the range a call was made in."""
-    rows: List[list] = []  # [host, pid, tid, start, end, name, end_tid]
+class _Nested:
+    """The ranges of all parts, sorted by thread and start, laid in each other:
+    the columns the reader's range helpers take, the names, each range's depth
+    and the row of its parent (-1 for none)."""
+
+    def __init__(self, table):
+        import numpy as np
+        import pyarrow.compute as pc
+
+        from ._reader import nest_ranges
+
+        self.columns = [table[key].to_numpy() for key in ("host", "pid", "tid", "start_ns")]
+        self.columns.append(table["end_ns"].fill_null(0).to_numpy())
+        self.columns.append(np.asarray(pc.is_valid(table["end_ns"]), np.uint8))
+        self.names = table["name"]
+        self.depth, self.parent = nest_ranges(*self.columns)
+
+
+def _ranges(good, codes: _HostCodes):
+    """The ranges table, and the ranges nested, for finding the range a call was
+    made in."""
+    import pyarrow as pa
+    import pyarrow.compute as pc
+
+    pieces = []
     for part in good:
-        host = part["host"]
-        r = part["ranges"]
-        for name, pid, tid, start, end, end_tid in zip(r["name"], r["pid"], r["tid"], r["start_ns"],
-                                                       r["end_ns"], r["end_tid"]):
-            rows.append([host, pid, tid, start, end, name, end_tid])
+        table = part["ranges"]
+        pieces.append(table.add_column(0, "host", pa.array(codes.of(part, table.num_rows))))
     # Halves across the files of one process, in capture order.
+    halves: List[list] = []  # [host, pid, tid, start, end, name, end_tid]
     open_begins: Dict[tuple, list] = {}
     for part in good:
-        host = part["host"]
+        host = codes.code[part["host"]]
         for pid, token, tid, ts in part["early_ends"]:
             begun = open_begins.pop((host, pid, token), None)
             if begun is not None:
                 begun[4], begun[6] = ts, tid
         for pid, token, tid, start, msg in part["open_begins"]:
             row = [host, pid, tid, start, None, msg, tid]
-            rows.append(row)
+            halves.append(row)
             open_begins[(host, pid, token)] = row
-    rows.sort(key=lambda r: (r[0], r[1], r[2], r[3], -((r[4] if r[4] is not None else r[3]) - r[3]), r[5]))
-    depths: List[int] = []
-    parents: List[Optional[str]] = []
-    enclosing: Dict[tuple, tuple] = {}
-    stack: List[list] = []
-    thread = None
-    per_thread: List[tuple] = []
-    for row in rows:
-        key = (row[0], row[1], row[2])
-        if key != thread:
-            if thread is not None:
-                enclosing[thread] = tuple(per_thread)
-            thread, stack, per_thread = key, [], []
-        start, end = row[3], row[4]
-        while stack and stack[-1][4] is not None and stack[-1][4] <= start:
-            stack.pop()
-        depths.append(len(stack))
-        parents.append(stack[-1][5] if stack else None)
-        if end is not None:
-            per_thread.append((start, end, row[5], len(stack)))
-        stack.append(row)
-    if thread is not None:
-        enclosing[thread] = tuple(per_thread)
-    columns = _columns("ranges")
-    if rows:
-        hosts, pids, tids, starts, ends, names, end_tids = (list(c) for c in zip(*rows))
-        columns.update(
-            name=names, rank=[rank_number.get(k) for k in zip(hosts, pids)], host=hosts, pid=pids,
-            tid=tids, start_ns=starts, end_ns=ends,
-            duration_ns=[None if e is None else e - s for s, e in zip(starts, ends)],
-            depth=depths, parent=parents, end_tid=end_tids)
-    return columns, enclosing
+    part_schema = pa.schema([("host", pa.int64())] + list(_part_ranges_schema()))
+    order = ("host", "pid", "tid", "start_ns", "end_ns", "name", "end_tid")  # a half's fields
+    pieces.append(pa.table({key: [row[order.index(key)] for row in halves]
+                            for key in part_schema.names}, schema=part_schema))
+    rows = pa.concat_tables(pieces)
+    # Of ranges that start together, the longer holds the other; one never ended
+    # counts as none long.
+    length = pc.subtract(pc.coalesce(rows["end_ns"], rows["start_ns"]), rows["start_ns"])
+    rows = rows.append_column("_length", pc.negate(length))
+    rows = rows.sort_by([(key, "ascending") for key in (
+        "host", "pid", "tid", "start_ns", "_length", "name")]).drop_columns(["_length"])
+    nested = _Nested(rows)
+    host = rows["host"].to_numpy()
+    parents = rows["name"].take(pa.array(nested.parent, pa.int64(), mask=nested.parent < 0))
+    table = pa.Table.from_arrays([
+        rows["name"], codes.ranks(host, rows["pid"].to_numpy()), codes.names(host),
+        rows["pid"], rows["tid"], rows["start_ns"], rows["end_ns"],
+        pc.subtract(rows["end_ns"], rows["start_ns"]), pa.array(nested.depth, pa.int32()),
+        parents, rows["end_tid"]], schema=schema("ranges"))
+    return table, nested
 
 
-def _innermost(spans: tuple, starts: List[int], t: int) -> Optional[str]:
-    """The deepest range of a thread open at time t."""
-    best = None
-    i = bisect.bisect_right(starts, t)
-    # Ranges are few per moment; walk back while one could still hold t.
-    for start, end, name, depth in reversed(spans[max(0, i - 64):i]):
-        if start <= t <= end and (best is None or depth > best[1]):
-            best = (name, depth)
-    return best[0] if best else None
+def _launch_ranges(good, codes: _HostCodes, nested: _Nested):
+    """The range each API call was made in, on its own thread, by (host, pid,
+    correlation): the found keys as three arrays, sorted, and the names."""
+    import numpy as np
+    import pyarrow as pa
 
+    from ._reader import innermost_ranges
 
-def _launch_ranges(good, enclosing) -> Dict[tuple, str]:
-    """(host, pid, correlation): the range the API call with that correlation was
-    made in, on its own thread."""
-    starts = {key: [s[0] for s in spans] for key, spans in enclosing.items()}
-    found: Dict[tuple, str] = {}
+    host, pid, tid, start, corr = [], [], [], [], []
     for part in good:
-        host = part["host"]
         calls = part["api_calls"]
-        for pid, tid, corr, start in zip(calls["pid"], calls["tid"], calls["correlation"],
-                                         calls["start_ns"]):
-            key = (host, pid, tid)
-            if key in enclosing:
-                name = _innermost(enclosing[key], starts[key], start)
-                if name is not None:
-                    found[(host, pid, corr)] = name
-    return found
+        host.append(codes.of(part, len(calls["pid"])))
+        pid.append(np.asarray(calls["pid"], np.int64))
+        tid.append(np.asarray(calls["tid"], np.int64))
+        start.append(np.asarray(calls["start_ns"], np.int64))
+        corr.append(np.asarray(calls["correlation"], np.int64))
+    host, pid, tid, start, corr = (np.concatenate(c) if c else np.zeros(0, np.int64)
+                                   for c in (host, pid, tid, start, corr))
+    found = innermost_ranges(*nested.columns, nested.depth, host, pid, tid, start)
+    made_in = found >= 0
+    if not made_in.any():
+        return np.zeros((0, 3), np.int64), pa.array([], pa.string())
+    keys = np.stack([host[made_in], pid[made_in], corr[made_in]], axis=1)
+    rows = found[made_in]
+    # A correlation made again in a later call names the later call's range.
+    keys, rows = keys[::-1], rows[::-1]
+    keys, first = np.unique(keys, axis=0, return_index=True)
+    return keys, nested.names.take(pa.array(rows[first], pa.int64()))
+
+
+def _launch_names(launch, host, pid, corr):
+    """The launching range of each row of (host, pid, correlation) columns."""
+    import numpy as np
+    import pyarrow as pa
+
+    keys, names = launch
+    count = len(host)
+    if not len(keys) or not count:
+        return pa.nulls(count, pa.string())
+    queries = np.stack([host, pid, corr], axis=1)
+    both, index = np.unique(np.concatenate([keys, queries]), axis=0, return_inverse=True)
+    index = index.reshape(-1)
+    at = np.full(len(both), -1, np.int64)
+    at[index[:len(keys)]] = np.arange(len(keys))
+    rows = at[index[len(keys):]]
+    return names.take(pa.array(rows, pa.int64(), mask=rows < 0))
+
+
+def _gpu_table(table: str, good, codes: _HostCodes, launch):
+    """One GPU table from the parts' columns, with host, rank, duration and
+    launching range added."""
+    import numpy as np
+    import pyarrow as pa
+    import pyarrow.compute as pc
+
+    pieces = []
+    table_schema = schema(table)
+    for part in good:
+        rows = part[table]
+        count = len(rows["pid"])
+        if not count:
+            continue
+        host = codes.of(part, count)
+        pid = np.asarray(rows["pid"], np.int64)
+        columns = {}
+        for field in table_schema:
+            if field.name == "host":
+                columns["host"] = codes.names(host)
+            elif field.name == "rank":
+                columns["rank"] = codes.ranks(host, pid)
+            elif field.name == "duration_ns":
+                columns["duration_ns"] = None
+            elif field.name == "launch_range":
+                columns["launch_range"] = _launch_names(
+                    launch, host, pid, np.asarray(rows["correlation"], np.int64))
+            else:
+                columns[field.name] = pa.array(rows[field.name], field.type)
+        columns["duration_ns"] = pc.subtract(columns["end_ns"], columns["start_ns"])
+        pieces.append(pa.Table.from_arrays([columns[f.name] for f in table_schema],
+                                           schema=table_schema))
+    if not pieces:
+        return table_schema.empty_table()
+    return pa.concat_tables(pieces)
 
 
 def _size(n: int) -> str:

@@ -1,9 +1,10 @@
 // zorvek._reader: the capture file reader for Python. Decoding and adding up run
 // in C++, through the same decoding zvkdump uses; Python gets one list of dicts
-// per bucket, or the summary's numbers. Buckets are inflated and walked with the
-// interpreter lock released.
+// per bucket, NumPy columns per kind of record, or the summary's numbers. Buckets
+// are inflated and walked with the interpreter lock released.
 
 #include <fcntl.h>
+#include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 #include <sys/stat.h>
@@ -21,7 +22,10 @@
 #include <vector>
 
 #include "tools/pylinetable.h"
-#include "tools/python/zvksummary.h"
+#include "tools/python/zvkcolumns.h"
+#include "tools/python/zvkfields.h"
+#include "tools/python/zvkranges.h"
+#include "tools/zvksummary.h"
 #include "tools/zvkfilereader.h"
 #include "tools/zvkrecords.h"
 
@@ -95,54 +99,6 @@ class DictBuilder {
   py::object m_dict;
 };
 
-PyObject* triple(int32_t x, int32_t y, int32_t z) { return Py_BuildValue("(iii)", x, y, z); }
-
-// The call chain as 2 x call_chain_size addresses.
-PyObject* chain_list(const ZVKRecordReader& record) {
-  const int slots = 2 * record.num_callchains();
-  PyObject* list = PyList_New(slots);
-  if (list == nullptr) return nullptr;
-  for (int i = 0; i < slots; ++i) {
-    PyObject* address = PyLong_FromUnsignedLongLong(chain_slot(record, i));
-    if (address == nullptr) {
-      Py_DECREF(list);
-      return nullptr;
-    }
-    PyList_SET_ITEM(list, i, address);
-  }
-  return list;
-}
-
-PyObject* u64_list(const uint64_t* values, int count) {
-  PyObject* list = PyList_New(count);
-  if (list == nullptr) return nullptr;
-  for (int i = 0; i < count; ++i) {
-    PyObject* value = PyLong_FromUnsignedLongLong(values[i]);
-    if (value == nullptr) {
-      Py_DECREF(list);
-      return nullptr;
-    }
-    PyList_SET_ITEM(list, i, value);
-  }
-  return list;
-}
-
-// A stack sample's native frames, leaf first.
-PyObject* native_list(const DecodedRecord& decoded) {
-  const auto count = static_cast<Py_ssize_t>(decoded.frames.native_count);
-  PyObject* list = PyList_New(count);
-  if (list == nullptr) return nullptr;
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    PyObject* address = PyLong_FromUnsignedLongLong(native_frame(decoded, static_cast<uint32_t>(i)));
-    if (address == nullptr) {
-      Py_DECREF(list);
-      return nullptr;
-    }
-    PyList_SET_ITEM(list, i, address);
-  }
-  return list;
-}
-
 // Python frames, leaf first, as (code_id, instruction_offset, entry) tuples.
 PyObject* python_list(const DecodedRecord& decoded) {
   const auto count = static_cast<Py_ssize_t>(decoded.frames.python_count);
@@ -150,183 +106,50 @@ PyObject* python_list(const DecodedRecord& decoded) {
   if (list == nullptr) return nullptr;
   for (Py_ssize_t i = 0; i < count; ++i) {
     const perfevent::ZVKPythonFrame frame = python_frame(decoded, static_cast<uint32_t>(i));
-    PyObject* entry = (frame.instruction & perfevent::kPythonFrameEntry) ? Py_True : Py_False;
-    Py_INCREF(entry);
-    PyObject* tuple = PyTuple_New(3);
-    PyObject* code = PyLong_FromUnsignedLong(frame.code_id);
-    PyObject* offset =
-        PyLong_FromUnsignedLong(frame.instruction & perfevent::kPythonInstructionMask);
-    if (tuple == nullptr || code == nullptr || offset == nullptr) {
-      Py_XDECREF(tuple);
-      Py_XDECREF(code);
-      Py_XDECREF(offset);
-      Py_DECREF(entry);
+    PyObject* tuple =
+        Py_BuildValue("(kkO)", static_cast<unsigned long>(frame.code_id),
+                      static_cast<unsigned long>(frame.instruction & perfevent::kPythonInstructionMask),
+                      (frame.instruction & perfevent::kPythonFrameEntry) ? Py_True : Py_False);
+    if (tuple == nullptr) {
       Py_DECREF(list);
       return nullptr;
     }
-    PyTuple_SET_ITEM(tuple, 0, code);
-    PyTuple_SET_ITEM(tuple, 1, offset);
-    PyTuple_SET_ITEM(tuple, 2, entry);
     PyList_SET_ITEM(list, i, tuple);
   }
   return list;
 }
 
-// One record as a dict: the header's fields, then the payload's by its kind, or
-// its bytes as "raw" when the payload can't be read as its kind.
-PyObject* record_dict(const ZVKRecordReader& record) {
-  DictBuilder d;
-  const uint32_t hw = record.hardware_type();
-  d.u64("timestamp", record.timestamp());
-  d.name("hw", hardware_name(hw));
-  d.name("event", event_name(record));
-  d.u64("pid", record.pid());
-  d.u64("tid", record.tid());
-  d.u64("device", record.device_id());
-  DecodedRecord decoded;
-  if (!decode_record(record, &decoded)) {
-    d.u64("event_type", record.event_type());
-    d.put("raw", PyBytes_FromStringAndSize(static_cast<const char*>(record.payload()),
-                                           record.payload_size()));
-    return d.release();
+// One record as a dict: walk_fields' sink.
+class RecordDict : public DictBuilder {
+ public:
+  void flag(const char* key, bool value) { put(key, PyBool_FromLong(value)); }
+  void label(const char* key, const char* literal) { name(key, literal); }
+  void bytes(const char* key, std::string_view value) {
+    put(key, PyBytes_FromStringAndSize(value.data(), static_cast<Py_ssize_t>(value.size())));
   }
-  const DecodedRecord::Fixed& f = decoded.fixed;
-  switch (decoded.layout) {
-    case DecodedRecord::kBegin:
-      d.u64("token", f.token);
-      d.text("msg", decoded.text);
-      break;
-    case DecodedRecord::kEnd: d.u64("token", f.token); break;
-    case DecodedRecord::kTimeMarker:
-      d.put("monotonic_raw", u64_list(f.marker.monotic, annotations::kClockPairs));
-      d.put("realtime", u64_list(f.marker.realtime, annotations::kClockPairs));
-      break;
-    case DecodedRecord::kCpuConfiguration:
-      d.u64("perf_type", f.config.type);
-      d.u64("config", f.config.config);
-      d.u64("config1", f.config.config1);
-      d.u64("config2", f.config.config2);
-      d.u64("precise", f.config.precise);
-      d.u64("period", f.config.sample_period);
-      d.u64("format_id", f.config.format_id);
-      break;
-    case DecodedRecord::kCpuSample:
-      d.u64("ip", f.sample.ip);
-      d.u64("id", f.sample.id);
-      d.u64("stream_id", f.sample.stream_id);
-      d.put("chain", chain_list(record));
-      break;
-    case DecodedRecord::kCpuThrottle:
-      d.u64("id", f.throttle.id);
-      d.u64("stream_id", f.throttle.stream_id);
-      break;
-    case DecodedRecord::kCpuLost:
-      d.u64("id", f.lost.id);
-      d.u64("stream_id", f.lost.stream_id);
-      d.u64("lost", f.lost.lost);
-      break;
-    case DecodedRecord::kCpuMmap:
-      d.u64("id", f.mmap.id);
-      d.u64("stream_id", f.mmap.stream_id);
-      d.u64("addr", f.mmap.addr);
-      d.u64("len", f.mmap.len);
-      d.u64("pgoff", f.mmap.pgoff);
-      d.path("filename", decoded.text);
-      break;
-    case DecodedRecord::kCpuForkExit:
-      d.u64("id", f.fork.id);
-      d.u64("stream_id", f.fork.stream_id);
-      d.u64("ppid", f.fork.ppid);
-      d.u64("ptid", f.fork.ptid);
-      break;
-    case DecodedRecord::kCpuStack:
-      d.u64("weight_ns", f.stack.weight_ns);
-      d.name("clock", sample_clock_name(f.stack.clock));
-      d.put("waiting", PyBool_FromLong(f.stack.flags & perfevent::STACK_WAITING));
-      d.u64("flags", f.stack.flags);
-      d.put("ips", native_list(decoded));
-      d.put("py", python_list(decoded));
-      break;
-    case DecodedRecord::kCpuPythonCode:
-      d.u64("code_id", f.code.code_id);
-      d.i64("first_line", f.code.first_line);
-      d.u64("py_version", f.code.python_version);
-      d.text("qualname", decoded.text);
-      d.text("filename", decoded.frames.filename);
-      d.put("linetable",
-            PyBytes_FromStringAndSize(decoded.frames.linetable.data(),
-                                      static_cast<Py_ssize_t>(decoded.frames.linetable.size())));
-      d.put("linetable_cut", PyBool_FromLong(f.code.flags & perfevent::PYTHON_CODE_LINETABLE_CUT));
-      break;
-    case DecodedRecord::kCpuApiStack:
-      d.u64("correlation", f.api_stack.correlation_id);
-      d.put("py", python_list(decoded));
-      break;
-    case DecodedRecord::kGpuName:
-      d.name("table", gpu_kind(record) == cudaevent::kKernelNameKind ? "kernel" : "function");
-      d.u64("id", f.name.id);
-      d.text("name", decoded.text);
-      break;
-    case DecodedRecord::kGpuKernel:
-      d.u64("end", f.kernel.end);
-      d.u64("completed", f.kernel.completed);
-      d.put("grid", triple(f.kernel.gridX, f.kernel.gridY, f.kernel.gridZ));
-      d.put("block", triple(f.kernel.blockX, f.kernel.blockY, f.kernel.blockZ));
-      d.u64("registers", f.kernel.pack.registersPerThread);
-      d.u64("static_shared_mem", f.kernel.staticSharedMem);
-      d.u64("stream", f.kernel.streamId);
-      d.u64("correlation", f.kernel.correlationId);
-      d.u64("name_id", f.kernel.pack.nameId);
-      d.u64("device_id", f.kernel.deviceId);
-      break;
-    case DecodedRecord::kGpuMemcopy:
-    case DecodedRecord::kGpuMemcopyP2P: {
-      const bool p2p = decoded.layout == DecodedRecord::kGpuMemcopyP2P;
-      const cudaevent::copy_attr& attr = p2p ? f.p2p.attr : f.memcopy.attr;
-      d.u64("end", p2p ? f.p2p.end : f.memcopy.end);
-      d.u64("bytes", p2p ? f.p2p.bytes : f.memcopy.bytes);
-      d.u64("copy_kind", attr.copy_kind);
-      d.u64("src_kind", attr.src_kind);
-      d.u64("dst_kind", attr.dst_kind);
-      d.u64("stream", p2p ? f.p2p.streamId : f.memcopy.streamId);
-      d.u64("correlation", p2p ? f.p2p.correlationId : f.memcopy.correlationId);
-      if (p2p) {
-        d.u64("src_device", f.p2p.srcDevice);
-        d.u64("dst_device", f.p2p.dstDevice);
+  void triple(const char* key, int32_t x, int32_t y, int32_t z) {
+    put(key, Py_BuildValue("(iii)", x, y, z));
+  }
+  template <typename At>
+  void u64s(const char* key, uint32_t count, At at) {
+    PyObject* list = PyList_New(count);
+    if (list == nullptr) throw py::error_already_set();
+    for (uint32_t i = 0; i < count; ++i) {
+      PyObject* value = PyLong_FromUnsignedLongLong(at(i));
+      if (value == nullptr) {
+        Py_DECREF(list);
+        throw py::error_already_set();
       }
-      break;
+      PyList_SET_ITEM(list, i, value);
     }
-    case DecodedRecord::kGpuMemset:
-      d.u64("end", f.memset.end);
-      d.u64("bytes", f.memset.size);
-      d.u64("value", f.memset.value);
-      d.u64("stream", f.memset.streamId);
-      d.u64("correlation", f.memset.correlationId);
-      d.u64("memkind", f.memset.memkind);
-      break;
-    case DecodedRecord::kGpuSync:
-      d.u64("end", f.sync.end);
-      d.u64("sync_type", gpu_kind(record));
-      d.u64("stream", f.sync.streamId);
-      d.u64("correlation", f.sync.correlationId);
-      break;
-    case DecodedRecord::kGpuActivity:
-      d.u64("end", f.activity.end);
-      d.u64("api_pid", f.activity.pid);
-      d.u64("api_tid", f.activity.tid);
-      d.u64("correlation", f.activity.correlationId);
-      d.u64("return_value", f.activity.returnValue);
-      break;
-    case DecodedRecord::kGpuCall:
-      d.u64("end", f.call.end);
-      d.u64("domain", f.call.domain);
-      d.u64("cbid", f.call.cbid);
-      d.u64("correlation", f.call.correlationId);
-      d.u64("func_name_id", f.call.funcNameId);
-      d.put("chain", chain_list(record));
-      break;
-    case DecodedRecord::kRaw: break;
+    put(key, list);
   }
+  void frames(const char* key, const DecodedRecord& decoded) { put(key, python_list(decoded)); }
+};
+
+PyObject* record_dict(const ZVKRecordReader& record) {
+  RecordDict d;
+  walk_fields(record, d);
   return d.release();
 }
 
@@ -454,6 +277,21 @@ class KindFilter {
     }
   }
 
+  // Every name a filter takes, "UNKNOWN" last.
+  static py::tuple names() {
+    std::vector<std::string> all;
+    for (uint32_t hw : {uint32_t{ANNOTATION}, uint32_t{CPU}, uint32_t{GPU}}) {
+      for (uint32_t code = 0; code < kCodes; ++code) {
+        const std::string name = code_name(hw, code);
+        if (name != "UNKNOWN" && std::find(all.begin(), all.end(), name) == all.end()) {
+          all.push_back(name);
+        }
+      }
+    }
+    all.push_back("UNKNOWN");
+    return py::cast(all);
+  }
+
   bool keeps(const ZVKRecordReader& record) const {
     if (m_all) return true;
     const uint32_t hw = record.hardware_type();
@@ -543,39 +381,31 @@ class CaptureFile {
   uint64_t m_buckets = 0;
 };
 
-// Iterates over a capture's buckets, a list of record dicts per bucket that holds
-// any record the filter keeps. One bucket's records are in memory at a time.
-class Batches {
+// One pass over a capture's whole buckets for an iterator: damage noted in the
+// capture's problems, progress called, and one reader at a time.
+class BucketCursor {
  public:
-  Batches(CaptureFile& capture, const py::object& kinds, py::object progress)
-      : m_capture(capture), m_filter(kinds), m_progress(std::move(progress)) {
+  BucketCursor(CaptureFile& capture, py::object progress)
+      : m_capture(capture), m_progress(std::move(progress)) {
     open_or_raise(capture.file(), &m_reader);
     capture.restart();
   }
 
-  py::list next() {
-    // The GIL is let go while a bucket is read, and the reader is one cursor over
-    // the file: a second thread (or a progress callback) in here would move it
-    // under the first. Checked and set with the GIL held, so one of them wins.
-    if (m_busy) throw std::runtime_error("this batches() iterator is being read by another thread");
-    m_busy = true;
-    struct Release {
-      bool& busy;
-      ~Release() { busy = false; }
-    } release{m_busy};
+  // The next whole bucket, read with the interpreter lock released; false at the
+  // end of the file, when the capture has its problems.
+  bool next(std::unique_ptr<ZVKBucketReader>* bucket) {
     for (;;) {
-      if (m_done) throw py::stop_iteration();
-      std::unique_ptr<ZVKBucketReader> bucket;
+      if (m_done) return false;
       Status read;
       {
         py::gil_scoped_release unlocked;
-        read = m_reader.next_bucket(&bucket);
+        read = m_reader.next_bucket(bucket);
       }
       if (read.code_ == error::END_OF_DATA) {
         m_done = true;
         m_capture.ended(m_reader);
         if (m_progress_shown) m_progress.call(m_reader.file_size(), m_reader.file_size());
-        throw py::stop_iteration();
+        return false;
       }
       if (!read.ok()) {
         m_capture.problem(m_capture.path() + ": " + read.msg_, m_reader.torn());
@@ -586,6 +416,48 @@ class Batches {
         m_progress_shown = true;
         m_progress.call(m_reader.next_bucket_offset(), m_reader.file_size());
       }
+      return true;
+    }
+  }
+
+  // Held while an iterator's next() runs. The lock is let go while a bucket is
+  // read, and the reader is one cursor over the file: a second thread (or a
+  // progress callback) in next() would move it under the first. Checked and set
+  // with the lock held, so one of them wins.
+  class Busy {
+   public:
+    explicit Busy(BucketCursor& cursor) : m_busy(cursor.m_busy) {
+      if (m_busy) throw std::runtime_error("this iterator is being read by another thread");
+      m_busy = true;
+    }
+    ~Busy() { m_busy = false; }
+    Busy(const Busy&) = delete;
+    Busy& operator=(const Busy&) = delete;
+
+   private:
+    bool& m_busy;
+  };
+
+ private:
+  CaptureFile& m_capture;  // kept alive by the iterator's reference to it
+  ProgressCalls m_progress;
+  ZVKFileReader m_reader;
+  bool m_done = false;
+  bool m_progress_shown = false;
+  bool m_busy = false;
+};
+
+// Iterates over a capture's buckets, a list of record dicts per bucket that holds
+// any record the filter keeps. One bucket's records are in memory at a time.
+class Batches {
+ public:
+  Batches(CaptureFile& capture, const py::object& kinds, py::object progress)
+      : m_filter(kinds), m_cursor(capture, std::move(progress)) {}
+
+  py::list next() {
+    BucketCursor::Busy busy(m_cursor);
+    std::unique_ptr<ZVKBucketReader> bucket;
+    while (m_cursor.next(&bucket)) {
       py::list batch;
       ZVKRecordReader record;
       while (bucket->get_next_record(record).ok()) {
@@ -597,16 +469,103 @@ class Batches {
       }
       if (PyList_GET_SIZE(batch.ptr()) != 0) return batch;
     }
+    throw py::stop_iteration();
   }
 
  private:
-  CaptureFile& m_capture;  // kept alive by the iterator's reference to it
   KindFilter m_filter;
-  ProgressCalls m_progress;
-  ZVKFileReader m_reader;
-  bool m_done = false;
-  bool m_progress_shown = false;
-  bool m_busy = false;  // a call of next() is under way
+  BucketCursor m_cursor;
+};
+
+// ---- Columns as NumPy arrays -------------------------------------------------------
+
+// The vector's values as a NumPy array that owns them, without a copy.
+template <typename T>
+py::array owning_array(std::vector<T>&& values, const py::dtype& dtype, size_t width = 1) {
+  auto* owner = new std::vector<T>(std::move(values));
+  py::capsule free(owner, [](void* data) { delete static_cast<std::vector<T>*>(data); });
+  const auto rows = static_cast<py::ssize_t>(owner->size() / width);
+  if (width == 1) return py::array(dtype, {rows}, {static_cast<py::ssize_t>(sizeof(T))}, owner->data(), free);
+  return py::array(dtype, {rows, static_cast<py::ssize_t>(width)},
+                   {static_cast<py::ssize_t>(sizeof(T) * width), static_cast<py::ssize_t>(sizeof(T))},
+                   owner->data(), free);
+}
+
+py::dict table_dict(columns::Table& table) {
+  using columns::Column;
+  py::dict out;
+  const auto offsets = [&out](const std::string& key, Column& c) {
+    out[py::str(key + "_offsets")] = owning_array(std::move(c.offsets), py::dtype::of<int32_t>());
+  };
+  for (auto& entry : table.columns()) {
+    const std::string key = entry.first;
+    Column& c = *entry.second;
+    switch (c.type) {
+      case Column::kU64: out[py::str(key)] = owning_array(std::move(c.u64), py::dtype::of<uint64_t>()); break;
+      case Column::kI64: out[py::str(key)] = owning_array(std::move(c.i64), py::dtype::of<int64_t>()); break;
+      case Column::kFlag: out[py::str(key)] = owning_array(std::move(c.u8), py::dtype::of<bool>()); break;
+      case Column::kLabel: {
+        out[py::str(key)] = owning_array(std::move(c.u8), py::dtype::of<uint8_t>());
+        py::tuple labels(c.labels.size());
+        for (size_t i = 0; i < c.labels.size(); ++i) labels[i] = py::str(c.labels[i]);
+        out[py::str(key + "_labels")] = labels;
+        break;
+      }
+      case Column::kBytes:
+        out[py::str(key)] = owning_array(std::move(c.u8), py::dtype::of<uint8_t>());
+        offsets(key, c);
+        break;
+      case Column::kU64s:
+        out[py::str(key)] = owning_array(std::move(c.u64), py::dtype::of<uint64_t>());
+        offsets(key, c);
+        break;
+      case Column::kTriple: out[py::str(key)] = owning_array(std::move(c.i32), py::dtype::of<int32_t>(), 3); break;
+      case Column::kFrames:
+        out[py::str(key + "_code_id")] = owning_array(std::move(c.u32), py::dtype::of<uint32_t>());
+        out[py::str(key + "_instruction")] = owning_array(std::move(c.u32_2), py::dtype::of<uint32_t>());
+        out[py::str(key + "_entry")] = owning_array(std::move(c.u8), py::dtype::of<bool>());
+        offsets(key, c);
+        break;
+    }
+  }
+  return out;
+}
+
+// Iterates over a capture's records as columns: per group of whole buckets
+// (about kGroupBytes of records), a dict of kind -> {field: array}. Decoding runs
+// with the interpreter lock released.
+class ColumnGroups {
+ public:
+  ColumnGroups(CaptureFile& capture, const py::object& kinds, py::object progress)
+      : m_filter(kinds), m_cursor(capture, std::move(progress)) {}
+
+  py::dict next() {
+    BucketCursor::Busy busy(m_cursor);
+    columns::Group group;
+    uint64_t bytes = 0;
+    std::unique_ptr<ZVKBucketReader> bucket;
+    // Buckets until the group is big enough, or holds a record at all.
+    while ((bytes < kGroupBytes || group.records() == 0) && m_cursor.next(&bucket)) {
+      bytes += bucket->get_uncompressed_size();
+      py::gil_scoped_release unlocked;
+      ZVKRecordReader record;
+      while (bucket->get_next_record(record).ok()) {
+        if (m_filter.keeps(record)) group.add(record);
+      }
+    }
+    if (group.records() == 0) throw py::stop_iteration();
+    py::dict out;
+    for (auto& entry : group.tables()) {
+      entry.second.finish();
+      out[py::str(entry.first)] = table_dict(entry.second);
+    }
+    return out;
+  }
+
+ private:
+  static constexpr uint64_t kGroupBytes = 4 << 20;
+  KindFilter m_filter;
+  BucketCursor m_cursor;
 };
 
 // ---- summarize ------------------------------------------------------------------
@@ -846,7 +805,8 @@ py::object process_dict(const summary::Process& p, const GpuNames& names,
   gpu.object("driver", totals_dict(p.driver, false));
   gpu.object("runtime", totals_dict(p.runtime, false));
   gpu.object("api_calls",
-             named_totals(p.calls, names, cudaevent::kFunctionNameKind, p.pid, "func_name_id"));
+             named_totals(p.calls_by_function(), names, cudaevent::kFunctionNameKind, p.pid,
+                          "func_name_id"));
   d.object("gpu", gpu.done());
 
   // The record helper counts the time producers waited for a free buffer, but
@@ -956,6 +916,100 @@ py::dict summarize(const py::object& paths_argument, py::object progress) {
   return result;
 }
 
+// ---- Ranges over columns ------------------------------------------------------
+
+using Int64s = py::array_t<int64_t, py::array::c_style | py::array::forcecast>;
+using Flags = py::array_t<uint8_t, py::array::c_style | py::array::forcecast>;
+using Int32s = py::array_t<int32_t, py::array::c_style | py::array::forcecast>;
+
+// Keeps the arrays a Rows points into alive; all of one length.
+struct RangeColumns {
+  RangeColumns(Int64s h, Int64s p, Int64s t, Int64s s, Int64s e, Flags d)
+      : host(std::move(h)), pid(std::move(p)), tid(std::move(t)), start(std::move(s)),
+        end(std::move(e)), ended(std::move(d)) {
+    rows.count = static_cast<size_t>(host.size());
+    for (const py::array* column :
+         {static_cast<const py::array*>(&pid), static_cast<const py::array*>(&tid),
+          static_cast<const py::array*>(&start), static_cast<const py::array*>(&end),
+          static_cast<const py::array*>(&ended)}) {
+      if (column->ndim() != 1 || static_cast<size_t>(column->size()) != rows.count) {
+        throw py::value_error("the range columns must be flat and of one length");
+      }
+    }
+    rows.host = host.data();
+    rows.pid = pid.data();
+    rows.tid = tid.data();
+    rows.start = start.data();
+    rows.end = end.data();
+    rows.ended = ended.data();
+  }
+
+  Int64s host, pid, tid, start, end;
+  Flags ended;
+  ranges::Rows rows;
+};
+
+using UInt64s = py::array_t<uint64_t, py::array::c_style | py::array::forcecast>;
+
+py::tuple pair_annotations(UInt64s begin_pid, UInt64s begin_token, UInt64s end_pid,
+                           UInt64s end_token) {
+  const size_t begins = static_cast<size_t>(begin_pid.size());
+  const size_t ends = static_cast<size_t>(end_pid.size());
+  if (static_cast<size_t>(begin_token.size()) != begins ||
+      static_cast<size_t>(end_token.size()) != ends || begin_pid.ndim() != 1 ||
+      end_pid.ndim() != 1) {
+    throw py::value_error("pids and tokens must be flat and of one length");
+  }
+  py::array_t<int64_t> end_of_begin(static_cast<py::ssize_t>(begins));
+  py::array_t<int64_t> begin_of_end(static_cast<py::ssize_t>(ends));
+  int64_t* to_end = end_of_begin.mutable_data();
+  int64_t* to_begin = begin_of_end.mutable_data();
+  {
+    py::gil_scoped_release unlocked;
+    ranges::pair(begin_pid.data(), begin_token.data(), begins, end_pid.data(), end_token.data(),
+                 ends, to_end, to_begin);
+  }
+  return py::make_tuple(end_of_begin, begin_of_end);
+}
+
+py::tuple nest_ranges(Int64s host, Int64s pid, Int64s tid, Int64s start, Int64s end,
+                      Flags ended) {
+  const RangeColumns columns(std::move(host), std::move(pid), std::move(tid), std::move(start),
+                             std::move(end), std::move(ended));
+  py::array_t<int32_t> depth(static_cast<py::ssize_t>(columns.rows.count));
+  py::array_t<int64_t> parent(static_cast<py::ssize_t>(columns.rows.count));
+  int32_t* depths = depth.mutable_data();
+  int64_t* parents = parent.mutable_data();
+  {
+    py::gil_scoped_release unlocked;
+    ranges::nest(columns.rows, depths, parents);
+  }
+  return py::make_tuple(depth, parent);
+}
+
+py::array_t<int64_t> innermost_ranges(Int64s host, Int64s pid, Int64s tid, Int64s start,
+                                      Int64s end, Flags ended, Int32s depth,
+                                      Int64s query_host, Int64s query_pid, Int64s query_tid,
+                                      Int64s query_time, size_t window) {
+  const RangeColumns columns(std::move(host), std::move(pid), std::move(tid), std::move(start),
+                             std::move(end), std::move(ended));
+  const size_t queries = static_cast<size_t>(query_host.size());
+  if (static_cast<size_t>(depth.size()) != columns.rows.count ||
+      static_cast<size_t>(query_pid.size()) != queries ||
+      static_cast<size_t>(query_tid.size()) != queries ||
+      static_cast<size_t>(query_time.size()) != queries) {
+    throw py::value_error("the depths and the query columns must match their rows");
+  }
+  py::array_t<int64_t> found(static_cast<py::ssize_t>(queries));
+  int64_t* out = found.mutable_data();
+  {
+    py::gil_scoped_release unlocked;
+    ranges::innermost(columns.rows, depth.data(), query_host.data(), query_pid.data(),
+                      query_tid.data(), query_time.data(), queries, window, out);
+  }
+  return found;
+}
+
 }  // namespace
 }  // namespace zorvek
 
@@ -963,8 +1017,8 @@ PYBIND11_MODULE(_reader, m) {
   using zorvek::Batches;
   using zorvek::CaptureFile;
   m.doc() =
-      "Zorvek's capture file reader: records decoded in C++, one list of dicts per bucket, "
-      "and the summary's numbers added up in C++.";
+      "Zorvek's capture file reader: records decoded in C++, as one list of dicts per bucket "
+      "or as NumPy columns per kind of record, and the summary's numbers added up in C++.";
 
   py::class_<CaptureFile>(m, "CaptureFile", R"doc(
 A capture file (.zvkraw), opened and its header read.
@@ -1013,10 +1067,43 @@ total)`, in bytes, is called at most five times a second. Damage is skipped and
 noted in `problems`. One iterator is read by one thread at a time: next() while
 another thread's next() is under way raises RuntimeError.
 )doc")
+      .def(
+          "columns",
+          [](CaptureFile& self, const py::object& kinds, py::object progress) {
+            return std::make_unique<zorvek::ColumnGroups>(self, kinds, std::move(progress));
+          },
+          py::arg("kinds") = py::none(), py::arg("progress") = py::none(), py::keep_alive<0, 1>(),
+          R"doc(
+Iterates over the file's records as NumPy columns, with no Python object per
+record: per group of whole buckets (about 4 MB of records, so memory stays
+bounded), a dict of event name ("BEGIN", "STACK", ...) -> that kind's records as
+{field: array}, rows in file order. `kinds`, `progress`, the problems noted
+and the one-thread rule are those of batches().
+
+The fields are those batches() gives each record, kept thus:
+- numbers: one array a field (uint64; int64 for first_line), "decoded" (bool)
+  false where the payload was too short for its kind, whose other payload
+  fields then hold zero;
+- flags ("waiting", "linetable_cut"): bool arrays;
+- names from a fixed set ("hw", "event", "clock", "table"): uint8 codes F into
+  the tuple F_labels;
+- text, file names and bytes ("msg", "qualname", "filename", "name",
+  "linetable", "raw"): the bytes of all rows end to end as uint8 F, and int32
+  F_offsets, one more than the rows, row i being F[F_offsets[i]:F_offsets[i+1]]
+  (Arrow's string layout: StringArray.from_buffers takes them as they are);
+  text is UTF-8 as captured, file names their bytes as mapped;
+- address lists ("chain", "ips", "monotonic_raw", "realtime"): uint64 F and
+  F_offsets, as above (Arrow's list layout);
+- "grid" and "block": int32 arrays of shape (rows, 3);
+- Python frames ("py"), leaf first: py_code_id, py_instruction (uint32),
+  py_entry (bool), and py_offsets.
+)doc")
       .def("__repr__", [](const CaptureFile& self) {
         return "<CaptureFile " + self.path() + " (" + std::to_string(self.file_size()) +
                " bytes)>";
       });
+
+  m.attr("EVENT_NAMES") = zorvek::KindFilter::names();
 
   // The exit statuses of the commands that read captures, the same as zvkdump's.
   m.attr("EXIT_READ_WHOLE") = zorvek::kExitReadWhole;
@@ -1024,6 +1111,10 @@ another thread's next() is under way raises RuntimeError.
   m.attr("EXIT_USAGE") = zorvek::kExitUsage;
   m.attr("EXIT_DAMAGED") = zorvek::kExitDamaged;
   m.attr("EXIT_STATUS_HELP") = zorvek::exit_status_help();
+
+  py::class_<zorvek::ColumnGroups>(m, "ColumnGroups")
+      .def("__iter__", [](zorvek::ColumnGroups& self) -> zorvek::ColumnGroups& { return self; })
+      .def("__next__", &zorvek::ColumnGroups::next);
 
   py::class_<Batches>(m, "Batches")
       .def("__iter__", [](Batches& self) -> Batches& { return self; })
@@ -1045,6 +1136,38 @@ The source line of the instruction at byte `offset` of a code object, from its
 line table (a PYCODE record's "linetable") in the format of the interpreter
 `py_version` (PY_VERSION_HEX, 3.10 and later) and its `first_line`; -1 when the
 instruction has no line or the table doesn't say.
+)doc");
+
+  m.def("pair_annotations", &zorvek::pair_annotations, py::arg("begin_pid"),
+        py::arg("begin_token"), py::arg("end_pid"), py::arg("end_token"),
+        R"doc(
+BEGIN and END records paired by (pid, token), as columns in file order. Returns
+(end_of_begin, begin_of_end): int64, for each begin the index of its end and for
+each end that of its begin, -1 where there is none. A token pairs once: the
+first end of a begun token ends it, and a second begin or end of it stays alone.
+)doc");
+
+  m.def("nest_ranges", &zorvek::nest_ranges, py::arg("host"), py::arg("pid"), py::arg("tid"),
+        py::arg("start"), py::arg("end"), py::arg("ended"),
+        R"doc(
+Lays annotation ranges in each other per thread, in one pass. The columns, of
+one length, are rows sorted by thread (host, pid, tid, as integers), then by
+start, the longer range first where two start together; `ended` (bool) is false
+for a range that never ended (its `end` is then ignored: it holds what follows
+it on its thread). Returns (depth, parent): int32 how many ranges of the thread
+hold each row's start, and int64 the row of the innermost of them, or -1.
+)doc");
+
+  m.def("innermost_ranges", &zorvek::innermost_ranges, py::arg("host"), py::arg("pid"),
+        py::arg("tid"), py::arg("start"), py::arg("end"), py::arg("ended"), py::arg("depth"),
+        py::arg("query_host"), py::arg("query_pid"), py::arg("query_tid"),
+        py::arg("query_time"), py::arg("window") = 64,
+        R"doc(
+For each query (host, pid, tid, time), the row of the deepest ended range of
+that thread open at that time (start <= time <= end), or -1: int64. The rows are
+those given nest_ranges, with the depths it returned. Of a thread's ended ranges
+that start by the time, only the last `window` are looked at; of equally deep
+ones, the later row.
 )doc");
 
   m.def("summarize", &zorvek::summarize, py::arg("paths"), py::arg("progress") = py::none(),

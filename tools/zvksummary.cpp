@@ -1,4 +1,4 @@
-#include "tools/python/zvksummary.h"
+#include "tools/zvksummary.h"
 
 #include <algorithm>
 #include <cmath>
@@ -52,8 +52,12 @@ uint64_t Durations::percentile(double q) const {
     // Every duration is kept while there are no more than kExact of them.
     const size_t kept = static_cast<size_t>(std::min<uint64_t>(m_count, kExact));
     uint64_t sorted[kExact];
-    std::copy(m_exact, m_exact + kept, sorted);
-    std::sort(sorted, sorted + kept);
+    // A handful: an insertion sort, whose bounds the compiler can follow.
+    for (size_t i = 0; i < kept; ++i) {
+      size_t at = i;
+      for (; at > 0 && sorted[at - 1] > m_exact[i]; --at) sorted[at] = sorted[at - 1];
+      sorted[at] = m_exact[i];
+    }
     return sorted[std::min<size_t>(static_cast<size_t>(rank), kept) - 1];
   }
   uint64_t seen = 0;
@@ -66,6 +70,12 @@ uint64_t Durations::percentile(double q) const {
     }
   }
   return m_max;
+}
+
+std::unordered_map<uint32_t, Totals> Process::calls_by_function() const {
+  std::unordered_map<uint32_t, Totals> by_function;
+  for (const auto& call : calls) by_function[call.first.first].merge(call.second);
+  return by_function;
 }
 
 Process& Summarizer::process(uint32_t pid) {
@@ -100,6 +110,7 @@ void Summarizer::add(const ZVKRecordReader& record) {
   DecodedRecord decoded;
   if (!decode_record(record, &decoded)) {
     ++p.undecoded;
+    ++p.undecoded_by_hw[hw];
     return;
   }
   switch (hw) {
@@ -155,8 +166,25 @@ void Summarizer::add_cpu(Process& p, const ZVKRecordReader& record, const Decode
     case DecodedRecord::kCpuSample:
       ++p.samples;
       ++p.samples_by_tid[record.tid()];
+      ++p.samples_by_id[f.sample.id];
       ++p.ips[f.sample.ip];
       break;
+    case DecodedRecord::kCpuStack: {
+      const perfevent::ZVKStackSample& stack = f.stack;
+      Process::Stacks& s = p.stacks;
+      ++s.samples;
+      ++(stack.clock == perfevent::SAMPLE_CLOCK_WALL ? s.wall : s.cpu);
+      if (stack.flags & perfevent::STACK_WAITING) ++s.waiting;
+      if (stack.flags & perfevent::STACK_NATIVE_CUT) ++s.native_cut;
+      if (stack.flags & perfevent::STACK_PYTHON_CUT) ++s.python_cut;
+      s.weight_ns += stack.weight_ns;
+      s.native_frames += stack.native_count;
+      s.python_frames += stack.python_count;
+      ++s.by_tid[record.tid()];
+      break;
+    }
+    case DecodedRecord::kCpuPythonCode: ++p.stacks.codes; break;
+    case DecodedRecord::kCpuApiStack: ++p.stacks.api_stacks; break;
     case DecodedRecord::kCpuLost:
       p.lost += f.lost.lost;
       ++p.lost_records;
@@ -200,7 +228,10 @@ void Summarizer::add_gpu(Process& p, const ZVKRecordReader& record, const Decode
           .add(duration_of(record, f.activity.end));
       break;
     case DecodedRecord::kGpuCall:
-      p.calls[f.call.funcNameId].add(duration_of(record, f.call.end));
+      p.calls[{f.call.funcNameId, f.call.cbid}].add(duration_of(record, f.call.end));
+      break;
+    case DecodedRecord::kGpuName:
+      ++(gpu_kind(record) == cudaevent::kKernelNameKind ? p.kernel_names : p.function_names);
       break;
     default: break;
   }

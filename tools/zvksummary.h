@@ -1,8 +1,9 @@
 #pragma once
 
-// What `zorvek summary` shows, added up record by record in constant memory: the
-// state grows with the number of distinct names, threads, instruction pointers and
-// mappings a capture holds, never with the number of records.
+// What `zorvek summary` and `zvkdump --summary` show, added up record by record in
+// constant memory: the state grows with the number of distinct names, threads,
+// instruction pointers and mappings a capture holds, never with the number of
+// records. The two differ only in how they print it.
 
 #include <array>
 #include <cstddef>
@@ -82,6 +83,7 @@ struct Process {
   uint64_t kinds[16][kCodes] = {};
   std::map<std::pair<uint32_t, uint32_t>, uint64_t> other_kinds;
   uint64_t undecoded = 0;  // payload too short for its kind, or a kind without a format
+  uint64_t undecoded_by_hw[16] = {};
 
   // Annotations. Wall time is first to last annotation record on the system
   // clock; the time marker is left out, since it is written at configure, which
@@ -104,6 +106,7 @@ struct Process {
   // CPU sampling.
   uint64_t samples = 0;
   std::unordered_map<uint32_t, uint64_t> samples_by_tid;
+  std::unordered_map<uint64_t, uint64_t> samples_by_id;  // by the event's format_id
   // Samples by instruction pointer: bounded by the distinct addresses sampled,
   // which code size bounds, not by the length of the capture.
   std::unordered_map<uint64_t, uint64_t> ips;
@@ -116,6 +119,23 @@ struct Process {
   std::set<Mapping> mappings;  // each once, however many workers announced it
   std::map<uint64_t, perfevent::ZVKPerfConfigData> configurations;  // by format_id
 
+  // The stack sampler: its samples by clock and thread, the time they stand for
+  // and their frames; the code objects and the API calls' Python stacks.
+  struct Stacks {
+    uint64_t samples = 0;
+    uint64_t cpu = 0;
+    uint64_t wall = 0;
+    uint64_t waiting = 0;
+    uint64_t native_cut = 0;
+    uint64_t python_cut = 0;
+    uint64_t weight_ns = 0;
+    uint64_t native_frames = 0;
+    uint64_t python_frames = 0;
+    uint64_t codes = 0;
+    uint64_t api_stacks = 0;
+    std::map<uint32_t, uint64_t> by_tid;
+  } stacks;
+
   // GPU tracing, by the ids the records give; names are looked up at the end,
   // when every file's names are known.
   std::unordered_map<uint32_t, Totals> kernels;  // kernel name id ->
@@ -124,7 +144,12 @@ struct Process {
   std::map<uint32_t, Totals> syncs;  // synchronization type ->
   Totals driver;
   Totals runtime;
-  std::unordered_map<uint32_t, Totals> calls;  // function name id ->
+  std::map<std::pair<uint32_t, uint32_t>, Totals> calls;  // (function name id, cbid) ->
+  uint64_t kernel_names = 0;  // KERNEL_NAME records of each table
+  uint64_t function_names = 0;
+
+  // The traced calls by function name id, whatever their cbid.
+  std::unordered_map<uint32_t, Totals> calls_by_function() const;
 };
 
 // Adds up records, file after file.
