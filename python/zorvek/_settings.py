@@ -13,6 +13,8 @@ import re
 import resource
 from typing import Callable, Dict, List, Mapping, Optional, Tuple, Union
 
+from . import _ranks
+
 MiB = 1 << 20
 
 # The buffers take at most this much memory, and at most this share of what the
@@ -200,6 +202,14 @@ def wants_perf_events(overrides: Optional[Mapping[str, Mapping[str, object]]]) -
     return "EventConfigs" in (overrides or {}).get("perf", {})
 
 
+def record_file_name(environ: Optional[Mapping[str, str]] = None) -> str:
+    """The capture files' name pattern: host, pid and start time, so that no two
+    processes' files collide in a shared folder, and the rank where a launcher set
+    one, so that a folder of a job's captures lists by rank."""
+    found = _ranks.detect(environ)
+    return "zorvek_%h_%p_%t" if found is None else "zorvek_%%h_rank%d_%%p_%%t" % found.rank
+
+
 def build_settings(output_dir: str, buffer_mb: Optional[int], sample_hz: Optional[float],
                    gpu: bool, follow_forks: bool,
                    overrides: Optional[Mapping[str, Mapping[str, object]]] = None,
@@ -216,7 +226,7 @@ def build_settings(output_dir: str, buffer_mb: Optional[int], sample_hz: Optiona
     profiler = {
         "BucketCount": str(count),
         "BucketSizeMB": str(size),
-        "RecordFile": os.path.join(output_dir, "zorvek_%h_%p_%t"),
+        "RecordFile": os.path.join(output_dir, record_file_name()),
         "EnableCuda": "1" if gpu else "0",
         "EnablePerf": "1" if perf_on else "0",
         "EnableForkFollow": "1" if follow_forks else "0",

@@ -82,6 +82,13 @@ def test_no_launcher_no_rank():
     assert _ranks.detect({"PATH": "/bin"}) is None
 
 
+def test_capture_names_carry_the_rank_where_a_launcher_set_one():
+    from zorvek import _settings
+    assert _settings.record_file_name({"PATH": "/bin"}) == "zorvek_%h_%p_%t"
+    assert _settings.record_file_name({"RANK": "12"}) == "zorvek_%h_rank12_%p_%t"
+    assert _settings.record_file_name({"SLURM_PROCID": "3"}) == "zorvek_%h_rank3_%p_%t"
+
+
 def test_rank_mark_is_read_back_and_is_a_mark():
     names = _names.Names()
     assert _names.is_mark("zorvek.rank 3 1 8 node7")
@@ -100,6 +107,8 @@ def test_each_capture_names_its_rank_and_views_hide_the_mark(captures):
         assert marks, name
         rank, local, world, host = _names.parse_rank(marks[0])
         assert (local, world) == (rank, 4) and host
+        # The file's name says its rank too, so a shared folder lists by rank.
+        assert name.startswith("zorvek_%s_rank%d_" % (host, rank)), name
         ranks.add(rank)
     assert ranks == {0, 1, 2, 3}
     summary = zorvek("summary", captures)
