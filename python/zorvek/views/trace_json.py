@@ -7,12 +7,10 @@ what the trace says of itself. Gzip-compressed when the name ends in `.gz`."""
 
 from __future__ import annotations
 
-import gzip
 import json
-import os
 from typing import Any, Dict, Optional, Sequence
 
-from .capture import ViewError
+from .output import AtomicFile
 from .sink import TraceSink
 
 
@@ -22,16 +20,8 @@ class JsonTraceWriter(TraceSink):
     def __init__(self, path: str):
         self.path = path
         self.base = 0
-        # Written beside its final name and moved there whole, so that a failed
-        # run leaves no half trace.
-        self.tmp = "%s.tmp%d" % (path, os.getpid())
-        try:
-            if path.endswith(".gz"):
-                self.out = gzip.open(self.tmp, "wt", compresslevel=3, encoding="utf-8")
-            else:
-                self.out = open(self.tmp, "w", encoding="utf-8")
-        except OSError as error:
-            raise ViewError("%s: %s" % (path, error.strerror or error)) from None
+        self.output = AtomicFile(path, gzipped=path.endswith(".gz"))
+        self.out = self.output.file
         self.first = True
         self.async_id = 0
         # Where each flow starts and ends: the middle of the call, the middle of
@@ -72,7 +62,10 @@ class JsonTraceWriter(TraceSink):
         self._event({"ph": "X", "name": name, "cat": category, "pid": pid, "tid": tid,
                      "ts": self._ts(start_ns), "dur": round((end_ns - start_ns) / 1000.0, 3),
                      "args": args})
-        middle = (start_ns + end_ns) // 2
+        self._flows(pid, tid, (start_ns + end_ns) // 2, flows_out, flows_in)
+
+    def _flows(self, pid: int, tid: int, middle: int, flows_out: Sequence[int],
+               flows_in: Sequence[int]) -> None:
         for flow_id in flows_out:
             self._flow_end(flow_id, "s", pid, tid, middle)
         for flow_id in flows_in:
@@ -102,11 +95,7 @@ class JsonTraceWriter(TraceSink):
                      "id": self.async_id, "ts": self._ts(start_ns), "args": args})
         self._event({"ph": "e", "name": name, "cat": category, "pid": pid, "tid": tid,
                      "id": self.async_id, "ts": self._ts(end_ns)})
-        middle = (start_ns + end_ns) // 2
-        for flow_id in flows_out:
-            self._flow_end(flow_id, "s", pid, tid, middle)
-        for flow_id in flows_in:
-            self._flow_end(flow_id, "f", pid, tid, middle)
+        self._flows(pid, tid, (start_ns + end_ns) // 2, flows_out, flows_in)
 
     def instant(self, pid: int, tid: int, ts_ns: int, name: str, category: str) -> None:
         self._event({"ph": "i", "s": "t", "name": name, "cat": category, "pid": pid,
@@ -122,14 +111,7 @@ class JsonTraceWriter(TraceSink):
 
     def finish(self) -> None:
         self.out.write("\n]}\n")
-        self.out.close()
-        os.replace(self.tmp, self.path)
+        self.output.commit()
 
     def abandon(self) -> None:
-        try:
-            self.out.close()
-        finally:
-            try:
-                os.unlink(self.tmp)
-            except OSError:
-                pass
+        self.output.abandon()

@@ -34,13 +34,13 @@ samples and instants carry the system clock's time.
 from __future__ import annotations
 
 import heapq
-import os
 import re
 from typing import Any, Dict, Hashable, List, Optional, Sequence, Tuple
 
 from perfetto.protos.perfetto.trace import perfetto_trace_pb2 as pb
 
 from ..stacks import WAITING
+from .output import AtomicFile
 from .sink import TraceSink
 
 __all__ = ["PerfettoTraceWriter"]
@@ -144,13 +144,8 @@ class PerfettoTraceWriter(TraceSink):
 
     def __init__(self, path: str):
         self.path = path
-        # Written beside its final name and moved there whole, so that a failed
-        # run leaves no half trace.
-        self.tmp = "%s.tmp%d" % (path, os.getpid())
-        try:
-            self.out = open(self.tmp, "wb")
-        except OSError as error:
-            raise OSError(error.errno, error.strerror, path) from None
+        self.output = AtomicFile(path, binary=True)
+        self.out = self.output.file
         self.first = True
         self.slice_clock = 0   # the slice clock's time: the last slice event's
         self.next_uuid = 1
@@ -487,14 +482,7 @@ class PerfettoTraceWriter(TraceSink):
         # In time order across tracks, each track's own order kept (merge is stable).
         for ts, uuid, kind, *rest in heapq.merge(*tracks, key=lambda e: e[0]):
             self._slice_event(uuid, ts, kind, *rest)
-        self.out.close()
-        os.replace(self.tmp, self.path)
+        self.output.commit()
 
     def abandon(self) -> None:
-        try:
-            self.out.close()
-        finally:
-            try:
-                os.unlink(self.tmp)
-            except OSError:
-                pass
+        self.output.abandon()
