@@ -16,6 +16,11 @@ rotated each round, so drift of the machine hits them all alike):
 - py-spy --native: the same with native frames;
 - perf: `perf record -F 1000 -g` (skipped, with a note, where it can't run).
 
+`--ways` runs a subset (shorter rounds, so more of them fit), and each
+`--zorvek-build NAME=DIR` adds a way "zorvek NAME" whose child imports the `_zorv`
+module built in DIR ahead of the installed one: two builds of the sampler measured
+side by side in one run.
+
 Each child imports and warms up first, then waits: the peers attach to it by
 its pid (`--pid`, `-p`) and zorvek starts its capture, and only then is the loop
 run and timed, so interpreter startup, imports (torch's take seconds, and much
@@ -214,12 +219,19 @@ def attach(way, pid, tools, out):
     return peer
 
 
-def run_once(workload, way, size, tools, work_dir, serial, env):
+def is_zorvek(way):
+    return way.split()[0] == "zorvek"
+
+
+def run_once(workload, way, size, tools, work_dir, serial, env, builds):
     run_dir = os.path.join(work_dir, "%s_%d" % (workload, serial))
     os.makedirs(run_dir)
     command = [sys.executable, os.path.abspath(__file__), "--child", workload, "--size", str(size)]
-    if way == "zorvek":
+    if is_zorvek(way):
         command += ["--zorvek-dir", run_dir]
+    if way in builds:
+        env = dict(env, PYTHONPATH=os.pathsep.join(
+            p for p in (builds[way], env.get("PYTHONPATH", "")) if p))
     out = os.path.join(run_dir, "samples")
     usage = resource.getrusage(resource.RUSAGE_CHILDREN)
     began = time.perf_counter()
@@ -227,7 +239,7 @@ def run_once(workload, way, size, tools, work_dir, serial, env):
                             stderr=subprocess.PIPE, text=True, env=env)
     ready = json.loads(proc.stdout.readline() or "{}")
     peer = None
-    if "ready" in ready and way not in ("plain", "zorvek"):
+    if "ready" in ready and way != "plain" and not is_zorvek(way):
         peer = attach(way, ready["ready"], tools, out)
     stdout, stderr = proc.communicate(input="go\n")
     peer_error = ""
@@ -242,7 +254,7 @@ def run_once(workload, way, size, tools, work_dir, serial, env):
         raise RuntimeError("%s %s failed (exit %d): %s %s" % (
             workload, way, proc.returncode, result.get("error", ""), stderr.strip()[-800:]))
     samples = size_bytes = None
-    if way == "zorvek":
+    if is_zorvek(way):
         samples, size_bytes = zorvek_samples(run_dir)
     elif way.startswith("py-spy"):
         samples = py_spy_samples(out)
@@ -281,12 +293,17 @@ def report(workload, ways, runs, rounds):
     for way in ways[1:]:
         print("%-16s" % way + "".join("%+10.2f" % overhead(median(way, k), median("plain", k))
                                       for k, _ in keys))
-    spread = overhead(max(r["loop"] for r in runs["plain"]), min(r["loop"] for r in runs["plain"]))
-    print("plain loop spread (max / min): %.1f %%; smaller overheads are within noise" % spread)
-    samples, size = median("zorvek", "samples"), median("zorvek", "bytes")
-    if samples:
-        print("zorvek capture: %.1f bytes per sample (%d samples, %d bytes, medians)"
-              % (size / samples, samples, size))
+    for key, name in (("loop", "loop"), ("loop_cpu", "loop CPU")):
+        spread = overhead(max(r[key] for r in runs["plain"]), min(r[key] for r in runs["plain"]))
+        print("plain %s spread (max / min): %.1f %%; smaller overheads are within noise"
+              % (name, spread))
+    for way in ways:
+        if not is_zorvek(way):
+            continue
+        samples, size = median(way, "samples"), median(way, "bytes")
+        if samples:
+            print("%s capture: %.1f bytes per sample (%d samples, %d bytes, medians)"
+                  % (way, size / samples, samples, size))
 
 
 def main():
@@ -300,12 +317,28 @@ def main():
     parser.add_argument("--steps", type=int, default=800,
                         help="torch training steps (default: about 1.5 s)")
     parser.add_argument("--workloads", default=",".join(WORKLOADS))
+    parser.add_argument("--ways", default=",".join(WAYS),
+                        help="the ways to run, of %s; plain always runs" % ", ".join(WAYS))
+    parser.add_argument("--zorvek-build", action="append", default=[], metavar="NAME=DIR",
+                        help="also run zorvek with the _zorv module built in DIR (repeatable)")
     args = parser.parse_args()
     if args.child:
         return child(args.child, args.size, args.zorvek_dir)
 
-    tools = {"py-spy": ensure_py_spy(), "perf": ensure_perf()}
-    ways = [w for w in WAYS if tools.get(w.split()[0], True)]
+    builds = {}
+    for build in args.zorvek_build:
+        name, _, folder = build.partition("=")
+        if not name or not glob.glob(os.path.join(folder, "_zorv*.so")):
+            parser.error("--zorvek-build %s: no _zorv module in %r" % (build, folder))
+        builds["zorvek " + name] = os.path.abspath(folder)
+    asked = set(w.strip() for w in args.ways.split(","))
+    unknown = asked - set(WAYS)
+    if unknown:
+        parser.error("unknown ways: %s" % ", ".join(sorted(unknown)))
+    tools = {"py-spy": ensure_py_spy() if asked & {"py-spy", "py-spy --native"} else None,
+             "perf": ensure_perf() if "perf" in asked else None}
+    ways = [w for w in WAYS if (w == "plain" or w in asked) and tools.get(w.split()[0], True)]
+    ways += list(builds)
     workloads = [w for w in args.workloads.split(",") if w]
     if "torch" in workloads and subprocess.run([sys.executable, "-c", "import torch"],
                                                capture_output=True).returncode != 0:
@@ -328,7 +361,7 @@ def main():
                     serial += 1
                     try:
                         run = run_once(workload, way, sizes[workload], tools, work_dir, serial,
-                                       env)
+                                       env, builds)
                     except RuntimeError as exc:
                         print("ERROR: %s" % exc)
                         return 1

@@ -78,6 +78,7 @@ struct FakeFrame {
   uintptr_t code;
   uintptr_t previous;
   uintptr_t instruction;  // a pointer into the bytecode, or an int index (frame objects)
+  uintptr_t function;     // the function object the frame runs
   char owner;
   bool is_entry;
 };
@@ -88,6 +89,15 @@ struct FakeThread {
   uintptr_t frame;
   unsigned long native_id;
   uintptr_t pthread;  // 3.10: the thread's pthread_t, a FakeDescriptor's address
+  uintptr_t datastack_chunk;  // a FakeChunk, 0 for none
+  uintptr_t datastack_top;    // the end of the chunk's used part
+};
+
+// A chunk of the frame stack: frames follow the header side by side.
+struct FakeChunk {
+  uintptr_t previous;
+  size_t size;
+  size_t top;
 };
 
 // The C library's thread descriptor, where only the thread id matters.
@@ -139,6 +149,12 @@ PythonLayout make_layout(Model model, const FakeInterpreter* interpreter) {
   layout.frame_instruction = offsetof(FakeFrame, instruction);
   layout.frame_owner = model == Model::kFrameObjects ? -1 : offsetof(FakeFrame, owner);
   layout.frame_is_entry = model == Model::kEntryFlags ? offsetof(FakeFrame, is_entry) : -1;
+  layout.frame_function = model == Model::kFrameObjects ? -1 : offsetof(FakeFrame, function);
+  layout.thread_datastack_chunk =
+      model == Model::kFrameObjects ? -1 : offsetof(FakeThread, datastack_chunk);
+  layout.thread_datastack_top =
+      model == Model::kFrameObjects ? -1 : offsetof(FakeThread, datastack_top);
+  layout.chunk_data = model == Model::kFrameObjects ? -1 : sizeof(FakeChunk);
   layout.owner_generator = model == Model::kFrameObjects ? -1 : kGenerator;
   layout.owner_cstack = model == Model::kShims ? kCStack : -1;
   layout.code_qualname = offsetof(FakeCode, qualname);
@@ -205,7 +221,13 @@ class FakeMemory {
     code->linetable = bytes({static_cast<uint8_t>(first_line), 1, 2, 3});
     code->first_line = first_line;
     code->first_traceable = first_traceable;
+    functions_[code] = function();
     return code;
+  }
+  // A function object, to run a code: only its address matters.
+  uintptr_t function() { return address_of(allocate(16)); }
+  uintptr_t function_of(const FakeCode* code) {
+    return functions_.count(code) ? functions_[code] : 0;
   }
   // A frame at `instruction` bytes into the code (an index in code units for frame objects).
   FakeFrame* frame(Model model, FakeCode* code, uint32_t instruction, FakeFrame* previous,
@@ -216,6 +238,7 @@ class FakeMemory {
     frame->instruction = model == Model::kFrameObjects
                              ? instruction / 2
                              : address_of(code->bytecode) + instruction;
+    frame->function = function_of(code);
     frame->owner = owner;
     frame->is_entry = is_entry;
     return frame;
@@ -242,6 +265,7 @@ class FakeMemory {
     return blocks_.back().data();
   }
   std::deque<std::vector<uint64_t>> blocks_;
+  std::map<const FakeCode*, uintptr_t> functions_;
 };
 
 // Keeps what the walker announced. Locked: the concurrent test announces from
@@ -551,6 +575,27 @@ TEST_F(TornListTest, AGarbageFramePointerEndsTheStack) {
   EXPECT_EQ((Names{"a", "b"}), names());
 }
 
+TEST_F(TornListTest, AFramePointerAtTheEndOfTheAddressSpaceEndsTheStack) {
+  // Frames without owner and entry fields: read whole, they end on a word, so a
+  // frame at the very end of the address space reaches exactly to its wrap.
+  PythonLayout layout = make_layout(Model::kEntryFlags, &interpreter_);
+  layout.frame_owner = -1;
+  layout.frame_is_entry = -1;
+  layout.owner_generator = -1;
+  ASSERT_EQ(32u, offsetof(FakeFrame, owner));
+  PythonFrameWalker walker(layout, &sink_);
+  for (uintptr_t end : {uintptr_t{32}, uintptr_t{8}}) {
+    f_b_->previous = ~uintptr_t{0} - end + 1;
+    const std::vector<Walked> walked = walk(walker, sink_, thread_);
+    ASSERT_EQ(2u, walked.size());
+    EXPECT_EQ("b", walked[1].name);
+  }
+  // Nothing readable, no chunk copied: the first frame itself.
+  FakeThread* thread = memory_.thread(Model::kEntryFlags, nullptr);
+  reinterpret_cast<FakeCFrame*>(thread->cframe)->current_frame = ~uintptr_t{0} - 31;
+  EXPECT_TRUE(walk(walker, sink_, thread).empty());
+}
+
 TEST_F(TornListTest, AnUnreadableOrForeignCodeEndsTheStack) {
   f_c_->code = address_of(unreadable_);
   EXPECT_EQ((Names{"a", "b"}), names());
@@ -628,17 +673,170 @@ TEST_F(PyFramesTest, AReusedCodeAddressWithOtherStringsGetsANewId) {
   PythonFrameWalker walker(make_layout(model, &interpreter_), &sink_);
   const uint32_t old_id = walk(walker, sink_, thread)[0].id;
 
+  // A code object freed and another made at its address: the function that runs
+  // it is another too, since a function holds its code.
   code->qualname = memory_.ascii("new");
+  frame->function = memory_.function();
   const std::vector<Walked> renamed = walk(walker, sink_, thread);
   EXPECT_NE(old_id, renamed[0].id);
   EXPECT_EQ("new", renamed[0].name);
   EXPECT_EQ(renamed[0].id, walk(walker, sink_, thread)[0].id);
 
   code->first_line = 40;
+  frame->function = memory_.function();
   const std::vector<Walked> moved = walk(walker, sink_, thread);
   EXPECT_NE(renamed[0].id, moved[0].id);
   EXPECT_EQ(40, sink_.code(moved[0].id).first_line);
   EXPECT_EQ(3, sink_.total());
+}
+
+TEST_F(PyFramesTest, ACodeRunByAKnownFunctionIsNamedWithoutReadingIt) {
+  const Model model = Model::kShims;
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void* mapping =
+      mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, mapping);
+  FakeCode* outer = memory_.code("outer", "k.py", 1);
+  FakeCode* inner = static_cast<FakeCode*>(mapping);
+  *inner = *memory_.code("inner", "k.py", 5, 2);
+  FakeFrame* f_outer = memory_.frame(model, outer, 2, memory_.shim(nullptr));
+  FakeFrame* f_inner = memory_.frame(model, inner, 6, f_outer);
+  f_inner->function = memory_.function();
+  FakeThread* thread = memory_.thread(model, f_inner);
+  PythonFrameWalker walker(make_layout(model, &interpreter_), &sink_);
+  const std::vector<Walked> expected = {{"inner", 6, false, 0}, {"outer", 2, true, 0}};
+  const std::vector<Walked> first = walk(walker, sink_, thread);
+  EXPECT_EQ(expected, first);
+
+  // The code object can't be read now: the function the frame runs tells which it is.
+  ASSERT_EQ(0, mprotect(mapping, page, PROT_NONE));
+  const std::vector<Walked> again = walk(walker, sink_, thread);
+  EXPECT_EQ(expected, again);
+  ASSERT_EQ(2u, again.size());
+  EXPECT_EQ(first[0].id, again[0].id);
+  // Its first traceable instruction is known too: a frame before it is left out.
+  f_inner->instruction = address_of(inner->bytecode) + 2;
+  EXPECT_EQ((std::vector<Walked>{{"outer", 2, true, 0}}), walk(walker, sink_, thread));
+  f_inner->instruction = address_of(inner->bytecode) + 6;
+
+  // Run by another function, the code must be read: unreadable, it ends the stack.
+  f_inner->function = memory_.function();
+  EXPECT_TRUE(walk(walker, sink_, thread).empty());
+  ASSERT_EQ(0, mprotect(mapping, page, PROT_READ | PROT_WRITE));
+  EXPECT_EQ(first[0].id, walk(walker, sink_, thread)[0].id);
+  // Read once with it, the code is known with that function too.
+  ASSERT_EQ(0, mprotect(mapping, page, PROT_NONE));
+  EXPECT_EQ(expected, walk(walker, sink_, thread));
+  EXPECT_EQ(2, sink_.total());
+  munmap(mapping, page);
+}
+
+// A thread's frame stack: `depth` frames side by side in one chunk, running codes
+// f0 to f9 in turn, the oldest an entry frame.
+class FrameStackTest : public PyFramesTest {
+ protected:
+  static constexpr Model kModel = Model::kEntryFlags;
+
+  void build(int depth) {
+    depth_ = depth;
+    memory_block_.assign((sizeof(FakeChunk) + depth * sizeof(FakeFrame)) / 8 + 1, 0);
+    chunk_ = reinterpret_cast<FakeChunk*>(memory_block_.data());
+    chunk_->size = memory_block_.size() * 8;
+    frames_ = reinterpret_cast<FakeFrame*>(chunk_ + 1);
+    for (int i = 0; i < 10; ++i) codes_.push_back(memory_.code("f" + std::to_string(i), "s.py", i));
+    FakeFrame* previous = nullptr;
+    for (int i = 0; i < depth; ++i) {
+      frames_[i] = *memory_.frame(kModel, codes_[i % 10], 2 * (i % 50), previous, kThread, i == 0);
+      previous = &frames_[i];
+    }
+    // The newest frame is a generator's, which lives outside the chunk.
+    generator_ = memory_.code("gen", "s.py", 100);
+    thread_ = memory_.thread(kModel, memory_.frame(kModel, generator_, 4, previous, kGenerator));
+    thread_->datastack_chunk = address_of(chunk_);
+    thread_->datastack_top = address_of(frames_ + depth);
+  }
+
+  std::vector<Walked> expected() const {
+    std::vector<Walked> frames = {{"gen", 4, false, 0}};
+    for (int i = depth_ - 1; i >= 0; --i) {
+      frames.push_back(Walked{"f" + std::to_string(i % 10), static_cast<uint32_t>(2 * (i % 50)),
+                              i == 0, 0});
+    }
+    return frames;
+  }
+
+  std::vector<uint64_t> memory_block_;
+  FakeChunk* chunk_ = nullptr;
+  FakeFrame* frames_ = nullptr;
+  std::vector<FakeCode*> codes_;
+  FakeCode* generator_ = nullptr;
+  FakeThread* thread_ = nullptr;
+  int depth_ = 0;
+};
+
+TEST_F(FrameStackTest, FramesInTheChunkAndBeyondWhatIsCopied) {
+  build(480);  // more bytes than one copy takes: the oldest are read frame by frame
+  PythonFrameWalker walker(make_layout(kModel, &interpreter_), &sink_);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(expected(), walk(walker, sink_, thread_, 600));
+}
+
+TEST_F(FrameStackTest, ATornStackTopStillGivesEveryFrame) {
+  build(60);
+  PythonFrameWalker walker(make_layout(kModel, &interpreter_), &sink_);
+  const uintptr_t chunk = address_of(chunk_);
+  const uintptr_t top = address_of(frames_ + depth_);
+  const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  void* unreadable = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, unreadable);
+  const std::vector<std::pair<uintptr_t, uintptr_t>> torn = {
+      {0, top},                                     // no chunk
+      {chunk, 0},                                   // no top
+      {chunk, top + 4},                             // misaligned
+      {chunk, address_of(frames_)},                 // nothing used
+      {chunk, address_of(frames_ + 20)},            // a top below the newest frames
+      {chunk, chunk - 64},                          // below the chunk
+      {address_of(unreadable), top},                // a chunk gone
+      {chunk, address_of(unreadable) + 64},         // a top in memory gone
+      {~uintptr_t{0} - 7, top},                     // a chunk at the end of the address space
+  };
+  for (const auto& fields : torn) {
+    thread_->datastack_chunk = fields.first;
+    thread_->datastack_top = fields.second;
+    EXPECT_EQ(expected(), walk(walker, sink_, thread_)) << std::hex << fields.first << " "
+                                                        << fields.second;
+  }
+  munmap(unreadable, page);
+}
+
+// Changes a frame deep in the stack when a code is announced, in the middle of a walk.
+class ChangingSink final : public PythonCodeSink {
+ public:
+  ChangingSink(RecordingSink* sink, FakeFrame* frame, const FakeFrame& replacement)
+      : sink_(sink), frame_(frame), replacement_(replacement) {}
+  bool on_new_code(const ZVKPythonCode& header, const char* qualname, const char* filename,
+                   const uint8_t* linetable) override {
+    *frame_ = replacement_;
+    return sink_->on_new_code(header, qualname, filename, linetable);
+  }
+
+ private:
+  RecordingSink* const sink_;
+  FakeFrame* const frame_;
+  const FakeFrame replacement_;
+};
+
+TEST_F(FrameStackTest, TheStackInUseIsReadAsItWasWhenTheWalkBegan) {
+  build(100);
+  FakeCode* other = memory_.code("other", "s.py", 200);
+  // Far below the first frames the walk reads, and their neighbours.
+  ChangingSink changing(&sink_, &frames_[10],
+                        *memory_.frame(kModel, other, 20, &frames_[9]));
+  PythonFrameWalker walker(make_layout(kModel, &interpreter_), &changing);
+  const std::vector<Walked> walked = walk(walker, sink_, thread_, 200);
+  EXPECT_EQ(expected(), walked);
+  ASSERT_EQ(101u, walked.size());
+  EXPECT_EQ("f0", walked[90].name);
+  EXPECT_EQ("other", walk(walker, sink_, thread_, 200)[90].name);
 }
 
 TEST_F(PyFramesTest, AFullTableGivesASlotToTheNewCode) {
@@ -746,7 +944,9 @@ TEST_F(PyFramesTest, StringsOfEveryWidthBecomeUtf8) {
   PythonFrameWalker walker(make_layout(model, &interpreter_), &sink_);
   auto name_of = [&](uintptr_t string) {
     code->qualname = string;
-    code->first_line += 1;  // a new fingerprint, so that the code is announced again
+    // Another code at the address, run by another function: announced again.
+    code->first_line += 1;
+    frame->function = memory_.function();
     return walk(walker, sink_, thread)[0].name;
   };
   EXPECT_EQ("caf\xc3\xa9", name_of(memory_.wide({'c', 'a', 'f', 0xe9}, 1)));
@@ -783,6 +983,7 @@ TEST_F(PyFramesTest, LongLineTablesAreKeptOrCutToFitARecord) {
 
   std::vector<uint8_t> huge_table(100000, 0x5a);
   code->linetable = memory_.bytes(huge_table);
+  frame->function = memory_.function();
   seen = sink_.code(walk(walker, sink_, thread)[0].id);
   EXPECT_EQ(perfevent::PYTHON_CODE_LINETABLE_CUT, seen.flags);
   EXPECT_EQ(PythonFrameWalker::kMaxCodePayload - sizeof(ZVKPythonCode) - 6 - 300,

@@ -25,8 +25,12 @@ constexpr size_t kTextChunk = 32;        // characters read at a time when conve
 constexpr size_t kMaxUnicodeHeader = 128;
 constexpr size_t kMaxBytesHeader = 64;   // the most bytes read of a bytes object's header
 constexpr size_t kWindowBelow = 768;     // bytes read below a frame, where its callers may lie
-constexpr size_t kCodeBatch = 8;         // frames whose code objects are read in one system call
+constexpr size_t kCodeBatch = 8;         // code objects read in one system call
 constexpr size_t kCodeBytes = 1024;      // room for a batch's code objects
+constexpr size_t kMaxThreadBlock = 320;  // the most bytes read of a thread state ahead of a walk
+// The newest part of a frame stack copied for a walk: the frames a sample meets
+// are mostly there, a few kilobytes for most programs.
+constexpr size_t kChunkCopyBytes = 16384;
 
 template <typename T>
 T field(const uint8_t* block, int32_t offset) {
@@ -84,13 +88,15 @@ size_t put_utf8(uint32_t c, char* out, size_t room) {
 
 // One frame as a walk gathers it, before its code object is read.
 struct FrameFields {
-  uintptr_t previous;
   uintptr_t code;         // 0 for a shim
+  uintptr_t function;     // the function the frame runs, 0 when unknown
   uintptr_t instruction;  // a pointer, or f_lasti where the layout has no bytecode offset
-  int owner;
+  uint32_t id;            // the code's id where the cache knew it without a read, else 0
+  int32_t first_traceable;  // with `id`: the code's first traceable instruction
+  int8_t owner;
   bool shim;
   bool is_entry;
-  size_t code_read;  // which of the batch's code reads holds its code object
+  uint8_t code_read;  // which of the batch's code reads holds its code object
 };
 
 // The last memory read around a frame: the frame itself and up to `below` bytes
@@ -99,9 +105,17 @@ class FrameWindow {
  public:
   FrameWindow(size_t block, size_t below) : block_(block), below_(below) {}
 
+  // Frames that lie whole in [low, high), of which `bytes` is a copy, are served from it.
+  void use_copy(const uint8_t* bytes, uintptr_t low, uintptr_t high) {
+    copy_ = bytes;
+    copy_low_ = low;
+    copy_high_ = high;
+  }
+
   // The frame's bytes, or nullptr when they can't be read.
   const uint8_t* frame(uintptr_t address) {
-    if (address >= low_ && address - low_ + block_ <= high_ - low_) {
+    if (within(address, copy_low_, copy_high_)) return copy_ + (address - copy_low_);
+    if (within(address, low_, high_)) {
       return buffer_ + (address - base_);
     }
     const size_t below = address > below_ ? below_ : 0;
@@ -119,8 +133,16 @@ class FrameWindow {
   }
 
  private:
+  // Whether a frame at `address` lies whole in [low, high); no sum can wrap.
+  bool within(uintptr_t address, uintptr_t low, uintptr_t high) const {
+    return address >= low && address < high && high - address >= block_;
+  }
+
   const size_t block_;
   const size_t below_;
+  const uint8_t* copy_ = nullptr;
+  uintptr_t copy_low_ = 0;
+  uintptr_t copy_high_ = 0;
   uintptr_t base_ = 0;  // the address buffer_[0] stands for
   uintptr_t low_ = 0;   // the readable bytes: [low_, high_)
   uintptr_t high_ = 0;
@@ -144,6 +166,8 @@ struct PythonFrameWalker::CodeSlot {
   std::atomic<uintptr_t> name{0};
   std::atomic<uintptr_t> filename{0};
   std::atomic<uintptr_t> linetable{0};
+  std::atomic<uintptr_t> function{0};  // the last function seen running it
+  std::atomic<int32_t> first_traceable{0};
 };
 
 // What tells a code object from another that later got its address: its strings
@@ -153,6 +177,45 @@ struct PythonFrameWalker::CodeKey {
   uintptr_t filename;
   uintptr_t linetable;
   int32_t first_line;
+};
+
+// What the cache keeps of a code beside its key: the function a frame ran it in,
+// and its first traceable instruction, so that a frame of the same function needs
+// no read of the code object.
+struct PythonFrameWalker::CodeRun {
+  uintptr_t function;
+  int32_t first_traceable;
+};
+
+// A buffer of the walker's for one walk's copy of a frame stack, claimed for the
+// walk's duration; none when every buffer is taken or the layout has no frame stack.
+class PythonFrameWalker::ChunkCopy {
+ public:
+  explicit ChunkCopy(PythonFrameWalker& walker) : walker_(walker) {
+    if (walker.chunk_buffers_ == nullptr) return;
+    for (int i = 0; i < kChunkBuffers && index_ < 0; ++i) {
+      bool busy = false;
+      if (walker.chunk_busy_[i].compare_exchange_strong(busy, true, std::memory_order_acq_rel)) {
+        index_ = i;
+      }
+    }
+  }
+  ~ChunkCopy() {
+    if (index_ >= 0) walker_.chunk_busy_[index_].store(false, std::memory_order_release);
+  }
+  ChunkCopy(const ChunkCopy&) = delete;
+  ChunkCopy& operator=(const ChunkCopy&) = delete;
+
+  uint8_t* buffer() const {
+    return index_ < 0 ? nullptr : walker_.chunk_buffers_.get() + index_ * kChunkCopyBytes;
+  }
+
+  uintptr_t low = 0;  // the addresses copied: [low, high)
+  uintptr_t high = 0;
+
+ private:
+  PythonFrameWalker& walker_;
+  int index_ = -1;
 };
 
 struct PythonFrameWalker::Scratch {
@@ -172,7 +235,7 @@ PythonFrameWalker::PythonFrameWalker(const PythonLayout& layout, PythonCodeSink*
   const size_t frame_block =
       std::max({end_of(layout.frame_previous, p), end_of(layout.frame_code, p),
                 end_of(layout.frame_instruction, p), end_of(layout.frame_owner, 1),
-                end_of(layout.frame_is_entry, 1)});
+                end_of(layout.frame_is_entry, 1), end_of(layout.frame_function, p)});
   const size_t code_block =
       std::max({end_of(layout.object_type, p), end_of(layout.code_qualname, p),
                 end_of(layout.code_filename, p), end_of(layout.code_linetable, p),
@@ -191,6 +254,21 @@ PythonFrameWalker::PythonFrameWalker(const PythonLayout& layout, PythonCodeSink*
     code_block_ = code_block;
     code_stride_ = (code_block + 7) & ~size_t{7};
     codes_per_batch_ = std::min(kCodeBatch, kCodeBytes / code_stride_);
+    // The frame stack, where frames lie in chunks, is copied through the fields
+    // that hold the current frame and the top of the stack, read together.
+    const int32_t holder = layout.thread_cframe >= 0 ? layout.thread_cframe : layout.thread_frame;
+    if (layout.chunk_data > 0 && layout.code_bytecode >= 0 && layout.thread_datastack_chunk >= 0 &&
+        layout.thread_datastack_top >= 0) {
+      const size_t start = static_cast<size_t>(
+          std::min({layout.thread_datastack_chunk, layout.thread_datastack_top, holder}));
+      const size_t end = std::max({end_of(layout.thread_datastack_chunk, p),
+                                   end_of(layout.thread_datastack_top, p), end_of(holder, p)});
+      if (end - start <= kMaxThreadBlock) {
+        thread_block_start_ = start;
+        thread_block_size_ = end - start;
+        chunk_buffers_.reset(new uint8_t[kChunkBuffers * kChunkCopyBytes]);
+      }
+    }
   }
 }
 
@@ -212,20 +290,89 @@ uintptr_t PythonFrameWalker::current_frame(uintptr_t thread_state) const {
   return frame;
 }
 
+uintptr_t PythonFrameWalker::current_frame_and_chunk(uintptr_t thread_state,
+                                                    ChunkCopy* copy) const {
+  uint8_t state[kMaxThreadBlock];
+  if (!safe_read(state, thread_state + thread_block_start_, thread_block_size_)) return 0;
+  const auto at = [&](int32_t offset) {
+    return pointer_at(state, offset - static_cast<int32_t>(thread_block_start_));
+  };
+  uintptr_t frame = 0;
+  SafeRange reads[2];
+  size_t count = 0;
+  const bool held = layout_.thread_cframe >= 0;
+  if (held) {
+    const uintptr_t holder = at(layout_.thread_cframe);
+    if (holder == 0) return 0;
+    reads[count++] = SafeRange{&frame, holder + layout_.thread_frame, sizeof(frame)};
+  } else {
+    frame = at(layout_.thread_frame);
+  }
+  // The used part of the chunk in use, its newest end where it is too long: a
+  // list torn meanwhile (a chunk pushed or popped) gives bytes that are no frames,
+  // which the walk treats as it treats any memory it reads.
+  const uintptr_t chunk = at(layout_.thread_datastack_chunk);
+  const uintptr_t top = at(layout_.thread_datastack_top);
+  const uintptr_t data = chunk + static_cast<uintptr_t>(layout_.chunk_data);
+  size_t size = 0;
+  if (chunk != 0 && aligned(chunk) && aligned(top) && data > chunk && top > data) {
+    size = static_cast<size_t>(std::min<uintptr_t>(top - data, kChunkCopyBytes));
+    reads[count++] = SafeRange{copy->buffer(), top - size, size};
+  }
+  const size_t read = safe_read_ranges(reads, count);
+  if (held && read == 0) return 0;
+  if (size > 0 && read == count) {
+    copy->low = top - size;
+    copy->high = top;
+  }
+  return frame;
+}
+
+uint32_t PythonFrameWalker::cached_code_id(uintptr_t code, uintptr_t function,
+                                           int32_t* first_traceable) const {
+  if (function == 0) return 0;
+  const uint32_t generation = generation_.load(std::memory_order_acquire);
+  const size_t home = hash_code(code);
+  for (size_t probe = 0; probe < kMaxProbes; ++probe) {
+    const CodeSlot& slot = table_[(home + probe) & slot_mask_];
+    const uintptr_t owner = slot.code.load(std::memory_order_acquire);
+    // Codes take the first free slot from their home on: none lies past a free one.
+    if (owner == 0) return 0;
+    if (owner != code) continue;
+    const uint32_t sequence = slot.sequence.load(std::memory_order_acquire);
+    if (sequence & 1) return 0;
+    const bool still_ours = slot.code.load(std::memory_order_acquire) == code;
+    const uint32_t id = slot.id.load(std::memory_order_acquire);
+    const bool known = slot.function.load(std::memory_order_acquire) == function &&
+                       slot.generation.load(std::memory_order_acquire) == generation;
+    const int32_t traceable = slot.first_traceable.load(std::memory_order_acquire);
+    if (slot.sequence.load(std::memory_order_relaxed) != sequence || !still_ours || !known) {
+      return 0;
+    }
+    *first_traceable = traceable;
+    return id;
+  }
+  return 0;
+}
+
 size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size_t max, bool* cut) {
   if (cut != nullptr) *cut = false;
   if (thread_state == 0 || frame_block_ == 0) return 0;
-  uintptr_t frame = current_frame(thread_state);
+  ChunkCopy copy(*this);
+  uintptr_t frame = copy.buffer() != nullptr ? current_frame_and_chunk(thread_state, &copy)
+                                             : current_frame(thread_state);
   if (frame == 0 || !aligned(frame)) return 0;
   const uintptr_t first_frame = frame;
   // Frames of one evaluation lie side by side below the newest one (3.11 on), so
   // one read of the memory below a frame often holds its callers too.
   FrameWindow window(frame_block_, layout_.code_bytecode < 0 ? 0 : kWindowBelow);
+  if (copy.high > copy.low) window.use_copy(copy.buffer(), copy.low, copy.high);
   const uint8_t* block = window.frame(frame);
   if (block == nullptr) return 0;
 
   const bool has_owner = layout_.frame_owner >= 0;
   const bool shims = layout_.owner_cstack >= 0;
+  const bool has_function = layout_.frame_function >= 0;
   uint16_t emitted_at[kMaxWalkSteps + 1];  // frames emitted before each step
   uintptr_t checkpoint = 0;  // Brent's cycle check: a frame met again ends the walk
   size_t power = 1;
@@ -245,7 +392,7 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
     alignas(8) uint8_t codes[kCodeBytes];
     size_t gathered = 0;
     size_t code_count = 0;
-    while (gathered < codes_per_batch_) {
+    while (gathered < kCodeBatch && code_count < codes_per_batch_) {
       if (steps == kMaxWalkSteps) {
         if (cut != nullptr) *cut = true;
         more = false;
@@ -265,7 +412,7 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
       ++steps;
 
       FrameFields& fields = batch[gathered++];
-      fields.previous = pointer_at(block, layout_.frame_previous);
+      const uintptr_t previous = pointer_at(block, layout_.frame_previous);
       fields.owner = has_owner ? field<char>(block, layout_.frame_owner) : -1;
       fields.shim = shims && fields.owner == layout_.owner_cstack;
       fields.code = fields.shim ? 0 : pointer_at(block, layout_.frame_code);
@@ -275,6 +422,8 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
               : pointer_at(block, layout_.frame_instruction);
       fields.is_entry =
           layout_.frame_is_entry >= 0 && field<uint8_t>(block, layout_.frame_is_entry) != 0;
+      fields.function = has_function && !fields.shim ? pointer_at(block, layout_.frame_function) : 0;
+      fields.id = 0;
       if (!fields.shim) {
         if (fields.code == 0 || !aligned(fields.code)) {
           --gathered;
@@ -282,6 +431,9 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
           more = false;
           break;
         }
+        fields.id = cached_code_id(fields.code, fields.function, &fields.first_traceable);
+      }
+      if (!fields.shim && fields.id == 0) {
         // Recursion meets one code object many times: it is read once a batch.
         fields.code_read = 0;
         while (fields.code_read < code_count && code_reads[fields.code_read].src != fields.code) {
@@ -293,7 +445,6 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
           ++code_count;
         }
       }
-      const uintptr_t previous = fields.previous;
       block = previous != 0 && aligned(previous) ? window.frame(previous) : nullptr;
       if (block == nullptr) {
         more = false;
@@ -322,12 +473,18 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
         pending_incomplete = 0;
         continue;
       }
-      const uint8_t* code_block = codes + fields.code_read * code_stride_;
-      if (fields.code_read >= codes_read ||
-          pointer_at(code_block, layout_.object_type) != layout_.code_type) {
-        more = false;
-        break;
+      const uint8_t* code_block = nullptr;
+      if (fields.id == 0) {
+        code_block = codes + fields.code_read * code_stride_;
+        if (fields.code_read >= codes_read ||
+            pointer_at(code_block, layout_.object_type) != layout_.code_type) {
+          more = false;
+          break;
+        }
       }
+      const auto id_of = [&] {
+        return fields.id != 0 ? fields.id : code_id(fields.code, code_block, fields.function);
+      };
 
       uint32_t instruction = 0;
       bool incomplete = false;
@@ -339,7 +496,9 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
         const intptr_t offset =
             static_cast<intptr_t>(fields.instruction - (fields.code + layout_.code_bytecode));
         if (layout_.code_first_traceable >= 0 && fields.owner != layout_.owner_generator) {
-          const int first_traceable = field<int>(code_block, layout_.code_first_traceable);
+          const int first_traceable = fields.id != 0
+                                          ? fields.first_traceable
+                                          : field<int>(code_block, layout_.code_first_traceable);
           incomplete = offset < 2 * static_cast<intptr_t>(first_traceable);
         }
         instruction = offset <= 0 ? 0u
@@ -355,7 +514,7 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
           instruction = 0;
         } else {
           if (entry) out[n - 1].instruction |= kPythonFrameEntry;
-          if (shims && !group_open) pending_incomplete = code_id(fields.code, code_block);
+          if (shims && !group_open) pending_incomplete = id_of();
           group_open = group_open && !entry;
           continue;
         }
@@ -366,7 +525,7 @@ size_t PythonFrameWalker::walk(uintptr_t thread_state, ZVKPythonFrame* out, size
         more = false;
         break;
       }
-      const uint32_t id = code_id(fields.code, code_block);
+      const uint32_t id = id_of();
       out[n++] = ZVKPythonFrame{id, instruction | (entry ? kPythonFrameEntry : 0u)};
       group_open = !entry;
       pending_incomplete = 0;
@@ -415,11 +574,15 @@ uint32_t PythonFrameWalker::fresh_id() {
   return id;
 }
 
-uint32_t PythonFrameWalker::code_id(uintptr_t code, const uint8_t* code_block) {
+uint32_t PythonFrameWalker::code_id(uintptr_t code, const uint8_t* code_block,
+                                    uintptr_t function) {
   const CodeKey key{pointer_at(code_block, layout_.code_qualname),
                     pointer_at(code_block, layout_.code_filename),
                     pointer_at(code_block, layout_.code_linetable),
                     field<int32_t>(code_block, layout_.code_first_line)};
+  const CodeRun run{function, layout_.code_first_traceable >= 0
+                                  ? field<int32_t>(code_block, layout_.code_first_traceable)
+                                  : 0};
   const uint32_t generation = generation_.load(std::memory_order_acquire);
   const size_t home = hash_code(code);
   for (size_t probe = 0; probe < kMaxProbes; ++probe) {
@@ -444,8 +607,13 @@ uint32_t PythonFrameWalker::code_id(uintptr_t code, const uint8_t* code_block) {
     if (slot.sequence.load(std::memory_order_relaxed) != sequence || !still_ours) {
       return announce(key, 0).id;
     }
-    if (same && id != 0 && cached_generation == generation) return id;
-    return fill(slot, sequence, code, key, same ? id : 0, generation);
+    if (same && id != 0 && cached_generation == generation) {
+      if (function != 0 && slot.function.load(std::memory_order_relaxed) != function) {
+        remember_function(slot, sequence, function);
+      }
+      return id;
+    }
+    return fill(slot, sequence, code, key, run, same ? id : 0, generation);
   }
   // Every slot near its home holds another code: one of them gives its slot up,
   // and gets a new id when it comes back.
@@ -453,11 +621,12 @@ uint32_t PythonFrameWalker::code_id(uintptr_t code, const uint8_t* code_block) {
       table_[(home + evictions_.fetch_add(1, std::memory_order_relaxed) % kMaxProbes) & slot_mask_];
   const uint32_t sequence = victim.sequence.load(std::memory_order_acquire);
   if (sequence & 1) return announce(key, 0).id;
-  return fill(victim, sequence, code, key, 0, generation);
+  return fill(victim, sequence, code, key, run, 0, generation);
 }
 
 uint32_t PythonFrameWalker::fill(CodeSlot& slot, uint32_t sequence, uintptr_t code,
-                                 const CodeKey& key, uint32_t id, uint32_t generation) {
+                                 const CodeKey& key, const CodeRun& run, uint32_t id,
+                                 uint32_t generation) {
   // Announced before it is published, so that no sample names an id whose code
   // record might come after it. A refused announcement keeps the id, unannounced,
   // for the next walk to try again.
@@ -471,9 +640,19 @@ uint32_t PythonFrameWalker::fill(CodeSlot& slot, uint32_t sequence, uintptr_t co
     slot.filename.store(key.filename, std::memory_order_release);
     slot.linetable.store(key.linetable, std::memory_order_release);
     slot.first_line.store(key.first_line, std::memory_order_release);
+    slot.function.store(run.function, std::memory_order_release);
+    slot.first_traceable.store(run.first_traceable, std::memory_order_release);
     slot.sequence.store(sequence + 2, std::memory_order_release);
   }
   return announced.id;
+}
+
+void PythonFrameWalker::remember_function(CodeSlot& slot, uint32_t sequence, uintptr_t function) {
+  uint32_t expected = sequence;
+  if (slot.sequence.compare_exchange_strong(expected, sequence + 1, std::memory_order_acq_rel)) {
+    slot.function.store(function, std::memory_order_release);
+    slot.sequence.store(sequence + 2, std::memory_order_release);
+  }
 }
 
 PythonFrameWalker::Announced PythonFrameWalker::announce(const CodeKey& key, uint32_t id) {

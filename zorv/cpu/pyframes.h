@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "zorv/cpu/pythonlayout.h"
-#include "zorv/cpu/zvksampleevents.h"
+#include "zorv/format/stack.h"
 
 namespace zorvek {
 
@@ -63,20 +63,36 @@ class PythonFrameWalker {
  private:
   struct CodeSlot;
   struct CodeKey;
+  struct CodeRun;
   struct Scratch;
   struct Announced {
     uint32_t id;
     bool recorded;  // the sink took it
   };
 
+  class ChunkCopy;
+
   uintptr_t current_frame(uintptr_t thread_state) const;
+  // The current frame, as current_frame gives it, read with the newest part of the
+  // thread's frame stack, which `copy` then holds: two system calls, where reading
+  // frame after frame takes one for every few frames. 0 when unreadable.
+  uintptr_t current_frame_and_chunk(uintptr_t thread_state, ChunkCopy* copy) const;
+  // The id of `code` where a walk met it run by `function` before, with nothing
+  // else cached at that address since, so that the code object needn't be read;
+  // 0 otherwise. A function holds its code: another code made at a freed code's
+  // address comes with another function, unless both addresses were reused at once.
+  uint32_t cached_code_id(uintptr_t code, uintptr_t function, int32_t* first_traceable) const;
   // The kernel's id of a thread state's thread, from its pthread_t (3.10); -1 when unknown.
   int32_t pthread_thread_id(uintptr_t state) const;
-  uint32_t code_id(uintptr_t code, const uint8_t* code_block);
+  // `function`, the function the frame runs (0 when unknown), is cached with the
+  // code for cached_code_id.
+  uint32_t code_id(uintptr_t code, const uint8_t* code_block, uintptr_t function);
   // Announces the code and caches it in `slot`, whose sequence was `sequence`,
   // unless another writer came first.
   uint32_t fill(CodeSlot& slot, uint32_t sequence, uintptr_t code, const CodeKey& key,
-                uint32_t id, uint32_t generation);
+                const CodeRun& run, uint32_t id, uint32_t generation);
+  // Caches `function` as the one that runs the code of `slot`, unless another writer came first.
+  static void remember_function(CodeSlot& slot, uint32_t sequence, uintptr_t function);
   // `id`, or a fresh one when 0.
   Announced announce(const CodeKey& key, uint32_t id);
   size_t read_text(uintptr_t object, char* out) const;
@@ -93,7 +109,10 @@ class PythonFrameWalker {
   size_t frame_block_ = 0;     // bytes read of each frame, 0 when the layout is unusable
   size_t code_block_ = 0;      // bytes read of each code object
   size_t code_stride_ = 0;     // code_block_, rounded up to keep the batch's reads aligned
-  size_t codes_per_batch_ = 0; // frames gathered before their code objects are read
+  size_t codes_per_batch_ = 0; // code objects gathered before they are read
+  // The part of a thread state read ahead of a walk on a frame stack: [start, start + size).
+  size_t thread_block_start_ = 0;
+  size_t thread_block_size_ = 0;  // 0: no frame stack to copy (3.10)
   std::atomic<uint32_t> generation_{1};
   std::atomic<uint32_t> evictions_{0};
   // An announcement's strings and line table, off the signal handler's stack;
@@ -101,6 +120,11 @@ class PythonFrameWalker {
   static constexpr int kScratchBuffers = 8;
   std::unique_ptr<Scratch[]> scratch_;
   std::atomic<bool> scratch_busy_[kScratchBuffers] = {};
+  // Copies of the newest part of a frame stack, one for each walk under way; a
+  // walk that finds none free reads frame by frame.
+  static constexpr int kChunkBuffers = 16;
+  std::unique_ptr<uint8_t[]> chunk_buffers_;
+  std::atomic<bool> chunk_busy_[kChunkBuffers] = {};
 };
 
 }  // namespace zorvek

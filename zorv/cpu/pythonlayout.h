@@ -48,12 +48,21 @@ struct PythonLayout {
   // storage lookup, safe in a signal handler.
   void* (*this_thread_state)(void);
 
+  // The thread's frame stack (3.11 on), where its frames lie side by side in chunks:
+  // the chunk in use and the top of its used part (tstate->datastack_chunk,
+  // datastack_top), and where a chunk's frames begin (offsetof _PyStackChunk data).
+  // chunk_data <= 0 where there are none (3.10).
+  int32_t thread_datastack_chunk;
+  int32_t thread_datastack_top;
+  int32_t chunk_data;
+
   // Frames: a PyFrameObject (3.10) or a _PyInterpreterFrame (3.11 on).
   int32_t frame_previous;     // f_back / previous
   int32_t frame_code;         // f_code / f_executable
   int32_t frame_instruction;  // f_lasti (an int) / prev_instr / instr_ptr (pointers)
   int32_t frame_owner;        // a char; -1 before 3.11
   int32_t frame_is_entry;     // a bool; 3.11 only
+  int32_t frame_function;     // f_func / f_funcobj, the function the frame runs; -1 in 3.10
   int32_t owner_generator;    // owner values; -1 where absent
   int32_t owner_cstack;
 

@@ -45,6 +45,11 @@ _Static_assert(FIELD_SIZE(_PyInterpreterFrame, previous) == sizeof(void*), "prev
 _Static_assert(FIELD_SIZE(_PyInterpreterFrame, owner) == 1, "owner is a char");
 _Static_assert(FIELD_SIZE(PyThreadState, native_thread_id) == sizeof(unsigned long),
                "native_thread_id is an unsigned long");
+_Static_assert(FIELD_SIZE(PyThreadState, datastack_chunk) == sizeof(void*),
+               "datastack_chunk is a pointer");
+_Static_assert(FIELD_SIZE(PyThreadState, datastack_top) == sizeof(void*),
+               "datastack_top is a pointer");
+_Static_assert(offsetof(_PyStackChunk, data) > 0, "a chunk's frames follow its header");
 #else
 _Static_assert(FIELD_SIZE(PyCodeObject, co_name) == sizeof(void*), "co_name is a pointer");
 _Static_assert(FIELD_SIZE(PyFrameObject, f_back) == sizeof(void*), "f_back is a pointer");
@@ -65,6 +70,12 @@ _Static_assert(FIELD_SIZE(_PyInterpreterFrame, prev_instr) == sizeof(void*),
                "prev_instr is a pointer");
 _Static_assert(FIELD_SIZE(_PyCFrame, current_frame) == sizeof(void*), "current_frame is a pointer");
 _Static_assert(FIELD_SIZE(PyThreadState, cframe) == sizeof(void*), "cframe is a pointer");
+#endif
+#if PY_VERSION_HEX >= 0x030c0000
+_Static_assert(FIELD_SIZE(_PyInterpreterFrame, f_funcobj) == sizeof(void*),
+               "f_funcobj is a pointer");
+#elif PY_VERSION_HEX >= 0x030b0000
+_Static_assert(FIELD_SIZE(_PyInterpreterFrame, f_func) == sizeof(void*), "f_func is a pointer");
 #endif
 #if PY_VERSION_HEX >= 0x030b0000 && PY_VERSION_HEX < 0x030c0000
 _Static_assert(FIELD_SIZE(_PyInterpreterFrame, is_entry) == 1, "is_entry is a bool");
@@ -111,6 +122,8 @@ static int check_debug_offsets(const struct PythonLayout* layout, char* mismatch
       {"thread_state.current_frame", published->thread_state.current_frame, layout->thread_frame},
       {"thread_state.native_thread_id", published->thread_state.native_thread_id,
        layout->thread_native_id},
+      {"thread_state.datastack_chunk", published->thread_state.datastack_chunk,
+       layout->thread_datastack_chunk},
       {"interpreter_frame.previous", published->interpreter_frame.previous, layout->frame_previous},
       {"interpreter_frame.executable", published->interpreter_frame.executable, layout->frame_code},
       {"interpreter_frame.instr_ptr", published->interpreter_frame.instr_ptr,
@@ -174,6 +187,9 @@ int zorv_fill_python_layout(struct PythonLayout* layout, char* mismatch, size_t 
   layout->code_qualname = offsetof(PyCodeObject, co_qualname);
   layout->code_bytecode = offsetof(PyCodeObject, co_code_adaptive);
   layout->code_first_traceable = offsetof(PyCodeObject, _co_firsttraceable);
+  layout->thread_datastack_chunk = offsetof(PyThreadState, datastack_chunk);
+  layout->thread_datastack_top = offsetof(PyThreadState, datastack_top);
+  layout->chunk_data = offsetof(_PyStackChunk, data);
 #else
   layout->thread_native_id = -1;
   layout->thread_pthread = offsetof(PyThreadState, thread_id);
@@ -191,6 +207,10 @@ int zorv_fill_python_layout(struct PythonLayout* layout, char* mismatch, size_t 
   layout->code_qualname = offsetof(PyCodeObject, co_name);
   layout->code_bytecode = -1;
   layout->code_first_traceable = -1;
+  layout->thread_datastack_chunk = -1;
+  layout->thread_datastack_top = -1;
+  layout->chunk_data = -1;
+  layout->frame_function = -1;
 #endif
 
 #if PY_VERSION_HEX >= 0x030d0000
@@ -198,11 +218,17 @@ int zorv_fill_python_layout(struct PythonLayout* layout, char* mismatch, size_t 
   layout->thread_cframe = -1;
   layout->frame_code = offsetof(_PyInterpreterFrame, f_executable);
   layout->frame_instruction = offsetof(_PyInterpreterFrame, instr_ptr);
+  layout->frame_function = offsetof(_PyInterpreterFrame, f_funcobj);
 #elif PY_VERSION_HEX >= 0x030b0000
   layout->thread_frame = offsetof(_PyCFrame, current_frame);
   layout->thread_cframe = offsetof(PyThreadState, cframe);
   layout->frame_code = offsetof(_PyInterpreterFrame, f_code);
   layout->frame_instruction = offsetof(_PyInterpreterFrame, prev_instr);
+#if PY_VERSION_HEX >= 0x030c0000
+  layout->frame_function = offsetof(_PyInterpreterFrame, f_funcobj);
+#else
+  layout->frame_function = offsetof(_PyInterpreterFrame, f_func);
+#endif
 #endif
 
 #if PY_VERSION_HEX >= 0x030b0000 && PY_VERSION_HEX < 0x030c0000
