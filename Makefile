@@ -93,6 +93,8 @@ bench: build
 	$(PYTHON) bench/bench_training_overhead.py
 	@dpkg -s linux-perf >/dev/null 2>&1 || apt-get install -y -qq linux-perf >/dev/null || true; $(PYTHON) bench/bench_sampling_overhead.py
 	$(PYTHON) bench/bench_python_sampling.py
+	./build/dev/bench/bench_safe_read
+	$(PYTHON) bench/bench_export.py
 
 clean:
 	rm -rf build
