@@ -76,14 +76,20 @@ def inflate_all(paths):
     return time.perf_counter() - began, compressed, uncompressed
 
 
-def export(paths, jobs: int, out: str) -> float:
+def export(paths, jobs: int, out: str):
+    """Seconds for the whole export, and for its steps: reading the files into
+    parts, combining them into tables, writing the Parquet files."""
     from zorvek import _tables
     from zorvek.export import write_parquet
 
     began = time.perf_counter()
-    combined = _tables.combine(_tables.run_parts(paths, jobs=jobs))
+    parts = _tables.run_parts(paths, jobs=jobs)
+    read = time.perf_counter()
+    combined = _tables.combine(parts)
+    combine = time.perf_counter()
     write_parquet(combined.tables, out)
-    return time.perf_counter() - began
+    ended = time.perf_counter()
+    return ended - began, (read - began, combine - read, ended - combine)
 
 
 def main() -> int:
@@ -101,8 +107,9 @@ def main() -> int:
     print("captures: %d files, %.1f MB compressed, %.1f MB of records" % (
         len(paths), compressed / 1e6, uncompressed / 1e6))
     print("zlib inflate alone:    %7.2f s" % inflate_s)
-    print("export, 1 process:     %7.2f s  (%.1fx inflate)" % (one, one / inflate_s))
-    print("export, 2 processes:   %7.2f s  (%.1fx inflate)" % (two, two / inflate_s))
+    for label, (seconds, steps) in (("1 process:  ", one), ("2 processes:", two)):
+        print("export, %s   %7.2f s  (%.1fx inflate; read %.2f s, combine %.2f s, write %.2f s)"
+              % ((label, seconds, seconds / inflate_s) + steps))
     return 0
 
 

@@ -75,11 +75,11 @@ def _columns(table: str) -> Dict[str, list]:
 
 
 def read_file(path: str) -> Dict[str, Any]:
-    """One capture file's part of the tables: plain lists, cheap to send between
-    processes. A file that can't be read at all comes back with "error" set."""
-    from .stacks import stack_key
+    """One capture file's part of the tables: plain lists and NumPy columns,
+    cheap to send between processes, from one pass over the file. A file that
+    can't be read at all comes back with "error" set."""
     from .views.capture import Progress, Reading, ViewError
-    from .views.samples import build_symbolizer, name_stacks, sample_frames
+    from .views.samples import build_symbolizer
     from .views.survey import Survey
 
     part: Dict[str, Any] = {"path": path, "error": None, "problems": [], "unfinished": "",
@@ -88,19 +88,10 @@ def read_file(path: str) -> Dict[str, Any]:
         part["bytes"] = os.path.getsize(path)
     except OSError:
         part["bytes"] = 0
-    samples: List[tuple] = []  # the kernel's: (pid, tid, perf time, cpu, chain key)
-    stack_samples: List[tuple] = []  # the stack sampler's: (pid, tid, time, clock, stack key)
+    samples = _SampleParts()
     try:
         reading = Reading([path], Progress("zorvek export", False))
-        annotations = _Annotations(reading.captures[0])
-        survey = Survey(
-            _RangesApart(reading, annotations),
-            on_sample=lambda _i, rec: samples.append(
-                (rec["pid"], rec["tid"], rec["timestamp"], rec.get("device"), sample_frames(rec))),
-            on_stack=lambda _i, rec: stack_samples.append(
-                (rec["pid"], rec["tid"], rec["timestamp"], rec.get("clock") or "cpu",
-                 stack_key(rec))))
-        annotations.seen_by(survey)
+        survey = Survey(reading, on_samples=samples.add)
         survey.run()
     except (ViewError, OSError, ValueError) as error:
         part["error"] = str(error)
@@ -122,123 +113,38 @@ def read_file(path: str) -> Dict[str, Any]:
     part["last_ns"] = dict(survey.last_real)
 
     # Ranges: whole ones, and the halves whose other half may be in another file.
-    part["ranges"], part["open_begins"], part["early_ends"] = annotations.ranges(survey)
-    part["samples"] = _samples(survey, samples, stack_samples, build_symbolizer, name_stacks, part)
+    part["ranges"], part["open_begins"], part["early_ends"] = _part_ranges(survey.annotations)
+    part["samples"] = samples.columns(survey, build_symbolizer, part)
     _gpu(survey, part)
     return part
 
 
-# The marks zorvek itself leaves in annotations (names, ranks, clock syncs,
-# producer stalls) all start so; the survey reads those one by one.
-_OWN_MARK = "zorvek."
+def _part_ranges(annotations):
+    """The file's whole ranges as a table (name, pid, tid, start_ns, end_ns,
+    end_tid), the begins whose end the file lacks (pid, token, tid, start, name)
+    and the ends whose begin it lacks (pid, token, tid, ts)."""
+    import pyarrow as pa
 
-
-class _Annotations:
-    """A file's BEGIN and END records, read as columns in one pass and paired by
-    (pid, token) in C++. The few that the survey must see one by one (zorvek's own
-    marks, and the ends of their tokens) are handed to it as records; the ranges
-    of all others are made here as columns."""
-
-    def __init__(self, capture):
-        import numpy as np
-        import pyarrow as pa
-        import pyarrow.compute as pc
-
-        from ._reader import pair_annotations
-
-        chunks: Dict[str, Dict[str, list]] = {
-            "BEGIN": {"pid": [], "tid": [], "ts": [], "token": []},
-            "END": {"pid": [], "tid": [], "ts": [], "token": []}}
-        msgs = []
-        for group in capture.columns(kinds=["BEGIN", "END"]):
-            for kind, columns in chunks.items():
-                table = group.get(kind)
-                if table is None:
-                    continue
-                whole = table["decoded"]
-                for key, field in (("pid", "pid"), ("tid", "tid"), ("ts", "timestamp"),
-                                   ("token", "token")):
-                    columns[key].append(table[field][whole])
-                if kind == "BEGIN":
-                    msgs.append(_texts(table, "msg").filter(pa.array(whole)))
-
-        def joined(columns):
-            return {key: (np.concatenate(parts) if parts else np.zeros(0, np.uint64)).astype(
-                np.int64 if key == "ts" else np.uint64, copy=False)
-                for key, parts in columns.items()}
-
-        self.begins, self.ends = joined(chunks["BEGIN"]), joined(chunks["END"])
-        self.msg = pa.chunked_array(msgs, pa.string()).combine_chunks()
-        self.own = np.asarray(pc.starts_with(self.msg, _OWN_MARK).fill_null(False), bool)
-        self.end_of_begin, self.begin_of_end = pair_annotations(
-            self.begins["pid"], self.begins["token"], self.ends["pid"], self.ends["token"])
-        ended = self.begin_of_end >= 0
-        self.own_end = np.zeros(len(self.begin_of_end), bool)
-        self.own_end[ended] = self.own[self.begin_of_end[ended]]
-
-    def own_records(self) -> List[dict]:
-        """zorvek's own marks and their ends as record dicts, in time order."""
-        b, e = self.begins, self.ends
-        records = [{"timestamp": ts, "hw": "ANNOTATION", "event": "BEGIN", "pid": pid,
-                    "tid": tid, "device": 0, "token": token, "msg": msg}
-                   for pid, tid, ts, token, msg in zip(
-                       *(b[key][self.own].tolist() for key in ("pid", "tid", "ts", "token")),
-                       self.msg.filter(self.own).to_pylist())]
-        records += [{"timestamp": ts, "hw": "ANNOTATION", "event": "END", "pid": pid,
-                     "tid": tid, "device": 0, "token": token}
-                    for pid, tid, ts, token in zip(*(e[key][self.own_end].tolist() for key in (
-                        "pid", "tid", "ts", "token")))]
-        records.sort(key=lambda r: (r["timestamp"], r["event"] == "END"))
-        return records
-
-    def seen_by(self, survey) -> None:
-        """What the survey learns from every annotation but the time marker: the
-        span of the system clock, each thread's first and last annotation, the
-        threads and last moment of each process."""
-        import numpy as np
-        import pyarrow as pa
-
-        both = pa.table({key: np.concatenate([self.begins[key], self.ends[key]])
-                         for key in ("pid", "tid", "ts")})
-        if not both.num_rows:
-            return
-        spans = both.group_by(["pid", "tid"]).aggregate([("ts", "min"), ("ts", "max")])
-        for pid, tid, first, last in zip(*(spans[key].to_pylist() for key in (
-                "pid", "tid", "ts_min", "ts_max"))):
-            survey.see_thread_span(0, pid, tid, first, last)
-
-    def ranges(self, survey):
-        """The file's whole ranges as a table (name, pid, tid, start_ns, end_ns,
-        end_tid), the begins whose end the file lacks (pid, token, tid, start,
-        name) and the ends whose begin it lacks (pid, token, tid, ts)."""
-        import pyarrow as pa
-
-        own: Dict[str, list] = {key: [] for key in _PART_RANGES}
-        open_begins: List[tuple] = []
-        for pid, tid, start, end, msg, token, unfinished, end_tid in survey.ranges:
-            if unfinished:
-                open_begins.append((pid, token, tid, start, msg))
-                continue
-            for key, value in zip(_PART_RANGES, (msg, pid, tid, start, end, end_tid)):
-                own[key].append(value)
-        b, e = self.begins, self.ends
-        others = ~self.own
-        whole = others & (self.end_of_begin >= 0)
-        to_end = self.end_of_begin[whole]
-        mask = pa.array(whole)
-        table = pa.concat_tables([
-            pa.table(own, schema=_part_ranges_schema()),
-            pa.Table.from_arrays([
-                self.msg.filter(mask), pa.array(b["pid"][whole].astype("int64")),
-                pa.array(b["tid"][whole].astype("int64")), pa.array(b["ts"][whole]),
-                pa.array(e["ts"][to_end]), pa.array(e["tid"][to_end].astype("int64"))],
-                schema=_part_ranges_schema())])
-        begun = others & (self.end_of_begin < 0)
-        open_begins.extend(zip(*(b[key][begun].tolist() for key in ("pid", "token", "tid", "ts")),
-                               self.msg.filter(pa.array(begun)).to_pylist()))
-        alone = self.begin_of_end < 0
-        early_ends = list(zip(*(e[key][alone].tolist() for key in ("pid", "token", "tid", "ts"))))
-        return table, open_begins, early_ends
+    b, e = annotations.begins, annotations.ends
+    whole, opened, lone = annotations.whole, annotations.open, annotations.lone
+    ends = annotations.end_of_begin[whole]
+    msg = pa.LargeStringArray.from_buffers(
+        len(annotations.msg_offsets) - 1, pa.py_buffer(annotations.msg_offsets),
+        pa.py_buffer(annotations.msg))
+    try:
+        msg.validate(full=True)
+        names = msg.take(pa.array(whole, pa.int64())).cast(pa.string())
+    except pa.ArrowInvalid:
+        # Bytes that aren't UTF-8 show as U+FFFD, as the survey's names give them.
+        names = pa.array(annotations.names(whole), pa.string())
+    table = pa.Table.from_arrays([
+        names, pa.array(b["pid"][whole].view("int64")), pa.array(b["tid"][whole].view("int64")),
+        pa.array(b["ts"][whole]), pa.array(e["ts"][ends]), pa.array(e["tid"][ends].view("int64"))],
+        schema=_part_ranges_schema())
+    open_begins = list(zip(*(b[key][opened].tolist() for key in ("pid", "token", "tid", "ts")),
+                           annotations.names(opened)))
+    early_ends = list(zip(*(e[key][lone].tolist() for key in ("pid", "token", "tid", "ts"))))
+    return table, open_begins, early_ends
 
 
 # A part's whole ranges: its columns, in order.
@@ -251,99 +157,103 @@ def _part_ranges_schema():
     return pa.schema([("name", pa.string())] + [(key, pa.int64()) for key in _PART_RANGES[1:]])
 
 
-def _texts(table: Dict[str, Any], field: str):
-    """A text column of the reader's as an Arrow string array, without a copy;
-    bytes that aren't UTF-8 show as U+FFFD, as the reader's dicts give them."""
-    import pyarrow as pa
+class _SampleParts:
+    """A file's samples as the survey reads them, as columns: each kind's rows of
+    the wanted processes, with the id of their stack (`SampleStacks`)."""
 
-    data, offsets = table[field], table[field + "_offsets"]
-    array = pa.StringArray.from_buffers(len(offsets) - 1, pa.py_buffer(offsets), pa.py_buffer(data))
-    try:
-        array.validate(full=True)
-    except pa.ArrowInvalid:
-        array = pa.array([data[lo:hi].tobytes().decode("utf-8", "replace")
-                          for lo, hi in zip(offsets[:-1], offsets[1:])], pa.string())
-    return array
+    def __init__(self) -> None:
+        from .views.samples import SampleStacks
 
+        self.stacks = SampleStacks()
+        self.parts: Dict[str, Dict[str, list]] = {
+            kind: {key: [] for key in ("pid", "tid", "ts", "cpu", "clock", "id")}
+            for kind in ("SAMPLE", "STACK")}
 
-class _RangesApart:
-    """The file's reading as the survey takes it, without the BEGIN and END
-    records _Annotations pairs itself: only zorvek's own marks among them."""
+    def add(self, _index: int, kind: str, table: Dict[str, Any], wanted) -> None:
+        import numpy as np
 
-    def __init__(self, reading, annotations: _Annotations):
-        self._reading = reading
-        self._annotations = annotations
+        rows = np.nonzero(wanted)[0]
+        parts = self.parts[kind]
+        parts["pid"].append(table["pid"][rows])
+        parts["tid"].append(table["tid"][rows])
+        parts["ts"].append(table["timestamp"][rows])
+        if kind == "SAMPLE":
+            parts["cpu"].append(table["device"][rows])
+            parts["id"].append(self.stacks.chain_ids(table, rows))
+        else:
+            labels = np.array([label or "cpu" for label in table["clock_labels"]], object)
+            parts["clock"].append(labels[table["clock"][rows]])
+            parts["id"].append(self.stacks.stack_ids(table, rows))
 
-    def __getattr__(self, name):
-        return getattr(self._reading, name)
+    def columns(self, survey, build_symbolizer, part) -> Dict[str, Any]:
+        """The samples' columns, each stack named once: `stack_id` indexes `stacks`
+        and `leaves`, "root;...;leaf" as `zorvek flame --format collapsed` writes
+        them; `cpu` is -1 for the stack sampler's samples."""
+        import numpy as np
 
-    def records(self, kinds=None, what: str = "reading"):
-        own = self._annotations.own_records()
-        if own:
-            yield 0, own
-        yield from self._reading.records(kinds=_other_kinds(), what=what)
+        from .stacks import StackNamer
+        from .views.samples import name_stacks
 
+        def joined(kind, key, dtype):
+            pieces = self.parts[kind][key]
+            return np.concatenate(pieces).astype(dtype) if pieces else np.zeros(0, dtype)
 
-def _other_kinds() -> List[str]:
-    """Every kind of record but BEGIN and END."""
-    from ._reader import EVENT_NAMES
-
-    return [name for name in EVENT_NAMES if name not in ("BEGIN", "END")]
-
-
-def _samples(survey, samples: List[tuple], stack_samples: List[tuple], build_symbolizer,
-             name_stacks, part) -> Dict[str, list]:
-    """The samples' columns, each stack named once: `stack_id` indexes `stacks`
-    and `leaves`, "root;...;leaf" as `zorvek flame --format collapsed` writes them."""
-    from .stacks import StackNamer
-
-    columns: Dict[str, list] = {"pid": [], "tid": [], "time_ns": [], "cpu": [], "stack_id": [],
-                                "clock": [], "stacks": [], "leaves": []}
-    if not samples and not stack_samples:
-        return columns
-    domain = survey.file_domain[0]
-    chains: Dict[tuple, int] = {}
-    merged: Dict[tuple, int] = {}
-    for pid, tid, ts, cpu, frames in samples:
-        for key, value in (("pid", pid), ("tid", tid), ("time_ns", domain.perf_to_real(ts)),
-                           ("cpu", cpu), ("clock", "cpu"),
-                           ("stack_id", chains.setdefault(frames, len(chains)))):
-            columns[key].append(value)
-    for pid, tid, ts, clock, key in stack_samples:
+        perf_count = sum(len(p) for p in self.parts["SAMPLE"]["pid"])
+        stack_count = sum(len(p) for p in self.parts["STACK"]["pid"])
+        domain = survey.file_domain[0]
         # The stack sampler's clock is the system clock already.
-        for column, value in (("pid", pid), ("tid", tid), ("time_ns", ts), ("cpu", None),
-                              ("clock", clock), ("stack_id", -1 - merged.setdefault(key, len(merged)))):
-            columns[column].append(value)
-    symbols = build_symbolizer(survey)
-    try:
-        def root(pid: int) -> str:
-            own = survey.own_names.process(pid)
-            if own:
-                return own.replace(";", ",")
-            exe = symbols.executable(pid)
-            return os.path.basename(exe) if exe else "pid %d" % pid
+        to_real = domain.perf_to_real
+        perf_times = np.array([to_real(t) for t in joined("SAMPLE", "ts", np.int64).tolist()],
+                              np.int64)
+        chains, merged = self.stacks.chain_keys, self.stacks.stack_keys
+        columns: Dict[str, Any] = {
+            "pid": np.concatenate([joined(k, "pid", np.int64) for k in ("SAMPLE", "STACK")]),
+            "tid": np.concatenate([joined(k, "tid", np.int64) for k in ("SAMPLE", "STACK")]),
+            "time_ns": np.concatenate([perf_times, joined("STACK", "ts", np.int64)]),
+            "cpu": np.concatenate([joined("SAMPLE", "cpu", np.int64),
+                                   np.full(stack_count, -1, np.int64)]),
+            "clock": np.concatenate([np.full(perf_count, "cpu", object),
+                                     joined("STACK", "clock", object)]),
+            # Merged stacks follow the chains.
+            "stack_id": np.concatenate([joined("SAMPLE", "id", np.int64),
+                                        len(chains) + joined("STACK", "id", np.int64)]),
+            "stacks": [], "leaves": []}
+        if not perf_count and not stack_count:
+            return columns
+        symbols = build_symbolizer(survey)
+        try:
+            def root(pid: int) -> str:
+                own = survey.own_names.process(pid)
+                if own:
+                    return own.replace(";", ",")
+                exe = symbols.executable(pid)
+                return os.path.basename(exe) if exe else "pid %d" % pid
 
-        named: List[List[str]] = []
-        ordered = list(chains)
-        for (pid, _frames, _padded), frames in zip(ordered, name_stacks(symbols, ordered)):
-            named.append([root(pid)] + frames[::-1])
-        ordered_merged = list(merged)
-        namer = StackNamer(symbols, survey.python_codes)
-        for key, frames in zip(ordered_merged, namer.name_many(ordered_merged)):
-            named.append([root(key[0])] + list(frames))
-        part["gaps"] = list(symbols.gaps)
-    finally:
-        symbols.close()
-    # Merged stacks follow the chains: their ids counted down from -1 move up.
-    columns["stack_id"] = [i if i >= 0 else len(chains) - 1 - i for i in columns["stack_id"]]
-    columns["stacks"] = [";".join(frames) for frames in named]
-    columns["leaves"] = [frames[-1] for frames in named]
-    return columns
+            named: List[List[str]] = []
+            for (pid, _frames, _padded), frames in zip(chains, name_stacks(symbols, chains)):
+                named.append([root(pid)] + frames[::-1])
+            namer = StackNamer(symbols, survey.python_codes)
+            for key, frames in zip(merged, namer.name_many(merged)):
+                named.append([root(key[0])] + list(frames))
+            part["gaps"] = list(symbols.gaps)
+        finally:
+            symbols.close()
+        columns["stacks"] = [";".join(frames) for frames in named]
+        columns["leaves"] = [frames[-1] for frames in named]
+        return columns
 
 
 def _gpu(survey, part: Dict[str, Any]) -> None:
+    """The kernels, copies, memsets and API calls of the file from the survey's
+    columns; each kernel and function named once."""
+    import numpy as np
+    import pyarrow as pa
+    import pyarrow.compute as pc
+
     from .symbols import demangle
+    from .views.columns import distinct
     from .views.samples import driver_call_name
+    from .views.survey import COPY_KINDS
 
     def table_name(pid: int, table: str, ident: int) -> Optional[str]:
         found = survey.names.get((pid, table), {}).get(ident)
@@ -353,56 +263,112 @@ def _gpu(survey, part: Dict[str, Any]) -> None:
                     return known[ident]
         return found
 
-    raw_kernel_names = {}
-    for op in survey.gpu_ops:
-        if op[6] == "kernel":
-            raw_kernel_names[(op[1], op[7])] = table_name(op[1], "kernel", op[7])
-    raw_function_names = {}
-    for call in survey.api_calls:
-        raw_function_names[(call[1], call[8])] = table_name(call[1], "function", call[8])
-    readable = demangle([n for n in list(raw_kernel_names.values()) +
-                         list(raw_function_names.values()) if n])
+    def column(table, field, rows, default=None):
+        if field in table:
+            return table[field][rows]
+        return np.zeros(len(rows), np.uint64) if default is None else default
 
-    kernels, copies, memsets = _columns("kernels"), _columns("copies"), _columns("memsets")
-    for domain, pid, device, stream, start, end, kind, name, corr, args in survey.gpu_ops:
-        s, e = domain.gpu_to_real(start), domain.gpu_to_real(max(end, start))
-        if kind == "kernel":
-            raw = raw_kernel_names.get((pid, name))
-            row = {"name": readable.get(raw, raw) if raw else "kernel %d" % name,
-                   "mangled": raw if raw and readable.get(raw, raw) != raw else None,
-                   "grid": _dims(args.get("grid")), "block": _dims(args.get("block"))}
-            target = kernels
-        elif kind == "copy":
-            row = {"kind": args.get("kind"), "bytes": args.get("bytes"),
-                   "src_device": args.get("src_device"), "dst_device": args.get("dst_device")}
-            target = copies
+    def texts_of(keys, name):
+        """name(*key) per distinct row of key columns, as a string array."""
+        first, inverse = distinct(keys)
+        values = [name(*(int(k[row]) for k in keys)) for row in first.tolist()]
+        return pa.array(values, pa.string()).take(pa.array(inverse))
+
+    # The raw names, for demangling all at once.
+    raw: Dict[Tuple[str, int, int], Optional[str]] = {}
+    for _index, kind, table, rows in survey.gpu_tables:
+        if kind in ("KERNEL", "CONCURRENT_KERNEL", "CUDA_API"):
+            which, field = ("function", "func_name_id") if kind == "CUDA_API" else ("kernel", "name_id")
+            keys = [table["pid"][rows], column(table, field, rows)]
+            first, _ = distinct(keys)
+            for row in first.tolist():
+                key = (which, int(keys[0][row]), int(keys[1][row]))
+                if key not in raw:
+                    raw[key] = table_name(key[1], which, key[2])
+    readable = demangle([n for n in raw.values() if n])
+
+    def kernel_name(pid, ident):
+        found = raw.get(("kernel", pid, ident))
+        return readable.get(found, found) if found else "kernel %d" % ident
+
+    def mangled(pid, ident):
+        found = raw.get(("kernel", pid, ident))
+        return found if found and readable.get(found, found) != found else None
+
+    def function(pid, ident):
+        found = raw.get(("function", pid, ident))
+        return readable.get(found, found) if found and found != "Unknown" else None
+
+    def call_name(cb_domain, cbid):
+        return driver_call_name(cbid) if cb_domain == 1 else "CUDA call %d.%d" % (cb_domain, cbid)
+
+    def dims(table, field, rows, whole):
+        if field not in table:
+            return pa.nulls(len(rows), pa.string())
+        triples = table[field][rows]
+        found = texts_of([triples[:, 0], triples[:, 1], triples[:, 2]],
+                         lambda *xyz: "x".join(str(v) for v in xyz))
+        return found if whole.all() else pc.if_else(pa.array(whole), found,
+                                                     pa.scalar(None, pa.string()))
+
+    def numbers(values, kind, mask=None):
+        values = np.asarray(values).astype(np.int64, copy=False)
+        return pa.array(values, kind, mask=mask)
+
+    out = {name: {key: [] for key, _ in COLUMNS[name]
+                  if key not in ("rank", "host", "duration_ns", "launch_range")}
+           for name in ("kernels", "copies", "memsets", "api_calls")}
+    for index, kind, table, rows in survey.gpu_tables:
+        if kind == "SYNCRONIZATION":
+            continue
+        offset = survey.file_domain[index].gpu_to_real(0)
+        whole = table["decoded"][rows]
+        pid = table["pid"][rows]
+        start = table["timestamp"][rows].astype(np.int64)
+        end = np.maximum(column(table, "end", rows).astype(np.int64), start) if "end" in table \
+            else start
+        row = {"pid": numbers(pid, pa.int64()), "correlation": numbers(
+            column(table, "correlation", rows), pa.int64()),
+               "start_ns": numbers(start + offset, pa.int64()),
+               "end_ns": numbers(end + offset, pa.int64())}
+        if kind != "CUDA_API":
+            row["stream"] = numbers(column(table, "stream", rows), pa.int64())
+        if kind in ("KERNEL", "CONCURRENT_KERNEL"):
+            name_id = column(table, "name_id", rows)
+            device = np.where(whole, column(table, "device_id", rows), table["tid"][rows])
+            row.update(name=texts_of([pid, name_id], kernel_name),
+                       mangled=texts_of([pid, name_id], mangled),
+                       grid=dims(table, "grid", rows, whole), block=dims(table, "block", rows, whole),
+                       device=numbers(device, pa.int32()))
+            target = out["kernels"]
+        elif kind in ("MEMCOPY", "MEMCOPY_P2P"):
+            copy_kind = column(table, "copy_kind", rows)
+            # Only a peer-to-peer copy names its devices.
+            no_devices = np.ones(len(rows), bool) if kind == "MEMCOPY" else ~whole
+            row.update(kind=texts_of([copy_kind], lambda k: COPY_KINDS.get(k, "copy")),
+                       bytes=numbers(column(table, "bytes", rows), pa.int64(), ~whole),
+                       src_device=numbers(column(table, "src_device", rows), pa.int32(), no_devices),
+                       dst_device=numbers(column(table, "dst_device", rows), pa.int32(), no_devices),
+                       device=numbers(table["tid"][rows], pa.int32()))
+            target = out["copies"]
+        elif kind == "MEMSET":
+            row.update(bytes=numbers(column(table, "bytes", rows), pa.int64(), ~whole),
+                       value=numbers(column(table, "value", rows), pa.int64(), ~whole),
+                       device=numbers(table["tid"][rows], pa.int32()))
+            target = out["memsets"]
         else:
-            row = {"bytes": args.get("bytes"), "value": args.get("value")}
-            target = memsets
-        row.update(pid=pid, device=device, stream=stream, correlation=corr, start_ns=s, end_ns=e)
-        for key in target:
-            if key not in ("rank", "host", "duration_ns", "launch_range"):
-                target[key].append(row.get(key))
-    calls = _columns("api_calls")
-    for domain, pid, tid, start, end, cbid, cb_domain, corr, func_id, _chain in survey.api_calls:
-        symbol = raw_function_names.get((pid, func_id))
-        row = {"name": driver_call_name(cbid) if cb_domain == 1 else
-               "CUDA call %d.%d" % (cb_domain, cbid),
-               "pid": pid, "tid": tid, "correlation": corr, "cbid": cbid,
-               "start_ns": domain.gpu_to_real(start), "end_ns": domain.gpu_to_real(max(end, start)),
-               "function": readable.get(symbol, symbol) if symbol and symbol != "Unknown" else None}
-        for key in calls:
-            if key not in ("rank", "host", "duration_ns", "launch_range"):
-                calls[key].append(row.get(key))
-    part["kernels"], part["copies"], part["memsets"], part["api_calls"] = kernels, copies, memsets, calls
-
-
-def _dims(value) -> Optional[str]:
-    if value is None:
-        return None
-    if isinstance(value, (list, tuple)):
-        return "x".join(str(v) for v in value)
-    return str(value)
+            cbid = column(table, "cbid", rows)
+            row.update(name=texts_of([column(table, "domain", rows), cbid], call_name),
+                       function=texts_of([pid, column(table, "func_name_id", rows)], function),
+                       tid=numbers(table["tid"][rows], pa.int64()), cbid=numbers(cbid, pa.int32()))
+            target = out["api_calls"]
+        for key, pieces in target.items():
+            pieces.append(row[key])
+    for name, columns in out.items():
+        types = dict(COLUMNS[name])
+        part[name] = {key: pa.concat_arrays(pieces) if pieces else
+                      pa.array([], getattr(pa, types[key])())
+                      for key, pieces in columns.items()}
 
 
 # ---- All files ---------------------------------------------------------------------
@@ -589,11 +555,12 @@ def _samples_table(good, codes: _HostCodes):
         leaves = pa.array(s["leaves"], pa.string()).take(ids)
         pids = pa.array(s["pid"], pa.int64())
         host = codes.of(part, count)
+        cpu = s["cpu"]
         pieces.append(pa.Table.from_arrays([
             codes.ranks(host, pids.to_numpy()), codes.names(host),
             pids, pa.array(s["tid"], pa.int64()),
             pa.array(s["time_ns"], pa.int64()), pa.array(s["clock"], pa.string()),
-            stacks, leaves, pa.array(s["cpu"], pa.int32())], schema=schema("samples")))
+            stacks, leaves, pa.array(cpu, pa.int32(), mask=cpu < 0)], schema=schema("samples")))
     if not pieces:
         return schema("samples").empty_table()
     return pa.concat_tables(pieces)
@@ -738,7 +705,7 @@ def _gpu_table(table: str, good, codes: _HostCodes, launch):
                 columns["launch_range"] = _launch_names(
                     launch, host, pid, np.asarray(rows["correlation"], np.int64))
             else:
-                columns[field.name] = pa.array(rows[field.name], field.type)
+                columns[field.name] = rows[field.name]
         columns["duration_ns"] = pc.subtract(columns["end_ns"], columns["start_ns"])
         pieces.append(pa.Table.from_arrays([columns[f.name] for f in table_schema],
                                            schema=table_schema))

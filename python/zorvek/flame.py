@@ -33,17 +33,19 @@ bounds how exactly range edges cut.
 from __future__ import annotations
 
 import argparse
-import bisect
 import collections
 import os
 import re
 import sys
 from typing import Dict, List, NamedTuple, Optional, Sequence, Set, Tuple
 
-from .stacks import PythonCodes, StackNamer, stack_key
+import numpy as np
+
+from .stacks import PythonCodes, StackNamer
 from .views.capture import (VIEW_FAILURES, Progress, Reading, ViewError, add_files_argument,
                             add_progress_arguments, exit_status_help, view_failed)
-from .views.samples import build_symbolizer, name_stacks, sample_frames, sample_kinds
+from .views.output import AtomicFile
+from .views.samples import SampleStacks, build_symbolizer, name_stacks, sample_kinds
 from .views.survey import Survey
 
 PROG = "zorvek flame"
@@ -125,7 +127,7 @@ def _thread_ranges(survey: Survey, name: Optional[str] = None
 
 
 class _Ranges:
-    """The open intervals of the named ranges, per thread, merged, for a bisect."""
+    """The open intervals of the named ranges, per thread, merged, for a search."""
 
     def __init__(self, survey: Survey, name: str):
         spans = _thread_ranges(survey, name)
@@ -143,12 +145,18 @@ class _Ranges:
             self.ends[key] = [m[1] for m in merged]
         self.count = sum(len(v) for v in spans.values())
 
-    def holds(self, pid: int, tid: int, t: int) -> bool:
-        starts = self.starts.get((pid, tid))
-        if not starts:
-            return False
-        i = bisect.bisect_right(starts, t) - 1
-        return i >= 0 and t <= self.ends[(pid, tid)][i]
+    def holds(self, pid: np.ndarray, tid: np.ndarray, t: np.ndarray) -> np.ndarray:
+        """Whether a range of the name is open on its thread at each row's time."""
+        held = np.zeros(len(t), bool)
+        for (p, th), rows in _by_thread(pid, tid):
+            starts = self.starts.get((p, th))
+            if not starts:
+                continue
+            at = t[rows]
+            i = np.searchsorted(np.asarray(starts, np.int64), at, side="right") - 1
+            ends = np.asarray(self.ends[(p, th)], np.int64)
+            held[rows] = (i >= 0) & (at <= ends[np.maximum(i, 0)])
+        return held
 
 
 class _OpenRanges:
@@ -184,13 +192,32 @@ class _OpenRanges:
                 starts.append(t)
                 paths.append(path)
             self.starts[key], self.paths[key] = starts, paths
+        self._known: Dict[Tuple[str, ...], int] = {(): 0}
+        self._ids: Dict[Tuple[int, int], np.ndarray] = {}
 
     def at(self, pid: int, tid: int, t: int) -> Tuple[str, ...]:
-        starts = self.starts.get((pid, tid))
-        if not starts:
-            return ()
-        i = bisect.bisect_right(starts, t) - 1
-        return self.paths[(pid, tid)][i] if i >= 0 else ()
+        return self.known[int(self.at_many(np.array([pid]), np.array([tid]), np.array([t]))[0])]
+
+    def at_many(self, pid: np.ndarray, tid: np.ndarray, t: np.ndarray) -> np.ndarray:
+        """at() of each row of columns, as indexes into `known`."""
+        found = np.zeros(len(t), np.int64)
+        for (p, th), rows in _by_thread(pid, tid):
+            starts = self.starts.get((p, th))
+            if not starts:
+                continue
+            ids = self._ids.get((p, th))
+            if ids is None:
+                ids = self._ids[(p, th)] = np.array(
+                    [self._known.setdefault(path, len(self._known)) for path in self.paths[(p, th)]],
+                    np.int64)
+            i = np.searchsorted(np.asarray(starts, np.int64), t[rows], side="right") - 1
+            found[rows] = np.where(i >= 0, ids[np.maximum(i, 0)], 0)
+        return found
+
+    @property
+    def known(self) -> List[Tuple[str, ...]]:
+        """The paths at_many() indexes, () first."""
+        return list(self._known)
 
 
 # ---- Collecting the samples -------------------------------------------------------------
@@ -254,39 +281,77 @@ def _perf_period(domain) -> Optional[int]:
     return min(periods) if periods else None
 
 
-def _weight(rec: dict, periods: Dict[int, int]) -> int:
-    """A stack sample's weight in nanoseconds, noting its process's sampling
-    period: the smallest weight, that of a sample that covers one expiry of its
-    timer. A CPU-time timer expires on the kernel's tick, so on a 250 Hz kernel a
-    1 kHz sample mostly stands for four periods; counting it as four keeps the
-    counts in samples at the asked rate."""
-    weight = rec.get("weight_ns") or 1
-    pid = rec["pid"]
-    periods[pid] = min(periods.get(pid, weight), weight)
-    return weight
+def _by_thread(pid: np.ndarray, tid: np.ndarray):
+    """((pid, tid), the rows of that thread) for each thread of columns."""
+    if not len(pid):
+        return
+    pairs, inverse = np.unique(np.stack([pid.astype(np.uint64), tid.astype(np.uint64)], axis=1),
+                               axis=0, return_inverse=True)
+    inverse = inverse.reshape(-1)
+    order = np.argsort(inverse, kind="stable")
+    bounds = np.concatenate([[0], np.cumsum(np.bincount(inverse, minlength=len(pairs)))])
+    for i, (p, t) in enumerate(pairs.tolist()):
+        yield (p, t), order[bounds[i]:bounds[i + 1]]
 
 
 class _Counts:
     """The samples as read: the kernel's by file, thread, ranges and call chain;
-    the stack sampler's by thread, ranges and stack key, in nanoseconds."""
+    the stack sampler's by thread, ranges and stack key, in nanoseconds. A stack
+    sample's weight also notes its process's sampling period: the smallest weight,
+    that of a sample that covers one expiry of its timer. A CPU-time timer expires
+    on the kernel's tick, so on a 250 Hz kernel a 1 kHz sample mostly stands for
+    four periods; counting it as four keeps the counts in samples at the asked
+    rate."""
 
     def __init__(self) -> None:
         self.perf: collections.Counter = collections.Counter()
         self.stacks: collections.Counter = collections.Counter()
         self.periods: Dict[int, int] = {}
         self.clocks: Set[str] = set()  # "cpu", "wall"
+        self.keys = SampleStacks()
 
-    def add(self, index: int, rec: dict, ranges: Tuple[str, ...]) -> None:
-        if rec["event"] == "SAMPLE":
-            self.perf[(index, rec["tid"], ranges, sample_frames(rec))] += 1
+    def add(self, index: int, kind: str, table: dict, rows: np.ndarray,
+            ranges: Optional[np.ndarray] = None, paths: Sequence[Tuple[str, ...]] = ((),)) -> None:
+        """The `rows` of a group's SAMPLE or STACK columns, each under the open
+        ranges `paths[ranges[i]]` (none where `ranges` is None)."""
+        if not len(rows):
+            return
+        tid = table["tid"][rows]
+        path = np.zeros(len(rows), np.int64) if ranges is None else ranges
+        if kind == "SAMPLE":
+            ids = self.keys.chain_ids(table, rows)
+            first, inverse = _distinct_rows(tid, path, ids)
+            counts = np.bincount(inverse, minlength=len(first))
+            for row, n in zip(first.tolist(), counts.tolist()):
+                self.perf[(index, int(tid[row]), paths[path[row]],
+                           self.keys.chain_keys[ids[row]])] += n
             self.clocks.add("cpu")
-        else:
-            self.stacks[(rec["tid"], ranges, stack_key(rec))] += _weight(rec, self.periods)
-            # The stack sampler's clock: each thread's CPU time, or elapsed time.
-            self.clocks.add("wall" if rec.get("clock") == "wall" else "cpu")
+            return
+        ids = self.keys.stack_ids(table, rows)
+        weight = table["weight_ns"][rows].astype(np.int64)
+        weight[weight == 0] = 1
+        pid = table["pid"][rows]
+        for p in np.unique(pid).tolist():
+            least = int(weight[pid == p].min())
+            self.periods[p] = min(self.periods.get(p, least), least)
+        first, inverse = _distinct_rows(tid, path, ids)
+        sums = np.zeros(len(first), np.int64)
+        np.add.at(sums, inverse, weight)
+        for row, ns in zip(first.tolist(), sums.tolist()):
+            self.stacks[(int(tid[row]), paths[path[row]], self.keys.stack_keys[ids[row]])] += ns
+        # The stack sampler's clock: each thread's CPU time, or elapsed time.
+        labels = table["clock_labels"]
+        self.clocks.update("wall" if labels[c] == "wall" else "cpu"
+                           for c in np.unique(table["clock"][rows]).tolist())
 
     def __bool__(self) -> bool:
         return bool(self.perf) or bool(self.stacks)
+
+
+def _distinct_rows(*columns: np.ndarray):
+    from .views.columns import distinct
+
+    return distinct(list(columns))
 
 
 def collect(args, reading: Reading) -> FlameProfile:
@@ -296,8 +361,8 @@ def collect(args, reading: Reading) -> FlameProfile:
     counts = _Counts()
     if args.range is None and not by_range:
         survey = Survey(reading, pids=pids, keep_gpu=False,
-                        on_sample=lambda index, rec: counts.add(index, rec, ()),
-                        on_stack=lambda index, rec: counts.add(index, rec, ()))
+                        on_samples=lambda index, kind, table, wanted: counts.add(
+                            index, kind, table, np.nonzero(wanted)[0]))
         survey.python_codes = _Codes()
         survey.run()
     else:
@@ -331,21 +396,27 @@ def _second_pass(args, reading: Reading, survey: Survey, counts: _Counts, by_ran
                     ) if names else " (the captures hold no annotation ranges)"
             raise ViewError("no annotation range named %r%s" % (args.range, hint))
     open_ranges = _OpenRanges(survey) if by_range else None
-    for index, batch in reading.records(kinds=sample_kinds(survey), what="reading (2 of 2)"):
+    for index, group in reading.columns(kinds=sample_kinds(survey), what="reading (2 of 2)"):
         domain = survey.file_domain[index]
-        for rec in batch:
-            if rec["hw"] != "CPU" or not survey.wanted(rec["pid"]):
+        for kind in ("SAMPLE", "STACK"):
+            table = group.get(kind)
+            if table is None or not len(table["timestamp"]):
                 continue
-            if rec["event"] == "SAMPLE":
-                t = domain.perf_to_real(rec["timestamp"])
-            elif rec["event"] == "STACK":
-                t = rec["timestamp"]  # the stack sampler's clock is the system clock already
+            rows = np.nonzero(survey.wanted_rows(table["pid"]))[0]
+            pid, tid = table["pid"][rows], table["tid"][rows]
+            if kind == "SAMPLE":
+                to_real = domain.perf_to_real
+                t = np.array([to_real(ts) for ts in table["timestamp"][rows].tolist()], np.int64)
             else:
-                continue
-            pid, tid = rec["pid"], rec["tid"]
-            if keep is not None and not keep.holds(pid, tid, t):
-                continue
-            counts.add(index, rec, open_ranges.at(pid, tid, t) if open_ranges else ())
+                t = table["timestamp"][rows].astype(np.int64)  # the system clock already
+            if keep is not None:
+                held = keep.holds(pid, tid, t)
+                rows, pid, tid, t = rows[held], pid[held], tid[held], t[held]
+            if open_ranges is None:
+                counts.add(index, kind, table, rows)
+            else:
+                counts.add(index, kind, table, rows, open_ranges.at_many(pid, tid, t),
+                           open_ranges.known)
 
 
 def _name(reading: Reading, survey: Survey, symbols, counts: _Counts) -> FlameProfile:
@@ -579,37 +650,13 @@ def _emit(output: str, write, binary: bool = False) -> None:
         write(out)
         out.flush()
         return
-    atomic = _Atomic(output, binary)
+    atomic = AtomicFile(output, binary)
     try:
         write(atomic.file)
     except BaseException:
         atomic.abandon()
         raise
     atomic.commit()
-
-
-class _Atomic:
-    """A file written beside its final name and moved there whole, so that a
-    failed run leaves no half graph."""
-
-    def __init__(self, path: str, binary: bool = False):
-        self.path = path
-        self.tmp = "%s.tmp%d" % (path, os.getpid())
-        try:
-            self.file = open(self.tmp, "wb") if binary else open(self.tmp, "w", encoding="utf-8")
-        except OSError as error:
-            raise ViewError("%s: %s" % (path, error.strerror or error)) from None
-
-    def commit(self) -> None:
-        self.file.close()
-        os.replace(self.tmp, self.path)
-
-    def abandon(self) -> None:
-        self.file.close()
-        try:
-            os.unlink(self.tmp)
-        except OSError:
-            pass
 
 
 def main(argv: Optional[Sequence[str]] = None) -> int:

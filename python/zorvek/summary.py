@@ -361,32 +361,50 @@ def _add_stack_functions(stacked: List[Dict[str, Any]], sym, marks: _names.Names
     """Self and total time by function over the merged stacks of each process's
     stack samples, read again from its files (the C++ summary counts them only);
     and its samples by thread."""
-    from .stacks import PythonCodes, StackNamer, stack_key
+    import numpy as np
+
+    from .stacks import PythonCodes, StackNamer
+    from .views.columns import records
+    from .views.samples import SampleStacks
 
     pids = {p["pid"]: p for p in stacked}
+    wanted = np.fromiter(pids, np.uint64, len(pids))
     codes = PythonCodes()
-    by_stack: Dict[int, Dict[tuple, List[int]]] = {pid: {} for pid in pids}
+    keys = SampleStacks()
+    samples = np.zeros(0, np.int64)  # by stack id: samples, and the time they stand for
+    weights = np.zeros(0, np.int64)
     by_thread: Dict[int, Dict[int, int]] = {pid: {} for pid in pids}
     for path in dict.fromkeys(path for p in stacked for path in p["files"]):
         try:
-            for batch in _reader.CaptureFile(path).batches(kinds=["STACK", "PYCODE"]):
-                for rec in batch:
-                    pid = rec["pid"]
-                    if pid not in pids:
-                        continue
-                    if rec["event"] == "PYCODE":
-                        codes.add(pid, rec)
-                    elif rec["event"] == "STACK":
-                        entry = by_stack[pid].setdefault(stack_key(rec), [0, 0])
-                        entry[0] += 1
-                        entry[1] += rec.get("weight_ns") or 0
-                        threads = by_thread[pid]
-                        threads[rec["tid"]] = threads.get(rec["tid"], 0) + 1
+            for group in _reader.CaptureFile(path).columns(kinds=["STACK", "PYCODE"]):
+                table = group.get("PYCODE")
+                if table is not None:
+                    for rec in records(table, np.nonzero(np.isin(table["pid"], wanted))[0]):
+                        codes.add(rec["pid"], rec)
+                table = group.get("STACK")
+                if table is None:
+                    continue
+                rows = np.nonzero(np.isin(table["pid"], wanted))[0]
+                ids = keys.stack_ids(table, rows)
+                grown = len(keys.stack_keys) - len(samples)
+                if grown:
+                    samples = np.concatenate([samples, np.zeros(grown, np.int64)])
+                    weights = np.concatenate([weights, np.zeros(grown, np.int64)])
+                samples += np.bincount(ids, minlength=len(samples))
+                np.add.at(weights, ids, table["weight_ns"][rows].astype(np.int64))
+                threads = np.stack([table["pid"][rows], table["tid"][rows]], axis=1)
+                if len(threads):
+                    found, counts = np.unique(threads, axis=0, return_counts=True)
+                    for (pid, tid), n in zip(found.tolist(), counts.tolist()):
+                        by_thread[pid][tid] = by_thread[pid].get(tid, 0) + n
         except ValueError as error:  # no longer a capture since the summary read it
             notes.append(f"CPU stack samples not read: {error}")
             return
         except OSError as error:  # gone since the summary read it
             notes.append(f"CPU stack samples of {_os_error(path, error)}")
+    by_stack: Dict[int, Dict[tuple, List[int]]] = {pid: {} for pid in pids}
+    for key, n, ns in zip(keys.stack_keys, samples.tolist(), weights.tolist()):
+        by_stack[key[0]][key] = [n, ns]
     for pid, process in pids.items():
         if process["parent"] is not None:
             codes.inherit(pid, process["parent"])
@@ -440,29 +458,42 @@ def _add_launch_lines(launched: List[Dict[str, Any]], notes: List[str]) -> None:
     """GPU time by the Python line that launched it: each driver API call's
     Python frames (APISTACK) name the line, and the kernels, copies and memsets
     with the call's correlation id add their time to it."""
+    import numpy as np
+
     from .stacks import PythonCodes
+    from .views.columns import records
 
     pids = {p["pid"]: p for p in launched}
+    wanted = np.fromiter(pids, np.uint64, len(pids))
     codes = PythonCodes()
     lines: Dict[Tuple[int, int], str] = {}
     work: List[Tuple[int, int, str, int]] = []  # (pid, correlation, kind, ns)
     for path in dict.fromkeys(path for p in launched for path in p["files"]):
         try:
             kinds = ["APISTACK", "PYCODE", *_LAUNCHED_KINDS]
-            for batch in _reader.CaptureFile(path).batches(kinds=kinds):
-                for rec in batch:
-                    pid, event = rec["pid"], rec["event"]
-                    if pid not in pids:
-                        continue
+            for group in _reader.CaptureFile(path).columns(kinds=kinds):
+                for event, table in group.items():
+                    rows = np.nonzero(np.isin(table["pid"], wanted))[0]
                     if event == "PYCODE":
-                        codes.add(pid, rec)
+                        for rec in records(table, rows[table["decoded"][rows]]):
+                            codes.add(rec["pid"], rec)
                     elif event == "APISTACK":
-                        if rec.get("py"):
-                            code_id, instruction, _ = rec["py"][0]
-                            lines[(pid, rec["correlation"])] = (code_id, instruction)
-                    elif event in _LAUNCHED_KINDS and rec["hw"] == "GPU":
-                        span = max(rec.get("end", rec["timestamp"]) - rec["timestamp"], 0)
-                        work.append((pid, rec.get("correlation", 0), _LAUNCHED_KINDS[event], span))
+                        offsets = table["py_offsets"]
+                        rows = rows[offsets[rows + 1] > offsets[rows]]
+                        leaf = offsets[rows]
+                        lines.update(zip(zip(table["pid"][rows].tolist(),
+                                             table["correlation"][rows].tolist()),
+                                         zip(table["py_code_id"][leaf].tolist(),
+                                             table["py_instruction"][leaf].tolist())))
+                    elif event in _LAUNCHED_KINDS and table["hw_labels"][int(table["hw"][0])] == "GPU":
+                        start = table["timestamp"][rows].astype(np.int64)
+                        end = table["end"][rows].astype(np.int64) if "end" in table else start
+                        span = np.maximum(end - start, 0)
+                        correlation = table["correlation"][rows] if "correlation" in table \
+                            else np.zeros(len(rows), np.uint64)
+                        kind = _LAUNCHED_KINDS[event]
+                        work.extend(zip(table["pid"][rows].tolist(), correlation.tolist(),
+                                        [kind] * len(rows), span.tolist()))
         except ValueError as error:
             notes.append(f"GPU launch lines not read: {error}")
             return

@@ -1,7 +1,13 @@
 """Reading captures for the view commands: the files named (a folder standing for
 its files), the project's reader on each, the progress line, the runs the files
 come from, and what every view command shares around its work (arguments, how a
-failure ends it, its exit statuses)."""
+failure ends it, its exit statuses).
+
+The views read records as the reader's NumPy columns (`Reading.columns`), a
+group of rows per kind at a time, never a dict per record: the kinds that come
+by the million (annotations, samples, GPU work) stay columns (`views.columns`),
+and the few read one by one (mappings, code objects, names) are made dicts from
+their columns there; the timeline alone makes a tuple per GPU operation. CaptureFile.batches() stays for tests and users."""
 
 from __future__ import annotations
 
@@ -224,9 +230,10 @@ class Reading:
         self.unfinished: Dict[str, str] = {}
         self.damaged: Set[str] = set()
 
-    def records(self, kinds: Optional[Sequence[str]] = None, what: str = "reading"
-                ) -> Iterator[Tuple[int, list]]:
-        """(file index, batch of record dicts), file after file."""
+    def columns(self, kinds: Optional[Sequence[str]] = None, what: str = "reading"
+                ) -> Iterator[Tuple[int, Dict[str, dict]]]:
+        """(file index, group of records as columns: event name -> that kind's
+        rows, as CaptureFile.columns gives them), file after file."""
         total = sum(self.sizes) * self.passes
         before = sum(self.sizes) * self.pass_index
         for index, capture in enumerate(self.captures):
@@ -236,8 +243,8 @@ class Reading:
                 self.progress.show(what, (_base + done) / total)
 
             try:
-                for batch in capture.batches(kinds=kinds, progress=progress):
-                    yield index, batch
+                for group in capture.columns(kinds=kinds, progress=progress):
+                    yield index, group
             except (OSError, ValueError) as error:
                 raise ViewError("%s: %s" % (self.paths[index], error)) from None
             path = self.paths[index]

@@ -9,8 +9,11 @@ import socket
 import sys
 from typing import TYPE_CHECKING, Dict, List, Optional, Sequence, Tuple
 
-from ..stacks import StackNamer, stack_key
+import numpy as np
+
+from ..stacks import StackKey
 from ..symbols import Symbolizer
+from .columns import distinct
 
 if TYPE_CHECKING:
     from .survey import Survey
@@ -64,20 +67,77 @@ def name_stacks(symbols: Symbolizer, stacks: Sequence[Tuple[int, Tuple[int, ...]
     return [[name for k in keys for name in names[k]] for keys in keyed]
 
 
-def sample_stacks(batch: list, survey: Survey, symbols: Symbolizer):
-    """(record, frame names innermost first) for the perf samples of a batch that
-    the survey wants."""
-    records = [r for r in batch if r["event"] == "SAMPLE" and r["hw"] == "CPU"
-               and survey.wanted(r["pid"])]
-    return zip(records, name_stacks(symbols, [sample_frames(r) for r in records]))
+class SampleStacks:
+    """The distinct stacks of sample columns, each given an id once: the kernel's
+    samples by `sample_frames`, the stack sampler's by `stack_key`. A group's
+    rows are told apart in NumPy; a key tuple is made once per distinct stack."""
 
+    def __init__(self) -> None:
+        self.chains: Dict[Tuple[int, Tuple[int, ...], bool], int] = {}
+        self.stacks: Dict[StackKey, int] = {}
+        # The keys by id.
+        self.chain_keys: List[Tuple[int, Tuple[int, ...], bool]] = []
+        self.stack_keys: List[StackKey] = []
 
-def merged_stacks(batch: list, survey: Survey, namer: StackNamer):
-    """(record, merged stack root first) for the STACK samples of a batch that the
-    survey wants."""
-    records = [r for r in batch if r["event"] == "STACK" and r["hw"] == "CPU"
-               and survey.wanted(r["pid"])]
-    return zip(records, namer.name_many([stack_key(r) for r in records]))
+    @staticmethod
+    def _id(ids: dict, keys: list, key) -> int:
+        found = ids.get(key)
+        if found is None:
+            found = ids[key] = len(keys)
+            keys.append(key)
+        return found
+
+    @staticmethod
+    def _list(table: dict, field: str, rows: np.ndarray) -> Tuple[np.ndarray, np.ndarray]:
+        """The values and offsets of a list field for `rows` only."""
+        offsets = table[field + "_offsets"].astype(np.int64)
+        lo, hi = offsets[rows], offsets[rows + 1]
+        lengths = hi - lo
+        starts = np.cumsum(lengths) - lengths
+        within = np.arange(int(lengths.sum()), dtype=np.int64) - np.repeat(starts, lengths)
+        picks = np.repeat(lo, lengths) + within
+        return picks, np.concatenate([starts, [int(lengths.sum())]])
+
+    def chain_ids(self, table: dict, rows: np.ndarray) -> np.ndarray:
+        """The id in `chains` of each of a SAMPLE table's `rows`."""
+        if not len(rows):
+            return np.zeros(0, np.int64)
+        pid = table["pid"][rows]
+        ip = table["ip"][rows] if "ip" in table else np.zeros(len(rows), np.uint64)
+        if "chain" in table:
+            picks, offsets = self._list(table, "chain", rows)
+            chain = table["chain"][picks]
+        else:
+            chain, offsets = np.zeros(0, np.uint64), np.zeros(len(rows) + 1, np.int64)
+        first, inverse = distinct([pid, ip], [([chain], offsets)])
+        ids = np.empty(len(first), np.int64)
+        for i, row in enumerate(first.tolist()):
+            rec = {"pid": int(pid[row]), "ip": int(ip[row]),
+                   "chain": chain[offsets[row]:offsets[row + 1]].tolist()}
+            ids[i] = self._id(self.chains, self.chain_keys, sample_frames(rec))
+        return ids[inverse]
+
+    def stack_ids(self, table: dict, rows: np.ndarray) -> np.ndarray:
+        """The id in `stacks` of each of a STACK table's `rows`."""
+        if not len(rows):
+            return np.zeros(0, np.int64)
+        pid = table["pid"][rows]
+        waiting = table["waiting"][rows]
+        ip_picks, ip_offsets = self._list(table, "ips", rows)
+        ips = table["ips"][ip_picks]
+        py_picks, py_offsets = self._list(table, "py", rows)
+        code, instruction, entry = (table[key][py_picks] for key in (
+            "py_code_id", "py_instruction", "py_entry"))
+        first, inverse = distinct([pid, waiting], [([ips], ip_offsets),
+                                                   ([code, instruction, entry], py_offsets)])
+        ids = np.empty(len(first), np.int64)
+        for i, row in enumerate(first.tolist()):
+            lo, hi = py_offsets[row], py_offsets[row + 1]
+            key = (int(pid[row]), tuple(ips[ip_offsets[row]:ip_offsets[row + 1]].tolist()),
+                   tuple(zip(code[lo:hi].tolist(), instruction[lo:hi].tolist(),
+                             entry[lo:hi].tolist())), bool(waiting[row]))
+            ids[i] = self._id(self.stacks, self.stack_keys, key)
+        return ids[inverse]
 
 
 def sample_kinds(survey: Survey) -> List[str]:

@@ -18,11 +18,13 @@ import os
 import time
 from typing import Callable, Dict, Iterator, List, Optional, Tuple
 
+import numpy as np
+
 from ..stacks import StackNamer
 from ..symbols import Symbolizer, demangle
 from .capture import Progress, Reading, ViewError
-from .samples import (CONTEXT_MARKER_FLOOR, build_symbolizer, driver_call_name, merged_stacks,
-                      sample_kinds, sample_stacks)
+from .samples import (CONTEXT_MARKER_FLOOR, SampleStacks, build_symbolizer, driver_call_name,
+                      name_stacks, sample_kinds)
 from .sink import TraceSink
 from .survey import Survey
 
@@ -337,21 +339,41 @@ class _Model:
 
     def _samples(self, sink: TraceSink, reading: Reading) -> int:
         """Every sample of the wanted processes, on its thread, read in the second
-        pass."""
+        pass as columns; each distinct stack named once."""
         survey, symbols = self.survey, self.symbols
         count = 0
         namer = StackNamer(symbols, survey.python_codes)
-        for index, batch in reading.records(kinds=sample_kinds(survey), what="reading (2 of 2)"):
+        stacks = SampleStacks()
+        chain_names: List[List[str]] = []   # by chain id, root first
+        stack_names: List[List[str]] = []   # by stack id, root first
+        for index, group in reading.columns(kinds=sample_kinds(survey), what="reading (2 of 2)"):
             domain = survey.file_domain[index]
-            for rec, stack in sample_stacks(batch, survey, symbols):
-                sink.sample(rec["pid"], rec["tid"], domain.perf_to_real(rec["timestamp"]),
-                            stack[::-1], {"cpu": rec.get("device")})
-                count += 1
-            for rec, merged in merged_stacks(batch, survey, namer):
-                sample_args = {"cpu": rec.get("device"), "clock": rec.get("clock"),
-                               "weight_ns": rec.get("weight_ns")}
-                if rec.get("waiting"):
-                    sample_args["waiting"] = True
-                sink.sample(rec["pid"], rec["tid"], rec["timestamp"], list(merged), sample_args)
-                count += 1
+            table = group.get("SAMPLE")
+            if table is not None and len(table["timestamp"]):
+                rows = np.nonzero(survey.wanted_rows(table["pid"]))[0]
+                ids = stacks.chain_ids(table, rows)
+                if len(stacks.chains) > len(chain_names):
+                    new = stacks.chain_keys[len(chain_names):]
+                    chain_names.extend(frames[::-1] for frames in name_stacks(symbols, new))
+                to_real = domain.perf_to_real
+                for pid, tid, ts, cpu, i in zip(*(table[k][rows].tolist() for k in (
+                        "pid", "tid", "timestamp", "device")), ids.tolist()):
+                    sink.sample(pid, tid, to_real(ts), chain_names[i], {"cpu": cpu})
+                count += len(rows)
+            table = group.get("STACK")
+            if table is not None and len(table["timestamp"]):
+                rows = np.nonzero(survey.wanted_rows(table["pid"]))[0]
+                ids = stacks.stack_ids(table, rows)
+                if len(stacks.stacks) > len(stack_names):
+                    new = stacks.stack_keys[len(stack_names):]
+                    stack_names.extend(list(merged) for merged in namer.name_many(new))
+                clocks = table["clock_labels"]
+                for pid, tid, ts, cpu, clock, weight, waiting, i in zip(*(table[k][rows].tolist() for k in (
+                        "pid", "tid", "timestamp", "device", "clock", "weight_ns", "waiting")),
+                        ids.tolist()):
+                    sample_args = {"cpu": cpu, "clock": clocks[clock], "weight_ns": weight}
+                    if waiting:
+                        sample_args["waiting"] = True
+                    sink.sample(pid, tid, ts, stack_names[i], sample_args)
+                count += len(rows)
         return count
