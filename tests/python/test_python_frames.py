@@ -555,10 +555,12 @@ def test_wall_clock_counts_sleep_and_marks_it_waiting(record):
 
 # ---- Stress: threads that come and go, generators, coroutines, recursion ----
 
-@pytest.mark.parametrize("clock, least", [("cpu", 200), ("wall", 3000)])
+@pytest.mark.parametrize("clock, least", [("cpu", 100), ("wall", 3000)])
 def test_thousands_of_samples_across_threads_that_come_and_go(record, clock, least):
-    # Each thread's CPU-time timer fires on the kernel's tick at most; the wall
-    # clock's sampler reads every thread's frames from outside at the rate.
+    # Each thread's CPU-time timer fires on the kernel's tick at most, and a
+    # thread gets its timer at the sampler's next scan, which a loaded machine
+    # delays; the wall clock's sampler reads every thread's frames from outside
+    # at the rate.
     run = record("stress", STRESS, options=("-F", "4000", "--clock", clock))
     assert run.got["threads"] == 200
     samples = cpu_records(run.capture, STACK, pid=run.got["pid"])

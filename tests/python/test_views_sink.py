@@ -88,15 +88,17 @@ import sys, threading, time
 import zorvek
 
 def busy(seconds):
-    end = time.process_time() + seconds
-    while time.process_time() < end:
+    # The thread's own CPU time: a thread gets its timer at the sampler's next
+    # scan of the threads (every 100 ms), so the helper burns well past that.
+    end = time.thread_time() + seconds
+    while time.thread_time() < end:
         pass
 
 with zorvek.profile(sys.argv[1], gpu=False, quiet=True):
     with zorvek.annotate("outer"):
         with zorvek.annotate("inner"):
             busy(0.2)
-        worker = threading.Thread(target=busy, args=(0.1,), name="helper")
+        worker = threading.Thread(target=busy, args=(0.4,), name="helper")
         worker.start()
         worker.join()
 '''
