@@ -26,7 +26,7 @@
 
 #include "bench/bench_support.h"
 #include "zorv/cpu/processpages.h"
-#include "zorv/cpu/zvkperfevents.h"
+#include "zorv/format/perf.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkqueue.h"
 

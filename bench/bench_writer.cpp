@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "bench/bench_support.h"
+#include "zorv/format/annotation.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkfilewriter.h"
-#include "zorv/zvkannotator.h"
 
 namespace zorvek {
 namespace {

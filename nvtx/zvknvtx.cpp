@@ -31,30 +31,19 @@
 #include <utility>
 #include <vector>
 
+#include "zorv/format/hooks.h"
+
 #define ZVK_NVTX_EXPORT extern "C" __attribute__((visibility("default")))
 
 namespace {
 
-// ---- The hook table, laid out as the controller's ---------------------------------
+// ---- The hook table --------------------------------------------------------------
 
-using StartFn = uint64_t (*)(const char* msg, uint64_t msg_len);
-using EndFn = void (*)(uint64_t token);
-using MarkerFn = void (*)(const char* msg, uint64_t msg_len);
-using NonCallableFn = void (*)();
-
-struct HookTable {
-  uint64_t tableVersion;
-  StartFn annotation_start_fptr;
-  EndFn annotation_end_fptr;
-  MarkerFn annotation_marker_fptr;
-  NonCallableFn* ann_table[5];
-};
-static_assert(offsetof(HookTable, tableVersion) == 0, "tableVersion at 0");
-static_assert(offsetof(HookTable, annotation_start_fptr) == 8, "start at 8");
-static_assert(offsetof(HookTable, annotation_end_fptr) == 16, "end at 16");
-static_assert(offsetof(HookTable, annotation_marker_fptr) == 24, "marker at 24");
-static_assert(offsetof(HookTable, ann_table) == 32, "ann_table at 32");
-static_assert(sizeof(HookTable) == 72, "the hook table is 72 bytes");
+using HookTable = zorvek::ZVKIFuncTable_t;
+using StartFn = zorvek::zvki_annotation_start_fptr_t;
+using EndFn = zorvek::zvki_annotation_end_fptr_t;
+using MarkerFn = zorvek::zvki_marker_fptr_t;
+using NonCallableFn = zorvek::ZVKINonCallable_fptr;
 
 uint64_t idle_start(const char*, uint64_t) { return 0; }
 void idle_end(uint64_t) {}

@@ -29,9 +29,9 @@
 #include "tests/test_support.h"
 #include "zorv/cuda/zvkcudacollector.h"
 #include "zorv/cuda/zvkcupti.h"
+#include "zorv/format/record.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkqueue.h"
-#include "zorv/io/zvkrecord.h"
 #include "zorv/zorv.h"
 
 namespace zorvek {

@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "tests/test_support.h"
+#include "tools/zvkbucketreader.h"
+#include "tools/zvkfileheader.h"
 #include "tools/zvkfilereader.h"
 #include "zorv/io/zvkfile.h"
 #include "zorv/io/zvkfilewriter.h"

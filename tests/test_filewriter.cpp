@@ -6,11 +6,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
 
 #include "tests/test_support.h"
+#include "tools/zvkfileheader.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkfilewriter.h"
 

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstring>
 #include <map>
 #include <set>
 #include <string>
@@ -20,9 +21,9 @@
 #include <vector>
 
 #include "tests/test_support.h"
-#include "zorv/io/zvkrecord.h"
+#include "zorv/format/annotation.h"
+#include "zorv/format/record.h"
 #include "zorv/zorv.h"
-#include "zorv/zvkannotator.h"
 
 namespace zorvek {
 namespace {

@@ -13,7 +13,7 @@
 
 #include "tests/test_support.h"
 #include "zorv/cpu/processpages.h"
-#include "zorv/cpu/zvkperfevents.h"
+#include "zorv/format/perf.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
 #include "zorv/io/zvkqueue.h"
 

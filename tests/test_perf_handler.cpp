@@ -25,8 +25,8 @@
 
 #include "tests/test_support.h"
 #include "zorv/cpu/zvkperfcollector.h"
-#include "zorv/cpu/zvkperfevents.h"
 #include "zorv/cpu/zvkperfhandler.h"
+#include "zorv/format/perf.h"
 #include "zorv/io/zvkforklocks.h"
 #include "zorv/utils/clock.h"
 

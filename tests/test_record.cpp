@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "tests/test_support.h"
+#include "tools/zvkbucketreader.h"
+#include "zorv/format/annotation.h"
+#include "zorv/format/record.h"
 #include "zorv/io/zvkbufferrecordhelper.h"
-#include "zorv/io/zvkrecord.h"
-#include "zorv/zvkannotator.h"
 
 namespace zorvek {
 namespace {

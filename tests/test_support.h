@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "zorv/format/file.h"
 #include "zorv/io/zvkbuffer.h"
-#include "zorv/io/zvkfile.h"
 #include "zorv/io/zvkqueue.h"
 
 namespace zorvek {

@@ -17,14 +17,15 @@
 #include <utility>
 #include <vector>
 
+#include "tools/zvkbucketreader.h"
+#include "tools/zvkfileheader.h"
 #include "tools/zvkfilereader.h"
 #include "tools/zvkrecords.h"
 #include "tools/zvksummary.h"
 #include "zorv/cpu/perf_helpers.h"
-#include "zorv/cpu/zvkperfevents.h"
-#include "zorv/cuda/zvkcudastructs.h"
-#include "zorv/io/zvkfile.h"
-#include "zorv/zvkannotator.h"
+#include "zorv/format/annotation.h"
+#include "zorv/format/cuda.h"
+#include "zorv/format/perf.h"
 
 namespace zorvek {
 namespace {

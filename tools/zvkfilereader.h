@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "zorv/io/zvkfile.h"
+#include "tools/zvkbucketreader.h"
+#include "zorv/format/file.h"
 #include "zorv/utils/status.h"
 
 namespace zorvek {

@@ -13,11 +13,11 @@
 #include <unordered_map>
 #include <utility>
 
-#include "zorv/cpu/zvkperfevents.h"
-#include "zorv/cpu/zvksampleevents.h"
-#include "zorv/cuda/zvkcudastructs.h"
-#include "zorv/io/zvkfile.h"
-#include "zorv/zvkannotator.h"
+#include "tools/zvkbucketreader.h"
+#include "zorv/format/annotation.h"
+#include "zorv/format/cuda.h"
+#include "zorv/format/perf.h"
+#include "zorv/format/stack.h"
 
 namespace zorvek {
 

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 
+#include "zorv/format/hooks.h"
 #include "zorv/io/zvkbuffer.h"
 #include "zorv/io/zvkqueue.h"
 #include "zorv/utils/status.h"
@@ -106,27 +107,6 @@ class Zorv {
   // The libraries were given our table at a start and not yet their own back.
   bool m_hooks_installed = false;
 };
-
-// The table handed to foreign libraries that carry annotation hooks.
-typedef uint64_t ZVKI_AnnotationToken_t;
-typedef ZVKI_AnnotationToken_t (*zvki_annotation_start_fptr_t)(const char* msg, uint64_t msg_len);
-typedef void (*zvki_annotation_end_fptr_t)(ZVKI_AnnotationToken_t token);
-typedef void (*zvki_marker_fptr_t)(const char* msg, uint64_t msg_len);
-typedef void (*ZVKINonCallable_fptr)();
-
-struct ZVKIFuncTable_t {
-  uint64_t tableVersion;
-  zvki_annotation_start_fptr_t annotation_start_fptr;
-  zvki_annotation_end_fptr_t annotation_end_fptr;
-  zvki_marker_fptr_t annotation_marker_fptr;
-  ZVKINonCallable_fptr* ann_table[5];
-};
-static_assert(offsetof(ZVKIFuncTable_t, tableVersion) == 0, "tableVersion at 0");
-static_assert(offsetof(ZVKIFuncTable_t, annotation_start_fptr) == 8, "start at 8");
-static_assert(offsetof(ZVKIFuncTable_t, annotation_end_fptr) == 16, "end at 16");
-static_assert(offsetof(ZVKIFuncTable_t, annotation_marker_fptr) == 24, "marker at 24");
-static_assert(offsetof(ZVKIFuncTable_t, ann_table) == 32, "ann_table at 32");
-static_assert(sizeof(ZVKIFuncTable_t) == 72, "the hook table is 72 bytes");
 
 extern "C" ZVKIFuncTable_t instrumentation_funcs;
 

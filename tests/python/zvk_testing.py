@@ -1,5 +1,11 @@
 """What the Python tests share: running a scenario in a fresh interpreter under a
-time limit, and a small reader of capture files of the tests' own."""
+time limit, and a small reader of capture files of the tests' own.
+
+The reader (read_capture and its _decode_cpu, _decode_stack, _decode_gpu) decodes
+the bytes with struct by hand on purpose, apart from the package's reader and the
+C++ layouts in zorv/format/: it is the tests' independent check of the file
+format, so a changed layout fails a test even where the writer and the reader,
+sharing those headers, change together."""
 
 import collections
 import json
@@ -182,7 +188,8 @@ Capture = collections.namedtuple("Capture", "header buckets records torn")
 def read_capture(path):
     """Reads every whole bucket, never trusting num_buckets (0 until the header's
     final rewrite, which a process ending in os._exit never gets). A torn last
-    bucket ends the walk and is reported."""
+    bucket ends the walk and is reported. Decodes by hand, independently of the
+    package's reader: the tests' own check of the layouts."""
     data = open(path, "rb").read()
     header = dict(zip(_HEADER_FIELDS, _HEADER.unpack_from(data, 0)))
     assert header["key"] == b"ZVKRAWDF" and header["version"] == 3, path

@@ -25,9 +25,10 @@
 #include "tools/python/zvkcolumns.h"
 #include "tools/python/zvkfields.h"
 #include "tools/python/zvkranges.h"
-#include "tools/zvksummary.h"
+#include "tools/zvkfileheader.h"
 #include "tools/zvkfilereader.h"
 #include "tools/zvkrecords.h"
+#include "tools/zvksummary.h"
 
 namespace py = pybind11;
 

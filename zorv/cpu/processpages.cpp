@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zorv/cpu/zvkperfevents.h"
-#include "zorv/io/zvkrecord.h"
+#include "zorv/format/perf.h"
+#include "zorv/format/record.h"
 #include "zorv/utils/clock.h"
 #include "zorv/utils/logging.h"
 

@@ -20,11 +20,11 @@
 #include <set>
 #include <sstream>
 
-#include "zorv/cpu/procmaps.h"
 #include "zorv/cpu/perf_helpers.h"
 #include "zorv/cpu/processpages.h"
-#include "zorv/cpu/zvkperfevents.h"
-#include "zorv/io/zvkrecord.h"
+#include "zorv/cpu/procmaps.h"
+#include "zorv/format/perf.h"
+#include "zorv/format/record.h"
 #include "zorv/utils/clock.h"
 #include "zorv/utils/config_values.h"
 #include "zorv/utils/logging.h"

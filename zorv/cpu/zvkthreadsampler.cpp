@@ -23,7 +23,7 @@
 #include "zorv/cpu/pyframes.h"
 #include "zorv/cpu/pythonlayout.h"
 #include "zorv/cpu/signalring.h"
-#include "zorv/cpu/zvkperfevents.h"
+#include "zorv/format/perf.h"
 #include "zorv/utils/backtrace.h"
 #include "zorv/utils/clock.h"
 #include "zorv/utils/logging.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "zorv/cpu/zvksampleevents.h"
+#include "zorv/format/stack.h"
 #include "zorv/zvkregistry.h"
 
 namespace zorvek {

@@ -7,9 +7,9 @@
 #include <memory>
 #include <mutex>
 
+#include "zorv/format/record.h"
 #include "zorv/io/zvkbuffer.h"
 #include "zorv/io/zvkqueue.h"
-#include "zorv/io/zvkrecord.h"
 #include "zorv/utils/status.h"
 
 namespace zorvek {

@@ -7,100 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
-#include <ctime>
+#include <cstring>
 
+#include "zorv/format/record.h"
 #include "zorv/utils/logging.h"
-#include "zorv/utils/utils.h"
 
 namespace zorvek {
-
-uint32_t get_header_payload_size(const ZVKFileHeader* hdr) {
-  // `reserved` is part of the sum on purpose, though always 0.
-  return static_cast<uint32_t>(hdr->cpu_model_str_len) + hdr->job_uid_size +
-         hdr->hostname_str_len + hdr->reserved + hdr->instance_str_len;
-}
-
-std::string get_cpu_model_id(const ZVKFileHeader* hdr) {
-  return std::string(hdr->data, hdr->cpu_model_str_len);
-}
-
-std::string get_jobuid(const ZVKFileHeader* hdr) {
-  return std::string(hdr->data + hdr->cpu_model_str_len, hdr->job_uid_size);
-}
-
-std::string get_hostname(const ZVKFileHeader* hdr) {
-  return std::string(hdr->data + hdr->cpu_model_str_len + hdr->job_uid_size,
-                     hdr->hostname_str_len);
-}
-
-std::string get_instance_type(const ZVKFileHeader* hdr) {
-  return std::string(
-      hdr->data + hdr->cpu_model_str_len + hdr->job_uid_size + hdr->hostname_str_len,
-      hdr->instance_str_len);
-}
-
-namespace {
-
-// Appends printf-formatted text to a fixed block, never past its end.
-class TextBlock {
- public:
-  template <typename... Args>
-  void append(const char* format, Args... args) {
-    if (m_used >= sizeof(m_block) - 1) return;
-    int wrote = snprintf(m_block + m_used, sizeof(m_block) - m_used, format, args...);
-    if (wrote > 0) m_used = std::min(sizeof(m_block) - 1, m_used + static_cast<size_t>(wrote));
-  }
-  void append_text(const char* text) { append("%s", text); }
-  const char* c_str() const { return m_block; }
-
- private:
-  char m_block[4096] = {};
-  size_t m_used = 0;
-};
-
-}  // namespace
-
-Status dump_zvkfile_header(const ZVKFileHeader* hdr, std::ostream& out) {
-  if (hdr == nullptr) return Status(error::FAILED_PRECONDITION, "File header is nullptr!");
-  TextBlock block;
-  block.append_text("\tMagic= '");
-  block.append("%.8s", hdr->key);
-  block.append(
-      "'\n\tZVKVersion= %10d,\n\tcompression= %7d,\n\tConfig= %lu,\n\tstart= %s,\n\tend= "
-      "%s,\n\tclock_offset= %lu,\n\tpid= %d,\n\tmax_bucket= %d,\n\tmax_uncompressed= %d,\n\t",
-      hdr->ZVKVersion, hdr->compression, static_cast<unsigned long>(hdr->ZVKConfig),
-      local_time_text(hdr->start_time, "%F %H:%M:%S").c_str(),
-      local_time_text(hdr->end_time, "%F %H:%M:%S").c_str(),
-      static_cast<unsigned long>(hdr->clock_shift), hdr->pid, hdr->max_bucket_size,
-      hdr->max_uncompressed_size);
-  block.append(
-      "num_buckets= %d,\n\tcomp_dict_size= %d,\n\tcpu_model= %d,\n\tcpu_model_name_size= "
-      "%d,\n\tjob_uid_size= %d,\n\thostname_size= %d,\n\tinstance_size= %d,\n\treserved= %d,\n\t",
-      hdr->num_buckets, hdr->compression_dict_size, hdr->cpu_model, hdr->cpu_model_str_len,
-      hdr->job_uid_size, hdr->hostname_str_len, hdr->instance_str_len, hdr->reserved);
-  if (hdr->cpu_model_str_len != 0) {
-    block.append("CPU Model Name= '%s'", get_cpu_model_id(hdr).c_str());
-    block.append_text("\n\t");
-  }
-  if (hdr->job_uid_size != 0) {
-    block.append("Job UID= '%s'", get_jobuid(hdr).c_str());
-    block.append_text("\n");
-    if (hdr->hostname_str_len != 0) block.append_text("\t");
-  }
-  if (hdr->hostname_str_len != 0) {
-    block.append("Hostname= \"%s\"", get_hostname(hdr).c_str());
-    block.append_text("\n");
-    if (hdr->instance_str_len != 0) block.append_text("\t");
-  }
-  if (hdr->instance_str_len != 0) {
-    block.append("Instance Type= \"%s\"\n", get_instance_type(hdr).c_str());
-  }
-  out << block.c_str();
-  return Status::OK();
-}
 
 namespace {
 
@@ -164,12 +77,13 @@ Status ZVKBucketWriter::write_bucket(const ZVKBuffer* buffer) {
   uint64_t tmax = 0;
   uint64_t count = 0;
   for (uint64_t offset = 0; offset < num_bytes;) {
-    const ZVKRecordReader record(buffer->record_buffer + offset);
-    const uint64_t timestamp = record.timestamp();
-    tmin = std::min(tmin, timestamp);
-    tmax = std::max(tmax, timestamp);
+    // Copied out: records are packed and need not be aligned.
+    ZVKRecord record;
+    std::memcpy(&record, buffer->record_buffer + offset, kRecordHeaderSize);
+    tmin = std::min(tmin, record.timestamp);
+    tmax = std::max(tmax, record.timestamp);
     ++count;
-    offset += record.size();
+    offset += record_size(record.call_chain_size, record.payload_size);
   }
   m_total_records_written += count;
 
@@ -250,63 +164,6 @@ void ZVKBucketWriter::release_written_pages(off_t start, size_t length) {
   }
   m_unreleased_start = start;
   m_unreleased_length = length;
-}
-
-ZVKBucketReader::ZVKBucketReader(const ZVKFileBucket* bucket, char* buffer, int32_t bucket_size)
-    : m_bucket_size(static_cast<uint32_t>(bucket_size)), m_bucket(bucket), m_buffer(buffer) {
-  ZVKFileBucket header;
-  std::memcpy(&header, bucket, sizeof(header));
-  tmin = header.tmin;
-  tmax = header.tmax;
-  number_of_records_in_bucket = header.number_of_records_in_bucket;
-  compressed_size = header.compressed_size;
-  uncompressed_size = header.uncompressed_size;
-}
-
-Status ZVKBucketReader::decompress() {
-  if (uncompressed_size > m_bucket_size) {
-    return Status(error::INSUFFICIENT_RESOURCES,
-                  "Bucket needs " + std::to_string(uncompressed_size) +
-                      " bytes but the buffer holds " + std::to_string(m_bucket_size));
-  }
-  uLongf length = uncompressed_size;
-  const auto* stream =
-      reinterpret_cast<const Bytef*>(reinterpret_cast<const char*>(m_bucket) + kZVKBucketHeaderSize);
-  const int result = uncompress(reinterpret_cast<Bytef*>(m_buffer), &length, stream, compressed_size);
-  if (result != Z_OK) {
-    return Status(error::FAILURE, std::string("Can't inflate the bucket: ") + zError(result));
-  }
-  if (length != uncompressed_size) {
-    return Status(error::FAILURE, "Bucket inflated to " + std::to_string(length) +
-                                      " bytes instead of " + std::to_string(uncompressed_size));
-  }
-  m_inflated = true;
-  curr_offset = 0;
-  return Status::OK();
-}
-
-Status ZVKBucketReader::get_next_record(ZVKRecordReader& reader) {
-  if (!m_inflated) return Status(error::FAILED_PRECONDITION, "Bucket is not decompressed");
-  if (curr_offset >= uncompressed_size) return Status(error::END_OF_DATA, "No more records");
-  if (uncompressed_size - curr_offset < kRecordHeaderSize) {
-    return Status(error::FAILURE,
-                  "Truncated record header at offset " + std::to_string(curr_offset));
-  }
-  ZVKRecordReader candidate(m_buffer + curr_offset);
-  if (candidate.size() > uncompressed_size - curr_offset) {
-    return Status(error::FAILURE, "Record at offset " + std::to_string(curr_offset) +
-                                      " runs past the end of the bucket");
-  }
-  reader = candidate;
-  curr_offset += candidate.size();
-  return Status::OK();
-}
-
-Status ZVKBucketReader::get_next_record(std::unique_ptr<ZVKRecordReader>* reader) {
-  ZVKRecordReader next;
-  ZVK_RETURN_NOT_OK(get_next_record(next));
-  *reader = std::make_unique<ZVKRecordReader>(next);
-  return Status::OK();
 }
 
 }  // namespace zorvek

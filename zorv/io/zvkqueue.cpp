@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "zorv/io/zvkrecord.h"
+#include "zorv/format/record.h"
 #include "zorv/utils/logging.h"
 
 namespace zorvek {

@@ -23,6 +23,7 @@ enum CUDARecordType : uint32_t {
   CUDA_API = 9,  // a traced driver API call, with its host call chain
   NUM_CUDA_RECORD_TYPES = 10,
 };
+static_assert(sizeof(CUDARecordType) == 4, "CUDARecordType is a 32-bit enum");
 
 // akind of a KERNEL_NAME record.
 constexpr uint32_t kKernelNameKind = 0;
@@ -76,6 +77,7 @@ struct kernel_pack {
   uint8_t launchType;
 };
 static_assert(sizeof(kernel_pack) == 8, "kernel_pack is 8 bytes");
+static_assert(offsetof(kernel_pack, nameId) == 0, "nameId at 0");
 static_assert(offsetof(kernel_pack, registersPerThread) == 4, "registersPerThread at 4");
 static_assert(offsetof(kernel_pack, shmConfig) == 6, "shmConfig at 6");
 static_assert(offsetof(kernel_pack, launchType) == 7, "launchType at 7");
@@ -135,6 +137,10 @@ struct copy_attr {
   uint8_t flags;
 };
 static_assert(sizeof(copy_attr) == 4, "copy_attr is 4 bytes");
+static_assert(offsetof(copy_attr, copy_kind) == 0, "copy_kind at 0");
+static_assert(offsetof(copy_attr, src_kind) == 1, "src_kind at 1");
+static_assert(offsetof(copy_attr, dst_kind) == 2, "dst_kind at 2");
+static_assert(offsetof(copy_attr, flags) == 3, "flags at 3");
 
 // Payload of MEMCOPY.
 struct memcopy {
@@ -174,6 +180,8 @@ struct memcopy_p2p {
   uint32_t dstContext;
 };
 static_assert(sizeof(memcopy_p2p) == 48, "memcopy_p2p is 48 bytes");
+static_assert(offsetof(memcopy_p2p, end) == 0, "end at 0");
+static_assert(offsetof(memcopy_p2p, bytes) == 8, "bytes at 8");
 static_assert(offsetof(memcopy_p2p, attr) == 16, "attr at 16");
 static_assert(offsetof(memcopy_p2p, srcDevice) == 24, "srcDevice at 24");
 static_assert(offsetof(memcopy_p2p, dstDevice) == 28, "dstDevice at 28");
@@ -193,6 +201,7 @@ struct memset {
   uint16_t memkind;
 };
 static_assert(sizeof(memset) == 32, "memset is 32 bytes");
+static_assert(offsetof(memset, end) == 0, "end at 0");
 static_assert(offsetof(memset, size) == 8, "size at 8");
 static_assert(offsetof(memset, value) == 16, "value at 16");
 static_assert(offsetof(memset, correlationId) == 20, "correlationId at 20");
@@ -209,6 +218,7 @@ struct driver {
   uint32_t returnValue;
 };
 static_assert(sizeof(driver) == 24, "driver is 24 bytes");
+static_assert(offsetof(driver, end) == 0, "end at 0");
 static_assert(offsetof(driver, pid) == 8, "pid at 8");
 static_assert(offsetof(driver, tid) == 12, "tid at 12");
 static_assert(offsetof(driver, correlationId) == 16, "correlationId at 16");
@@ -223,6 +233,7 @@ struct callback {
   uint32_t funcNameId;  // id of a KERNEL_NAME record of akind 1
 };
 static_assert(sizeof(callback) == 24, "callback is 24 bytes");
+static_assert(offsetof(callback, end) == 0, "end at 0");
 static_assert(offsetof(callback, domain) == 8, "domain at 8");
 static_assert(offsetof(callback, cbid) == 12, "cbid at 12");
 static_assert(offsetof(callback, correlationId) == 16, "correlationId at 16");

@@ -1,5 +1,8 @@
 #pragma once
 
+// The record: its 24-byte header, the packed event word and the call chain entry.
+// The same bytes in memory and in the capture file.
+
 #include <cstddef>
 #include <cstdint>
 

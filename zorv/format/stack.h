@@ -1,5 +1,8 @@
 #pragma once
 
+// The payloads of the stack sampler's records (hw_type CPU). These bytes go into the
+// capture file unchanged: every size and offset below is file format.
+
 #include <cstddef>
 #include <cstdint>
 
@@ -20,6 +23,7 @@ enum ZVKSampleClock : uint8_t {
   SAMPLE_CLOCK_CPU = 0,   // the thread's own CPU time, user and system
   SAMPLE_CLOCK_WALL = 1,  // elapsed time, running or not
 };
+static_assert(sizeof(ZVKSampleClock) == 1, "ZVKSampleClock is one byte");
 
 enum ZVKStackSampleFlags : uint8_t {
   STACK_WAITING = 1,      // wall clock: the thread used no CPU since its last sample
@@ -27,6 +31,7 @@ enum ZVKStackSampleFlags : uint8_t {
   STACK_PYTHON_CUT = 4,   // more Python frames than were kept (the root side is lost)
   STACK_NO_NATIVE = 8,    // no native walk was made (another thread's sample, or a busy unwinder)
 };
+static_assert(sizeof(ZVKStackSampleFlags) == 1, "ZVKStackSampleFlags is one byte");
 
 // Payload of STACK_SAMPLE: this header, `native_count` 64-bit addresses, leaf
 // first (the leaf the interrupted instruction, the others return addresses), then
@@ -46,6 +51,7 @@ static_assert(offsetof(ZVKStackSample, native_count) == 8, "native_count at 8");
 static_assert(offsetof(ZVKStackSample, python_count) == 10, "python_count at 10");
 static_assert(offsetof(ZVKStackSample, clock) == 12, "clock at 12");
 static_assert(offsetof(ZVKStackSample, flags) == 13, "flags at 13");
+static_assert(offsetof(ZVKStackSample, reserved) == 14, "reserved at 14");
 
 // One Python frame: the code object, by the id its PYTHON_CODE record gives it in
 // this process, and the byte offset of the instruction the frame stands at.
@@ -113,6 +119,7 @@ struct ZVKApiPythonStack {
 static_assert(sizeof(ZVKApiPythonStack) == 16, "ZVKApiPythonStack is 16 bytes");
 static_assert(offsetof(ZVKApiPythonStack, correlation_id) == 0, "correlation_id at 0");
 static_assert(offsetof(ZVKApiPythonStack, python_count) == 8, "python_count at 8");
+static_assert(offsetof(ZVKApiPythonStack, reserved) == 10, "reserved at 10");
 
 }  // namespace perfevent
 }  // namespace zorvek
