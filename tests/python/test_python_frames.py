@@ -11,13 +11,13 @@ import json
 import os
 import re
 import shutil
-import signal
 import subprocess
 import sys
 
 import pytest
 
-from zvk_testing import STACK, build_shared_library, cpu_records, parse_reports, read_capture
+from zvk_testing import (STACK, build_shared_library, cpu_records, parse_reports, read_capture,
+                         run_command)
 
 # The interpreters the tests run programs under: this one, and pyenv's other
 # versions where they are installed (make install-pythons puts zorvek into them).
@@ -263,15 +263,7 @@ def _environment(extra=None):
 
 
 def _run(command, cwd, timeout=180):
-    process = subprocess.Popen(command, cwd=cwd, env=_environment(), stdout=subprocess.PIPE,
-                               stderr=subprocess.PIPE, text=True, start_new_session=True)
-    try:
-        stdout, stderr = process.communicate(timeout=timeout)
-    except subprocess.TimeoutExpired:
-        os.killpg(process.pid, signal.SIGKILL)
-        stdout, stderr = process.communicate()
-        pytest.fail(f"{command} hung for {timeout} s\n{stdout}\n{stderr[-4000:]}")
-    return process.returncode, stdout, stderr
+    return run_command(command, cwd, _environment(), timeout)
 
 
 @pytest.fixture(scope="module", params=INTERPRETERS, ids=[version for version, _ in INTERPRETERS])

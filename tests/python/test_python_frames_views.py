@@ -5,14 +5,12 @@ the root or was cut on a deep stack, and none of the launcher's frames above it.
 import json
 import os
 import re
-import signal
-import subprocess
 import sys
 import textwrap
 
 import pytest
 
-from zvk_testing import STACK, cpu_records, parse_reports, read_capture
+from zvk_testing import STACK, cpu_records, parse_reports, read_capture, run_command
 
 # Spins in `spin` under a shallow stack and under a deep one: each level of
 # `deep` goes through list() and map(), native calls that end in an evaluation
@@ -54,15 +52,8 @@ def _environment():
 
 
 def _run(command, cwd, timeout=180):
-    process = subprocess.Popen(command, cwd=cwd, env=_environment(), stdout=subprocess.PIPE,
-                               stderr=subprocess.PIPE, text=True, start_new_session=True)
-    try:
-        stdout, stderr = process.communicate(timeout=timeout)
-    except subprocess.TimeoutExpired:
-        os.killpg(process.pid, signal.SIGKILL)
-        stdout, stderr = process.communicate()
-        pytest.fail(f"{command} hung for {timeout} s\n{stdout}\n{stderr[-4000:]}")
-    assert process.returncode == 0, stdout + stderr[-4000:]
+    code, stdout, stderr = run_command(command, cwd, _environment(), timeout)
+    assert code == 0, stdout + stderr[-4000:]
     assert "Traceback" not in stderr, stderr[-4000:]
     return stdout
 

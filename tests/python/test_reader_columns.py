@@ -16,8 +16,9 @@ import numpy as np
 import pyarrow as pa
 import pytest
 
-from test_reader_summary import bucket_spans, rich, synthetic_record, write_synthetic  # noqa: F401
-from zvk_testing import ANNOTATION, BEGIN, CPU, GPU
+from test_reader_summary import (bucket_spans, gpu_records_no_scenario_makes, rich,  # noqa: F401
+                                 synthetic_record, write_synthetic)
+from zvk_testing import ANNOTATION, BEGIN, CPU
 
 from zorvek import _reader
 
@@ -131,12 +132,7 @@ def test_the_kinds_no_scenario_makes_and_a_short_payload(tmp_path, rich):
     pid, tid = 77, 78
 
     records = [
-        synthetic_record(100, GPU, 3 | (3 << 12), pid, 5, struct.pack("<QII", 160, 9, 4)),
-        synthetic_record(200, GPU, 5 | (10 << 12), pid, 0, struct.pack(
-            "<QQBBBB4xIIIIII", 260, 1 << 20, 10, 3, 3, 0, 0, 1, 11, 6, 2, 3)),
-        synthetic_record(300, GPU, 6 | (2 << 12), pid, 0, struct.pack(
-            "<QQIIIHH", 340, 4096, 7, 12, 6, 0, 3)),
-        synthetic_record(400, GPU, 7, pid, tid, struct.pack("<QIIII", 450, pid, tid, 13, 0)),
+        *gpu_records_no_scenario_makes(pid, tid),
         synthetic_record(600, CPU, 4, pid, tid, struct.pack("<QQQ", 1, 2, 17)),
         synthetic_record(720, CPU, 8, pid, tid, struct.pack("<QQII", 1, 2, pid, tid)),
         synthetic_record(1_000, ANNOTATION, BEGIN, pid, tid, struct.pack("<Q", 41) + b"late\0\0\0\0"),

@@ -283,6 +283,19 @@ def write_synthetic(path, header, records):
                                           len(stream), len(data)) + stream)
 
 
+def gpu_records_no_scenario_makes(pid, tid):
+    """A synchronization, a peer copy, a memset and a driver call of `pid`, with
+    known fields (the stand-in can't emit them from Python)."""
+    return [
+        synthetic_record(100, GPU, 3 | (3 << 12), pid, 5, struct.pack("<QII", 160, 9, 4)),
+        synthetic_record(200, GPU, 5 | (10 << 12), pid, 0, struct.pack(
+            "<QQBBBB4xIIIIII", 260, 1 << 20, 10, 3, 3, 0, 0, 1, 11, 6, 2, 3)),
+        synthetic_record(300, GPU, 6 | (2 << 12), pid, 0, struct.pack(
+            "<QQIIIHH", 340, 4096, 7, 12, 6, 0, 3)),
+        synthetic_record(400, GPU, 7, pid, tid, struct.pack("<QIIII", 450, pid, tid, 13, 0)),
+    ]
+
+
 def test_the_kinds_no_scenario_makes_are_decoded_and_added_up(tmp_path, rich):
     """Records the stand-in can't emit from Python (memsets, synchronizations,
     driver and runtime activity, peer copies, LOST, THROTTLE, EXIT, MARKER),
@@ -290,12 +303,7 @@ def test_the_kinds_no_scenario_makes_are_decoded_and_added_up(tmp_path, rich):
     header = bucket_spans(rich[0])[0]
     pid, tid = 77, 78
     records = [
-        synthetic_record(100, GPU, 3 | (3 << 12), pid, 5, struct.pack("<QII", 160, 9, 4)),
-        synthetic_record(200, GPU, 5 | (10 << 12), pid, 0, struct.pack(
-            "<QQBBBB4xIIIIII", 260, 1 << 20, 10, 3, 3, 0, 0, 1, 11, 6, 2, 3)),
-        synthetic_record(300, GPU, 6 | (2 << 12), pid, 0, struct.pack(
-            "<QQIIIHH", 340, 4096, 7, 12, 6, 0, 3)),
-        synthetic_record(400, GPU, 7, pid, tid, struct.pack("<QIIII", 450, pid, tid, 13, 0)),
+        *gpu_records_no_scenario_makes(pid, tid),
         synthetic_record(500, GPU, 8, pid, tid, struct.pack("<QIIII", 520, pid, tid, 14, 2)),
         synthetic_record(600, CPU, 4, pid, tid, struct.pack("<QQQ", 1, 2, 17)),
         synthetic_record(700, CPU, 2, pid, tid, struct.pack("<QQ", 1, 2)),

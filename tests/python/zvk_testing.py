@@ -23,23 +23,27 @@ import pytest
 _PROFILER_VARIABLES = ("ZVK_", "ZV_", "ZORV_")
 
 
-def run_python(args, cwd, env, timeout):
-    """Runs the interpreter with `args` in cwd, in a session of its own so that a
-    hung scenario is killed with its children, and fails the test if it runs past
-    `timeout` seconds. The caller's profiler variables don't leak in; `env` is
-    added. Returns the exit code, stdout and stderr."""
-    full_env = {k: v for k, v in os.environ.items() if not k.startswith(_PROFILER_VARIABLES)}
-    full_env.update(env)
-    process = subprocess.Popen([sys.executable, *args], cwd=cwd, env=full_env,
-                               stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
-                               start_new_session=True)
+def run_command(command, cwd, env, timeout):
+    """Runs `command` in cwd with the environment `env`, in a session of its own
+    so that a hung command is killed with its children, and fails the test if it
+    runs past `timeout` seconds. Returns the exit code, stdout and stderr."""
+    process = subprocess.Popen(command, cwd=cwd, env=env, stdout=subprocess.PIPE,
+                               stderr=subprocess.PIPE, text=True, start_new_session=True)
     try:
         stdout, stderr = process.communicate(timeout=timeout)
     except subprocess.TimeoutExpired:
         os.killpg(process.pid, signal.SIGKILL)
         stdout, stderr = process.communicate()
-        pytest.fail(f"scenario hung for {timeout} s\n{stdout}\n{stderr[-4000:]}")
+        pytest.fail(f"{command} hung for {timeout} s\n{stdout}\n{stderr[-4000:]}")
     return process.returncode, stdout, stderr
+
+
+def run_python(args, cwd, env, timeout):
+    """Runs the interpreter with `args` as run_command does. The caller's profiler
+    variables don't leak in; `env` is added."""
+    full_env = {k: v for k, v in os.environ.items() if not k.startswith(_PROFILER_VARIABLES)}
+    full_env.update(env)
+    return run_command([sys.executable, *args], cwd, full_env, timeout)
 
 
 # ---- Scenario scripts that hand values back as "@key json" lines on stdout ----
